@@ -1,0 +1,109 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// libmount reads both forms of the table: the public one, of devices and mount points, and the
+// kernel's numbered one, which the rest of this layer asks.
+#include "platform/mount_table.h"
+
+#include <libmount/libmount.h>
+
+#include <cerrno>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "platform/failure.h"
+#include "platform/mount_info.h"
+#include "platform/platform_info.h"
+
+namespace {
+
+constexpr const char* kDefaultSource = "/proc/self/mounts";
+
+struct Source {
+  std::mutex mutex;
+  std::string path = kDefaultSource;
+};
+
+Source& source() {
+  static Source instance;
+  return instance;
+}
+
+std::string sourcePath() {
+  const std::lock_guard lock(source().mutex);
+  return source().path;
+}
+
+std::string textOrEmpty(const char* text) {
+  return text == nullptr ? "" : text;
+}
+
+struct BadLine {
+  int number = 0;
+
+  // Called by libmount, which would otherwise drop the line and go on.
+  static int note(libmnt_table* table, const char*, int number) noexcept {
+    static_cast<BadLine*>(mnt_table_get_userdata(table))->number = number;
+    return -EINVAL;
+  }
+};
+
+// Calls `take` with every entry of the table in `path`.
+template <class Take>
+void forEachMount(const std::string& path, Take take) {
+  const std::unique_ptr<libmnt_table, decltype(&mnt_unref_table)> table(mnt_new_table(),
+                                                                        mnt_unref_table);
+  const std::unique_ptr<libmnt_iter, decltype(&mnt_free_iter)> iter(mnt_new_iter(MNT_ITER_FORWARD),
+                                                                    mnt_free_iter);
+  if (!table || !iter) throw std::bad_alloc();
+  BadLine bad;
+  mnt_table_set_userdata(table.get(), &bad);
+  mnt_table_set_parser_errcb(table.get(), BadLine::note);
+  const int error = mnt_table_parse_file(table.get(), path.c_str());
+  if (bad.number != 0)
+    kddc::failKd("KdMntTab :: getAll",
+                 path + ":" + std::to_string(bad.number) + ": this line is no mount entry", EINVAL);
+  if (error != 0)
+    kddc::failKd("KdMntTab :: getAll",
+                 "cannot read the mount table " + path + ": " + kddc::errnoText(-error), -error);
+  libmnt_fs* fs = nullptr;
+  while (mnt_table_next_fs(table.get(), iter.get(), &fs) == 0) take(fs);
+}
+
+// A server behind FUSE may be as dead as one behind a network file system.
+bool isLocal(libmnt_fs* fs) {
+  const bool isFuse = textOrEmpty(mnt_fs_get_fstype(fs)).starts_with("fuse");
+  return mnt_fs_is_netfs(fs) == 0 && mnt_fs_is_pseudofs(fs) == 0 && !isFuse;
+}
+
+}  // namespace
+
+std::vector<KdMntEntry> KdMntTab::getAll() {
+  std::vector<KdMntEntry> entries;
+  forEachMount(sourcePath(), [&](libmnt_fs* fs) {
+    entries.push_back({textOrEmpty(mnt_fs_get_source(fs)), textOrEmpty(mnt_fs_get_target(fs)),
+                       textOrEmpty(mnt_fs_get_fstype(fs))});
+  });
+  return entries;
+}
+
+void KdMntTab::SetSource(std::string path) {
+  if (path.empty()) path = kDefaultSource;
+  const std::lock_guard lock(source().mutex);
+  source().path = std::move(path);
+}
+
+bool GetFailOverDbPath(const char* mountPoint, std::string& path) {
+  return KDPlatformInfo::getString("FailOver", mountPoint, &path) != 0;
+}
+
+std::vector<kddc::MountInfo> kddc::readMountInfo() {
+  std::vector<MountInfo> mounts;
+  forEachMount("/proc/self/mountinfo", [&](libmnt_fs* fs) {
+    mounts.push_back({mnt_fs_get_id(fs), mnt_fs_get_devno(fs), textOrEmpty(mnt_fs_get_target(fs)),
+                      textOrEmpty(mnt_fs_get_fstype(fs)), isLocal(fs)});
+  });
+  return mounts;
+}
