@@ -1,0 +1,53 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// A handle that does not fit is refused and never cut: two files could then share one identifier.
+// The file system is looked up only once that has happened, so the usual call is one system call.
+#include "platform/flr_driver.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/failure.h"
+#include "platform/file_handle.h"
+#include "platform/mount_info.h"
+
+namespace {
+
+// Only for a message, so it never fails.
+std::string fsTypeOf(const std::string& path, bool followLinks) {
+  struct statx status {};
+  const int flags = AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC | (followLinks ? 0 : AT_SYMLINK_NOFOLLOW);
+  if (::statx(AT_FDCWD, path.c_str(), flags, STATX_MNT_ID, &status) != 0) return "of unknown type";
+  try {
+    for (const kddc::MountInfo& mount : kddc::readMountInfo())
+      if (static_cast<unsigned long long>(mount.id) == status.stx_mnt_id) return mount.fsType;
+  } catch (const KdException&) {
+  }
+  return "of unknown type";
+}
+
+[[noreturn]] void fail(const std::string& path, bool followLinks, int error) {
+  std::string message = "cannot identify " + path + ": ";
+  if (error == EOPNOTSUPP)
+    message += "its file system (" + fsTypeOf(path, followLinks) +
+               ") gives no file handles; kddc cannot identify files there";
+  else if (error == EOVERFLOW)
+    message += "its file system (" + fsTypeOf(path, followLinks) +
+               ") gives file handles of more than 20 bytes; kddc cannot identify files there";
+  else
+    message += kddc::errnoText(error);
+  kddc::failKd("FlrDriver :: getFID", std::move(message), error);
+}
+
+}  // namespace
+
+fsf_fid FlrDriver::getFID(const std::string& path, bool followLinks) {
+  fsf_fid fid{};
+  const int result = kddc::identify(AT_FDCWD, path.c_str(), fid, followLinks);
+  if (result < 0) fail(path, followLinks, -result);
+  return fid;
+}
