@@ -2,6 +2,7 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS kddc EXPORT kddcTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS kddc_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 get_property(headers GLOBAL PROPERTY KDDC_PUBLIC_HEADERS)
 foreach(header IN LISTS headers)

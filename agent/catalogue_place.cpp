@@ -1,0 +1,100 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/catalogue_place.h"
+
+#include <fmt/format.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "agent/errors.h"
+#include "platform/platform_info.h"
+
+namespace kddc {
+namespace fs = std::filesystem;
+namespace {
+
+constexpr std::size_t kMaxLabel = 64;
+
+// FNV-1a with 64 bits.
+std::uint64_t hashOf(const std::string& text) {
+  std::uint64_t hash = 0xcbf29ce484222325;
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+  return hash;
+}
+
+bool isPlain(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+         c == '_' || c == '-';
+}
+
+// For people who look into the state folder.
+std::string labelOf(const std::string& volumePath) {
+  std::string label = fs::path(volumePath).filename().string().substr(0, kMaxLabel);
+  std::ranges::replace_if(
+      label, [](char c) { return !isPlain(c); }, '_');
+  return label.empty() ? "root" : label;
+}
+
+std::string homeFolder() {
+  if (const char* home = std::getenv("HOME"); home && home[0] == '/') return home;
+  const passwd* user = getpwuid(geteuid());
+  if (!user) throw Failure("cannot tell where to keep the state; name a folder with --state");
+  return user->pw_dir;
+}
+
+std::string defaultStateFolder() {
+  if (geteuid() == 0) return "/var/lib/kddc";
+  const char* base = std::getenv("XDG_STATE_HOME");
+  return (base && base[0] == '/' ? std::string(base) : homeFolder() + "/.local/state") + "/kddc";
+}
+
+// Absolute, links resolved as far as the path exists, without a blank last part.
+std::string settled(const std::string& path) {
+  std::error_code error;
+  const fs::path settled = fs::weakly_canonical(fs::absolute(path), error);
+  if (error) throw systemFailure("cannot use " + path, error.value());
+  return settled.has_filename() || !settled.has_parent_path() ? settled.string()
+                                                              : settled.parent_path().string();
+}
+
+}  // namespace
+
+std::string realVolumePath(const std::string& volume) {
+  std::error_code error;
+  const fs::path path = fs::canonical(volume, error);
+  if (error) throw systemFailure("cannot use the volume " + volume, error.value());
+  if (!fs::is_directory(path, error))
+    throw Failure("cannot use the volume " + volume + ": it is no folder");
+  return path.string();
+}
+
+std::string stateFolder(const Options& options) {
+  if (!options.state.empty()) return settled(options.state);
+  std::string configured;
+  KDPlatformInfo::getString("DataClassification", "StateDir", &configured);
+  return settled(configured.empty() ? defaultStateFolder() : configured);
+}
+
+std::string catalogueFolder(const Options& options, const std::string& volumePath) {
+  if (!options.catalogue.empty()) return settled(options.catalogue);
+  return fmt::format("{}/catalogues/{}-{:016x}", stateFolder(options), labelOf(volumePath),
+                     hashOf(volumePath));
+}
+
+void makeFolders(const std::string& path) {
+  if (mkdir(path.c_str(), 0700) == 0 || errno == EEXIST) return;
+  if (errno != ENOENT) throw systemFailure("cannot make the folder " + path, errno);
+  makeFolders(fs::path(path).parent_path().string());
+  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+    throw systemFailure("cannot make the folder " + path, errno);
+}
+
+}  // namespace kddc

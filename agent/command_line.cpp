@@ -1,0 +1,113 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <ctime>
+#include <stdexcept>
+
+#include "agent/commands/commands.h"
+#include "agent/errors.h"
+#include "agent/logging.h"
+#include "agent/when.h"
+#include "platform/platform_info.h"
+
+namespace kddc {
+namespace {
+
+// Everything that the words can say.
+struct Words {
+  Options options;
+  std::string volume;
+  std::string since;
+  bool nul = false;
+  bool json = false;
+
+  Form form() const { return json ? Form::kJson : nul ? Form::kNul : Form::kLines; }
+};
+
+void addGlobalOptions(CLI::App& app, Options& options) {
+  app.add_option("--catalogue", options.catalogue, "The catalogue's folder")->option_text("DIR");
+  app.add_option("--state", options.state, "The folder of everything kddc keeps")
+      ->option_text("DIR");
+  app.add_flag("-v,--verbose", options.verbosity, "Log what is done; repeat for more");
+  app.add_flag("-q,--quiet", options.quiet, "No progress, no notes");
+}
+
+CLI::App* addCommand(CLI::App& app, Words& words, const char* name, const char* what) {
+  CLI::App* command = app.add_subcommand(name, what);
+  command->add_option("VOLUME", words.volume, "A folder, usually where a volume is mounted")
+      ->required();
+  return command;
+}
+
+void addForms(CLI::App* command, Words& words) {
+  CLI::Option* nul = command->add_flag("-0,--null", words.nul, "End each path with NUL");
+  command->add_flag("--json", words.json, "JSON Lines with all that is known")->excludes(nul);
+}
+
+long long readWhen(const std::string& text) {
+  try {
+    return parseWhen(text, std::time(nullptr));
+  } catch (const std::invalid_argument& e) {
+    throw CLI::ValidationError("--since", e.what());
+  }
+}
+
+void refuseUnknownWords(const CLI::App& app) {
+  const std::vector<std::string> unknown = app.remaining();
+  if (!unknown.empty())
+    throw CLI::ParseError("'" + unknown.front() + "' is no command or option",
+                          CLI::ExitCodes::ExtrasError);
+  if (app.get_subcommands().empty()) throw CLI::RequiredError("A command");
+}
+
+int parseAndRun(CLI::App& app, int argc, char** argv) {
+  Words words;
+  addGlobalOptions(app, words.options);
+  CLI::App* scan = addCommand(app, words, "scan", "Fill a fresh catalogue by a full scan");
+  CLI::App* list = addCommand(app, words, "list", "Print every entry");
+  CLI::App* changes = addCommand(app, words, "changes", "Print the entries changed since a time");
+  CLI::App* check = addCommand(app, words, "check", "Check the integrity of both databases");
+  changes
+      ->add_option("--since", words.since,
+                   "Seconds since 1970, ISO 8601, or an age such as 15m, 2h, 3d")
+      ->option_text("WHEN")
+      ->required();
+  addForms(list, words);
+  addForms(changes, words);
+
+  app.parse(argc, argv);
+  refuseUnknownWords(app);
+  // Where the settings say nothing, larger pages than the library's own default: a scan is faster.
+  KDPlatformInfo::setDefault("DataClassification", "SqlitePageSize", "4096");
+  const long long since = changes->parsed() ? readWhen(words.since) : 0;
+  startLogging(words.options.verbosity);
+  if (scan->parsed()) return runScan(words.options, words.volume);
+  if (list->parsed()) return runList(words.options, words.volume, words.form());
+  if (check->parsed()) return runCheck(words.options, words.volume);
+  return runChanges(words.options, words.volume, since, words.form());
+}
+
+}  // namespace
+
+int runCommandLine(int argc, char** argv) {
+  CLI::App app("Answers what changed on a volume from a catalogue instead of a tree walk.", "kddc");
+  app.set_version_flag("--version", "kddc " KDDC_VERSION);
+  app.require_subcommand(0, 1);
+  app.allow_extras();  // so that a misspelt command is refused by its name
+  app.fallthrough();
+  try {
+    return parseAndRun(app, argc, argv);
+  } catch (const CLI::Success& e) {  // --help, --version
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    complain(std::string(e.what()) + "; see kddc --help");
+    return kExitUsage;
+  } catch (...) {
+    complain(describeCurrentException());
+    return kExitFailed;
+  }
+}
+
+}  // namespace kddc

@@ -1,0 +1,64 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// kddc check VOLUME: the integrity of both databases.
+#include <fmt/format.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <string_view>
+
+#include "agent/catalogue_place.h"
+#include "agent/commands/commands.h"
+#include "agent/engine/catalogue_folder.h"
+#include "agent/errors.h"
+#include "volumes/catalogue_files.h"
+
+namespace kddc {
+namespace {
+
+struct Database {
+  const char* name;
+  const char* file;
+};
+constexpr Database kDatabases[] = {{"files database", kFilesDatabase},
+                                   {"fid database", kFidDatabase}};
+
+// The first bytes of every SQLite database, the NUL included.
+constexpr char kMagicText[] = "SQLite format 3";
+constexpr std::string_view kMagic(kMagicText, sizeof kMagicText);
+
+// A check would make an empty database of a missing one.
+void requireDatabase(const std::string& path, const std::string& volume) {
+  std::array<char, kMagic.size()> start{};
+  std::ifstream file(path, std::ios::binary);
+  if (!file)
+    throw Failure(fmt::format("cannot read {}: {}; make a catalogue with: kddc scan {}", path,
+                              std::strerror(errno), volume));
+  file.read(start.data(), start.size());
+  if (std::string_view(start.data(), start.size()) != kMagic)
+    throw Failure(
+        fmt::format("{} is no database; make a new catalogue with: kddc scan {}", path, volume));
+}
+
+}  // namespace
+
+int runCheck(const Options& options, const std::string& volume) {
+  const std::string path = realVolumePath(volume);
+  const std::string folder = catalogueFolder(options, path);
+  for (const Database& database : kDatabases) requireDatabase(folder + database.file, path);
+  if (const auto user = userOf(folder))
+    throw Failure(fmt::format("{} is in use by {}; stop it first", folder, *user));
+
+  int result = kExitDone;
+  for (const Database& database : kDatabases) {
+    const bool ok = VerifyDBIntegrity((folder + database.file).c_str());
+    fmt::print("{}: {}\n", database.name, ok ? "ok" : "damaged");
+    if (!ok) result = kExitDifference;
+  }
+  return result;
+}
+
+}  // namespace kddc

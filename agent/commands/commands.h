@@ -1,0 +1,34 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// The commands of the program, one file each. Each returns an exit code; work that cannot be done
+// leaves as an exception that the command line turns into one line.
+#pragma once
+
+#include <string>
+
+namespace kddc {
+
+inline constexpr int kExitDone = 0;
+inline constexpr int kExitDifference = 1;
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitFailed = 3;
+
+// What every command understands.
+struct Options {
+  std::string catalogue;  // empty: the default place
+  std::string state;      // empty: the default place
+  int verbosity = 0;
+  bool quiet = false;
+};
+
+// How paths are printed: one a line, each ended by NUL, or as JSON Lines with all that is known.
+enum class Form { kLines, kNul, kJson };
+
+int runScan(const Options& options, const std::string& volume);
+int runList(const Options& options, const std::string& volume, Form form);
+// `since`: seconds since 1970; entries whose change stamp is that or later are printed.
+int runChanges(const Options& options, const std::string& volume, long long since, Form form);
+int runCheck(const Options& options, const std::string& volume);
+
+}  // namespace kddc

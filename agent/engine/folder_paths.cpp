@@ -1,0 +1,69 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/engine/folder_paths.h"
+
+#include <fmt/format.h>
+
+#include <unordered_set>
+
+#include "platform/exceptions.h"
+
+namespace kddc {
+namespace {
+
+// Deep trees with long names would fill the memory with paths that are hardly asked for again.
+constexpr std::size_t kMostKnownBytes = 64 * 1024 * 1024;
+
+constexpr int kFolder = 1;  // FILE_TYPE
+
+}  // namespace
+
+FolderPaths::FolderPaths(const ReadConnection& files)
+    : parentOf_(files, "SELECT PINODE,NAME,FILE_TYPE FROM FILES WHERE INODE=?1") {}
+
+const std::string& FolderPaths::prefixOf(std::int64_t inode) {
+  if (inode == last_) return prefix_;
+  last_ = 0;
+  if (knownBytes_ > kMostKnownBytes) {
+    known_.clear();
+    knownBytes_ = 0;
+  }
+  descend(climb(inode));
+  last_ = inode;
+  return prefix_;
+}
+
+// Goes up to the root or to a folder whose path is known, which becomes the beginning of the
+// prefix; returns the folders passed, the lowest first.
+std::vector<FolderPaths::Step> FolderPaths::climb(std::int64_t inode) {
+  std::vector<Step> steps;
+  std::unordered_set<std::int64_t> passed;
+  prefix_.clear();
+  for (;;) {
+    if (const auto known = known_.find(inode); known != known_.end()) {
+      prefix_ = known->second;
+      return steps;
+    }
+    parentOf_.bind(inode);
+    if (!passed.insert(inode).second || !parentOf_.step() || parentOf_.integer(2) != kFolder)
+      throw UDCException("FolderPaths", 3, SQLITE_CORRUPT,
+                         fmt::format("row {} has no way up to the volume's root", inode));
+    const std::int64_t parent = parentOf_.integer(0);
+    if (parent != 0) steps.push_back({inode, std::string(parentOf_.text(1))});
+    parentOf_.reset();
+    if (parent == 0) return steps;
+    inode = parent;
+  }
+}
+
+void FolderPaths::descend(const std::vector<Step>& steps) {
+  for (auto step = steps.rbegin(); step != steps.rend(); ++step) {
+    prefix_ += step->name;
+    prefix_ += '/';
+    if (knownBytes_ > kMostKnownBytes) continue;
+    known_[step->inode] = prefix_;
+    knownBytes_ += prefix_.size() + sizeof(std::string);
+  }
+}
+
+}  // namespace kddc

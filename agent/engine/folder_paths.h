@@ -1,0 +1,45 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// The paths of a catalogue's folders, each built once.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "agent/engine/sqlite_query.h"
+
+namespace kddc {
+
+class FolderPaths {
+ public:
+  // `files` must outlive the object.
+  explicit FolderPaths(const ReadConnection& files);
+
+  // What stands before the names in a folder: "" for the root, else its path with a "/" at the end.
+  // Valid until the next call. UDCException with SQLITE_CORRUPT when what is above the row is no
+  // chain of folders up to the root.
+  const std::string& prefixOf(std::int64_t inode);
+
+ private:
+  struct Step {
+    std::int64_t inode;
+    std::string name;
+  };
+
+  std::vector<Step> climb(std::int64_t inode);
+  void descend(const std::vector<Step>& steps);
+
+  Query parentOf_;
+  std::unordered_map<std::int64_t, std::string> known_;
+  std::size_t knownBytes_ = 0;
+  // The answer given last: rows of one folder mostly follow each other.
+  std::int64_t last_ = 0;
+  std::string prefix_;
+};
+
+}  // namespace kddc

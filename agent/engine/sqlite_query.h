@@ -1,0 +1,54 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// Read-only access to one database of a catalogue. Failures: UDCException of type 3.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kddc {
+
+class ReadConnection {
+ public:
+  // Opens the file, which must exist; a link in its place is not followed.
+  explicit ReadConnection(const std::string& path);
+
+  sqlite3* get() const { return handle_.get(); }
+  void run(const char* sql) const;
+  [[noreturn]] void fail(int result) const;
+
+ private:
+  struct Close {
+    void operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
+  };
+  std::unique_ptr<sqlite3, Close> handle_;
+};
+
+// A prepared query. Text that it gives is valid until the next step or reset.
+class Query {
+ public:
+  Query(const ReadConnection& connection, const char* sql);
+
+  Query& bind(std::int64_t value);  // ?1
+  // Whether there is another row; after the last one the query is reset.
+  bool step();
+  void reset() { sqlite3_reset(statement_.get()); }
+
+  std::int64_t integer(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+  std::uint32_t word(int column) const { return static_cast<std::uint32_t>(integer(column)); }
+  std::string_view text(int column) const;
+
+ private:
+  struct Finalize {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+  };
+  const ReadConnection& connection_;
+  std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+};
+
+}  // namespace kddc

@@ -1,0 +1,411 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/engine/walk.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "agent/errors.h"
+#include "platform/file_handle.h"
+#include "tests/support/loop_mount.h"
+#include "tests/support/temp_folder.h"
+
+namespace kddc::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::UnorderedElementsAre;
+
+// What a walk reported, with paths put together from the folders' numbers.
+struct Seen {
+  struct Entry {
+    struct stat st;
+    fsf_fid fid;
+    bool isStub;
+  };
+  std::map<std::string, Entry> entries;
+  std::vector<std::string> folders = {""};  // by number, with a "/" behind
+  WalkCounts counts;
+
+  void add(const WalkedEntry& entry) {
+    const std::string path =
+        entry.parent == 0 ? "." : folders.at(entry.parent) + std::string(entry.name);
+    if (!entries.insert({path, {entry.st, entry.fid, entry.isStub}}).second)
+      throw std::logic_error("reported twice: " + path);
+    if (S_ISDIR(entry.st.st_mode)) folders.push_back(entry.parent == 0 ? "" : path + "/");
+  }
+  std::vector<std::string> paths() const {
+    std::vector<std::string> paths;
+    for (const auto& [path, entry] : entries) paths.push_back(path);
+    return paths;
+  }
+};
+
+struct WalkTest : testing::Test {
+  TempFolder temp;
+  WalkOptions options{.stubAttribute = "user.stub", .leaveOut = {}, .openFolders = 128};
+
+  Seen walk() { return walk(temp.path()); }
+  Seen walk(const std::string& root) {
+    Seen seen;
+    seen.counts = walkTree(UniqueFd(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+                           "/root", options, [&](const WalkedEntry& entry) { seen.add(entry); });
+    return seen;
+  }
+  void folder(const std::string& name) { std::filesystem::create_directories(temp / name); }
+};
+
+// Makes `depth` folders, one in the other, with `beside` more folders in each of them; returns the
+// number of folders. By descriptor: the paths are longer than the kernel takes.
+int makeDeep(const std::string& root, int depth, int beside) {
+  UniqueFd at(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (int i = 0; i < depth; ++i) {
+    for (int k = 0; k < beside; ++k) mkdirat(at.get(), ("x" + std::to_string(k)).c_str(), 0755);
+    if (mkdirat(at.get(), "d", 0755) != 0) throw std::runtime_error("mkdirat");
+    at.reset(openat(at.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  }
+  return depth * (beside + 1);
+}
+
+// The tools of the library cannot remove what is deeper than a path may be long.
+void removeDeep(const std::string& root) {
+  ASSERT_EQ(std::system(("rm -rf " + root + "/*").c_str()), 0);
+}
+
+TEST_F(WalkTest, EveryEntryIsReportedOnceBelowTheRoot) {
+  folder("a/b/c");
+  folder("a/empty");
+  temp.write("a/one", "1");
+  temp.write("a/b/two", "22");
+  temp.write("three", "");
+  const Seen seen = walk();
+  EXPECT_THAT(seen.paths(), UnorderedElementsAre(".", "a", "a/b", "a/b/c", "a/empty", "a/one",
+                                                 "a/b/two", "three"));
+  EXPECT_EQ(seen.counts.entries, 8u);
+  EXPECT_EQ(seen.counts.lostFolders, 0u);
+}
+
+TEST_F(WalkTest, TheRootComesFirstUnderTheNameGiven) {
+  temp.write("file", "");
+  std::vector<std::string> names;
+  walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/some/volume", options,
+           [&](const WalkedEntry& entry) { names.emplace_back(entry.name); });
+  EXPECT_THAT(names, ElementsAre("/some/volume", "file"));
+}
+
+TEST_F(WalkTest, AttributesAndIdentifierAreThoseOfTheFile) {
+  const std::string path = temp.write("file", "some text");
+  ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+  const Seen seen = walk();
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  fsf_fid fid{};
+  ASSERT_EQ(identify(AT_FDCWD, path.c_str(), fid), 0);
+  const Seen::Entry& entry = seen.entries.at("file");
+  EXPECT_EQ(entry.st.st_dev, st.st_dev);
+  EXPECT_EQ(entry.st.st_ino, st.st_ino);
+  EXPECT_EQ(entry.st.st_mode, 0100640u);
+  EXPECT_EQ(entry.st.st_nlink, 1u);
+  EXPECT_EQ(entry.st.st_uid, st.st_uid);
+  EXPECT_EQ(entry.st.st_gid, st.st_gid);
+  EXPECT_EQ(entry.st.st_size, 9);
+  EXPECT_EQ(entry.st.st_blocks, st.st_blocks);
+  EXPECT_EQ(entry.st.st_atime, st.st_atime);
+  EXPECT_EQ(entry.st.st_mtime, st.st_mtime);
+  EXPECT_EQ(entry.st.st_ctime, st.st_ctime);
+  EXPECT_EQ(std::memcmp(entry.fid.data, fid.data, sizeof fid.data), 0);
+}
+
+TEST_F(WalkTest, NamesOfAnyBytesComeThroughUnchanged) {
+  const std::set<std::string> names = {
+      "new\nline", "tab\t",    " ",        "-0",      "\"quoted\\'",
+      "\xff\xfe",  "\xc3\x28", "\x1b[31m", "..three", std::string(255, 'x')};
+  for (const std::string& name : names) temp.write(name, "");
+  std::set<std::string> seen;
+  for (const std::string& path : walk().paths()) seen.insert(path);
+  seen.erase(".");
+  EXPECT_EQ(seen, names);
+}
+
+TEST_F(WalkTest, EveryByteThatANameMayHoldComesThrough) {
+  std::set<std::string> names;
+  for (int byte = 1; byte < 256; ++byte)
+    if (byte != '/' && byte != '.') names.insert(std::string(1, static_cast<char>(byte)));
+  for (const std::string& name : names) temp.write(name, "");
+  std::set<std::string> seen;
+  for (const std::string& path : walk().paths()) seen.insert(path);
+  seen.erase(".");
+  EXPECT_EQ(seen, names);
+}
+
+TEST_F(WalkTest, HardLinksAreReportedUnderEachNameWithOneIdentifier) {
+  const std::string path = temp.write("a", "");
+  folder("sub");
+  ASSERT_EQ(link(path.c_str(), (temp / "sub/b").c_str()), 0);
+  const Seen seen = walk();
+  const fsf_fid& a = seen.entries.at("a").fid;
+  const fsf_fid& b = seen.entries.at("sub/b").fid;
+  EXPECT_EQ(std::memcmp(a.data, b.data, sizeof a.data), 0);
+  EXPECT_EQ(seen.entries.at("a").st.st_nlink, 2u);
+}
+
+TEST_F(WalkTest, SpecialFilesAreReportedAndNeverOpened) {
+  ASSERT_EQ(mkfifo((temp / "fifo").c_str(), 0600), 0);
+  ASSERT_EQ(symlink("/etc", (temp / "link").c_str()), 0);
+  ASSERT_EQ(symlink("nowhere", (temp / "dangling").c_str()), 0);
+  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  (temp / "socket").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  close(fd);
+  const Seen seen = walk();
+  EXPECT_TRUE(S_ISFIFO(seen.entries.at("fifo").st.st_mode));
+  EXPECT_TRUE(S_ISLNK(seen.entries.at("link").st.st_mode));
+  EXPECT_TRUE(S_ISLNK(seen.entries.at("dangling").st.st_mode));
+  EXPECT_TRUE(S_ISSOCK(seen.entries.at("socket").st.st_mode));
+  EXPECT_EQ(seen.counts.entries, 5u);
+}
+
+TEST_F(WalkTest, DevicesAreReportedAndNeverOpened) {
+  // No driver has these numbers, so opening one would fail.
+  if (mknod((temp / "char").c_str(), S_IFCHR | 0600, makedev(240, 17)) != 0)
+    GTEST_SKIP() << "making devices needs CAP_MKNOD";
+  ASSERT_EQ(mknod((temp / "block").c_str(), S_IFBLK | 0600, makedev(240, 18)), 0);
+  const Seen seen = walk();
+  EXPECT_TRUE(S_ISCHR(seen.entries.at("char").st.st_mode));
+  EXPECT_TRUE(S_ISBLK(seen.entries.at("block").st.st_mode));
+}
+
+TEST_F(WalkTest, OnlyRegularFilesThatCarryTheAttributeAreStubs) {
+  const std::string stub = temp.write("stub", "");
+  temp.write("plain", "");
+  folder("folder");
+  if (setxattr(stub.c_str(), "user.stub", "1", 1, 0) != 0)
+    GTEST_SKIP() << "no extended attributes in the temporary folder";
+  ASSERT_EQ(setxattr((temp / "folder").c_str(), "user.stub", "1", 1, 0), 0);
+  const Seen seen = walk();
+  EXPECT_TRUE(seen.entries.at("stub").isStub);
+  EXPECT_FALSE(seen.entries.at("plain").isStub);
+  EXPECT_FALSE(seen.entries.at("folder").isStub);
+}
+
+TEST_F(WalkTest, AFolderToBeLeftOutIsNeitherReportedNorEntered) {
+  folder("own/below");
+  folder("other");
+  temp.write("own/file", "");
+  struct stat st;
+  ASSERT_EQ(stat((temp / "own").c_str(), &st), 0);
+  options.leaveOut = {{st.st_dev, st.st_ino}};
+  EXPECT_THAT(walk().paths(), UnorderedElementsAre(".", "other"));
+}
+
+TEST_F(WalkTest, WhatIsMountedBelowIsLeftOut) {
+  if (const std::string why = LoopMount::whyNot("tmpfs"); !why.empty()) GTEST_SKIP() << why;
+  folder("mounted");
+  folder("bound");
+  folder("plain/inside");
+  temp.write("bound-file", "");
+  ASSERT_EQ(mount("none", (temp / "mounted").c_str(), "tmpfs", 0, nullptr), 0);
+  temp.write("mounted/file", "");
+  // The same device, but the same folder a second time.
+  ASSERT_EQ(mount((temp / "plain").c_str(), (temp / "bound").c_str(), nullptr, MS_BIND, nullptr),
+            0);
+  const Seen seen = walk();
+  umount((temp / "mounted").c_str());
+  umount((temp / "bound").c_str());
+  EXPECT_THAT(seen.paths(), UnorderedElementsAre(".", "plain", "plain/inside", "bound-file"));
+  EXPECT_EQ(seen.counts.mountsLeftOut, 2u);
+}
+
+TEST_F(WalkTest, AFileSystemWithoutUsableHandlesIsWalkedWithIdentifiersMadeOfInodes) {
+  if (const std::string why = LoopMount::whyNot("overlay"); !why.empty()) GTEST_SKIP() << why;
+  LoopMount volume("overlay");
+  std::filesystem::create_directories(volume / "a/b");
+  std::ofstream(volume / "a/file") << "text";
+  const Seen seen = walk(volume.path());
+  EXPECT_THAT(seen.paths(), UnorderedElementsAre(".", "a", "a/b", "a/file"));
+  fsf_fid fid{};
+  if (identify(AT_FDCWD, (volume / "a/file").c_str(), fid) == -EOVERFLOW) {
+    EXPECT_EQ(seen.entries.at("a/file").fid.data[0], 0xff);
+    EXPECT_EQ(seen.entries.at("a/file").fid.data[1], 8);
+  }
+}
+
+TEST_F(WalkTest, TreesDeeperThanAnyPathAreWalkedToTheirEnd) {
+  const int folders = makeDeep(temp.path(), 2100, 0);
+  WalkCounts counts = walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/root",
+                               options, [](const WalkedEntry&) {});
+  removeDeep(temp.path());
+  EXPECT_EQ(counts.entries, static_cast<std::uint64_t>(folders) + 1);
+  EXPECT_EQ(counts.lostFolders, 0u);
+}
+
+TEST_F(WalkTest, DeepTreesWithSiblingsNeedNoMoreDescriptorsThanAllowed) {
+  const int folders = makeDeep(temp.path(), 600, 2);
+  options.openFolders = 4;
+  std::size_t most = 0;
+  const WalkCounts counts = walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)),
+                                     "/root", options, [&](const WalkedEntry&) {
+                                       std::size_t open = 0;
+                                       for (int fd = 0; fd < 256; ++fd)
+                                         open += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+                                       most = std::max(most, open);
+                                     });
+  removeDeep(temp.path());
+  EXPECT_EQ(counts.entries, static_cast<std::uint64_t>(folders) + 1);
+  EXPECT_EQ(counts.lostFolders, 0u);
+  EXPECT_LE(most, 16u);
+}
+
+// Runs `work` in a child process with at most `limit` descriptors; its result is the exit code.
+int withDescriptors(rlim_t limit, const std::function<int()>& work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlimit value{limit, limit};
+    setrlimit(RLIMIT_NOFILE, &value);
+    alarm(60);
+    _exit(work());
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(WalkTest, AProcessWithFewDescriptorsWalksDeepTreesToo) {
+  const int folders = makeDeep(temp.path(), 300, 1);
+  const int result = withDescriptors(64, [&] {
+    const Seen seen = walk();
+    return seen.counts.entries == static_cast<std::uint64_t>(folders) + 1 ? 0 : 1;
+  });
+  removeDeep(temp.path());
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(WalkTest, DescriptorsThatRunOutAreGivenUpOneByOne) {
+  const int folders = makeDeep(temp.path(), 300, 1);
+  const int result = withDescriptors(64, [&] {
+    while (open("/dev/null", O_RDONLY) >= 0) {
+    }
+    for (int fd = 56; fd < 64; ++fd) close(fd);
+    const Seen seen = walk();
+    return seen.counts.entries == static_cast<std::uint64_t>(folders) + 1 ? 0 : 1;
+  });
+  removeDeep(temp.path());
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(WalkTest, AFolderThatCannotBeReadFailsTheWalkByName) {
+  if (geteuid() != 0) GTEST_SKIP() << "acts as another user";
+  folder("a/secret/below");
+  ASSERT_EQ(chmod(temp.path().c_str(), 0755), 0);
+  ASSERT_EQ(chmod((temp / "a/secret").c_str(), 0700), 0);
+  const int result = withDescriptors(1024, [&] {
+    if (setresuid(65534, 65534, 65534) != 0) return 2;
+    try {
+      walk();
+      return 1;
+    } catch (const Failure& e) {
+      return std::string(e.what()) == "cannot read /root/a/secret: Permission denied" ? 0 : 3;
+    }
+  });
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(WalkTest, AnExceptionOfTheSinkEndsTheWalk) {
+  folder("a/b");
+  struct Enough {};
+  EXPECT_THROW(walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/root",
+                        options, [](const WalkedEntry&) { throw Enough(); }),
+               Enough);
+}
+
+TEST_F(WalkTest, AFolderReplacedAfterItWasReportedIsNotEnteredForTheOldOne) {
+  folder("a/old");
+  folder("b/old");
+  Seen seen;
+  bool replaced = false;
+  seen.counts = walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/root",
+                         options, [&](const WalkedEntry& entry) {
+                           seen.add(entry);
+                           if (entry.parent < 2 || std::exchange(replaced, true)) return;
+                           const std::string inA = "a/";
+                           const std::string other =
+                               seen.folders.at(entry.parent) == inA ? "b" : "a";
+                           std::filesystem::rename(temp / other, temp / "gone");
+                           folder(other + "/new");
+                         });
+  EXPECT_TRUE(replaced);
+  EXPECT_FALSE(seen.entries.contains("a/new"));
+  EXPECT_FALSE(seen.entries.contains("b/new"));
+  EXPECT_EQ(seen.counts.lostFolders, 1u);
+}
+
+TEST_F(WalkTest, AFolderMovedAwayDuringItsOwnWalkIsFoundAgain) {
+  // Deep enough that the descriptor of "top" is given up before its second sub-folder is due.
+  folder("top");
+  folder("elsewhere");
+  folder("top/s0");
+  folder("top/s1");
+  makeDeep(temp / "top/s0", 20, 1);
+  makeDeep(temp / "top/s1", 20, 1);
+  options.openFolders = 4;
+  bool moved = false;
+  int depth = 0;
+  const WalkCounts counts =
+      walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/root", options,
+               [&](const WalkedEntry& entry) {
+                 if (entry.name == "d" && ++depth == 15 && !moved) {
+                   std::filesystem::rename(temp / "top", temp / "elsewhere/top");
+                   moved = true;
+                 }
+               });
+  EXPECT_TRUE(moved);
+  EXPECT_EQ(counts.entries, 1u + 1 + 1 + 2 + 40 + 40);
+  EXPECT_EQ(counts.lostFolders, 0u);
+}
+
+TEST_F(WalkTest, ATreeThatIsBeingRemovedIsWalkedWithoutFailure) {
+  for (int i = 0; i < 40; ++i)
+    for (int k = 0; k < 40; ++k) {
+      folder("f" + std::to_string(i) + "/g" + std::to_string(k % 8));
+      temp.write("f" + std::to_string(i) + "/g" + std::to_string(k % 8) + "/x" + std::to_string(k),
+                 "");
+    }
+  std::atomic<bool> started{false};
+  std::thread remover([&] {
+    started.wait(false);
+    std::error_code ignored;
+    for (int i = 0; i < 40; ++i)
+      std::filesystem::remove_all(temp / ("f" + std::to_string(i)), ignored);
+  });
+  alarm(60);  // the watchdog: the walk must end
+  EXPECT_NO_THROW(walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/root",
+                           options, [&](const WalkedEntry& entry) {
+                             if (entry.parent != 0 || started.exchange(true)) return;
+                             started.notify_one();
+                           }));
+  remover.join();
+  alarm(0);
+}
+
+}  // namespace
+}  // namespace kddc::test
