@@ -1,0 +1,75 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a record of each command costs to encode, to decode and to check, in nanoseconds.
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "bench/ratios.h"
+#include "records/record_layout.h"
+#include "tests/support/bytes.h"
+#include "tests/support/record_samples.h"
+
+using kddc::test::Bytes;
+using kddc::test::bytes;
+using kddc::test::Sample;
+
+namespace {
+
+void encode(benchmark::State& state, const FlrJrnCommandRaw& record) {
+  Bytes buffer(getRawCmdSize(&record));
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(encodeRawCmd(&record, buffer.data()));
+    benchmark::ClobberMemory();
+  }
+}
+
+void decode(benchmark::State& state, const Bytes& wire) {
+  FlrJrnCommandRaw record;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(decodeRawCmd(wire.data(), &record));
+    benchmark::DoNotOptimize(record);
+    benchmark::ClobberMemory();
+  }
+}
+
+void check(benchmark::State& state, const Bytes& wire) {
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(kddc::isWellFormedRecord(wire.data(), wire.size()));
+    benchmark::ClobberMemory();
+  }
+}
+
+// The floor: what moving the record's bytes costs.
+void copy(benchmark::State& state, const Bytes& wire) {
+  Bytes buffer(wire.size());
+  for (auto _ : state) {
+    std::memcpy(buffer.data(), wire.data(), wire.size());
+    benchmark::ClobberMemory();
+  }
+}
+
+template <class Run, class Argument>
+void add(const std::string& name, Run run, const Argument& argument) {
+  benchmark::RegisterBenchmark(name.c_str(), run, argument)->MinTime(0.1);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<kddc::Ratio> ratios;
+  for (const Sample& sample : kddc::test::oneOfEachCommand()) {
+    const std::string name = kddc::commandName(sample.record.cmd);
+    const Bytes wire = bytes(sample.wire);
+    add("copy/" + name, copy, wire);
+    add("encode/" + name, encode, sample.record);
+    add("decode/" + name, decode, wire);
+    add("check/" + name, check, wire);
+    for (const char* what : {"encode/", "decode/", "check/"})
+      ratios.push_back({what + name, "copy/" + name});
+  }
+  return kddc::runWithRatios(argc, argv, ratios);
+}
