@@ -18,6 +18,7 @@
 
 #include "bench/ratios.h"
 #include "catalogue/db_access.h"
+#include "records/fsf_fid.h"
 
 namespace {
 
@@ -178,11 +179,11 @@ class Bare {
     sqlite3_exec(fids_, sql, nullptr, nullptr, nullptr);
   }
   static void bindFid(sqlite3_stmt* statement, int first, const fsf_fid& fid) {
-    for (int i = 0; i < 4; ++i) {
-      long long piece = 0;
-      std::copy_n(fid.data + 6 * i, 6, reinterpret_cast<unsigned char*>(&piece));
-      sqlite3_bind_int64(statement, first + i, piece);
-    }
+    unsigned long long pieces[4];
+    unsigned long long* out = pieces;
+    GetIntForBlob(&fid, &out);
+    for (int i = 0; i < 4; ++i)
+      sqlite3_bind_int64(statement, first + i, static_cast<long long>(pieces[i]));
   }
   static void step(sqlite3_stmt* statement) {
     if (sqlite3_step(statement) != SQLITE_DONE) std::abort();

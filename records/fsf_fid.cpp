@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::size_t kBytesPerColumn = 6;
 constexpr std::size_t kColumns = sizeof(fsf_fid) / kBytesPerColumn;
+constexpr unsigned long long kColumnMask = 0xffffffffffff;
 
 // In the host's byte order: what orders a map is never stored.
 using Words = std::array<std::uint64_t, 3>;
@@ -70,11 +71,17 @@ fsf_fid str2fid(const char* text) {
 // Columns are numbers, lowest byte first: on a little-endian host that is a copy.
 static_assert(std::endian::native == std::endian::little);
 
+// Whole words, of which six bytes count: a copy of six into a word that is then read whole makes
+// the processor wait. The last word begins earlier, for it must not reach beyond the identifier.
 void GetIntForBlob(const fsf_fid* fid, unsigned long long** out) noexcept {
-  for (std::size_t i = 0; i < kColumns; ++i) {
-    (*out)[i] = 0;
-    std::memcpy(&(*out)[i], fid->data + i * kBytesPerColumn, kBytesPerColumn);
-  }
+  const auto wordAt = [fid](std::size_t offset) {
+    unsigned long long word;
+    std::memcpy(&word, fid->data + offset, sizeof word);
+    return word;
+  };
+  for (std::size_t i = 0; i < kColumns - 1; ++i)
+    (*out)[i] = wordAt(i * kBytesPerColumn) & kColumnMask;
+  (*out)[kColumns - 1] = wordAt(sizeof fid->data - sizeof(unsigned long long)) >> 16;
 }
 
 void GetBlobForInt(const unsigned long long* in, fsf_fid* out) noexcept {
