@@ -5,6 +5,7 @@
 //
 //   producer: fill a FlrJrnCommandRaw ─► getRawCmdSize ─► encodeRawCmd ─► bytes
 //   consumer: bytes ─► kddc::isWellFormedRecord, if they come from outside ─► decodeRawCmd
+//   people:   printRawCmd
 //
 // A RECORD AS BYTES. Integers are big-endian; nothing is aligned or padded.
 //
@@ -317,6 +318,15 @@ KDDC_API int decodeRawCmd(const unsigned char* bytes, FlrJrnCommandRaw* record) 
 
 // The number of bytes that the record encodes to. 0 for a null pointer and for an unknown command.
 KDDC_API unsigned int getRawCmdSize(const FlrJrnCommandRaw* record) noexcept;
+
+// Writes a decoded record as text to the `size` bytes at `out`, for logs and tools: a line for each
+// field, "label....... value", with no newline behind the last. Decimal integers are shown as
+// signed ones, names and the first 60 bytes of written data byte for byte; access control lists and
+// values of attributes are not shown. An unknown command is shown as UNKNOWN, with its header.
+//
+// Text that does not fit is cut off. The last of the `size` bytes is always set to NUL, and the
+// result points at it. `size` is at least 1; neither pointer is checked for null.
+KDDC_API char* printRawCmd(char* out, unsigned int size, const FlrJrnCommandRaw* record) noexcept;
 
 }  // extern "C"
 
