@@ -46,11 +46,6 @@ std::string base64(std::string_view bytes) {
   return out;
 }
 
-std::string pathMember(std::string_view path) {
-  if (!isUtf8(path)) return "\"path_base64\":\"" + base64(path) + '"';
-  return "\"path\":" + nlohmann::json(path).dump();
-}
-
 std::string fidMember(const std::optional<fsf_fid>& fid) {
   char digits[49];
   return fid ? '"' + std::string(fid2hex(&*fid, digits)) + '"' : "null";
@@ -69,29 +64,42 @@ void writeAll(const char* data, std::size_t size) {
 
 }  // namespace
 
+void Output::endPiece() {
+  if (buffer_.size() >= kFlushBytes) flush();
+}
+
+void Output::flush() {
+  writeAll(buffer_.data(), buffer_.size());
+  buffer_.clear();
+}
+
+std::string jsonMember(std::string_view name, std::string_view text) {
+  if (!isUtf8(text)) return base64Member(name, text);
+  return fmt::format("\"{}\":{}", name, nlohmann::json(text).dump());
+}
+
+std::string base64Member(std::string_view name, std::string_view bytes) {
+  return fmt::format("\"{}_base64\":\"{}\"", name, base64(bytes));
+}
+
 void RowPrinter::print(const CatalogueRow& row) {
   if (form_ == Form::kJson) {
     printJson(row);
   } else {
-    buffer_.append(row.path);
-    buffer_.push_back(form_ == Form::kNul ? '\0' : '\n');
+    output_.buffer().append(row.path);
+    output_.buffer().push_back(form_ == Form::kNul ? '\0' : '\n');
   }
-  if (buffer_.size() >= kFlushBytes) flush();
+  output_.endPiece();
 }
 
 void RowPrinter::printJson(const CatalogueRow& row) {
-  fmt::format_to(std::back_inserter(buffer_),
+  fmt::format_to(std::back_inserter(output_.buffer()),
                  R"({{{},"type":"{}","mode":{},"uid":{},"gid":{},"nlink":{},"size":{},"blocks":{},)"
                  R"("atime":{},"mtime":{},"ctime":{},"time":{},"fid":{}}})"
                  "\n",
-                 pathMember(row.path), typeName(row.type), row.mode, row.uid, row.gid, row.nlink,
-                 row.size, row.blocks, row.atime, row.mtime, row.ctime, row.time,
+                 jsonMember("path", row.path), typeName(row.type), row.mode, row.uid, row.gid,
+                 row.nlink, row.size, row.blocks, row.atime, row.mtime, row.ctime, row.time,
                  fidMember(row.fid));
-}
-
-void RowPrinter::flush() {
-  writeAll(buffer_.data(), buffer_.size());
-  buffer_.clear();
 }
 
 }  // namespace kddc

@@ -1,10 +1,14 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// Answers on standard output: a large buffer, and one row in one of the three forms.
+// Answers on standard output: a large buffer, one row in one of the three forms, and what JSON
+// Lines are made of.
 #pragma once
 
 #include <fmt/format.h>
+
+#include <string>
+#include <string_view>
 
 #include "agent/commands/commands.h"
 #include "agent/engine/catalogue_reader.h"
@@ -14,21 +18,40 @@ namespace kddc {
 // Leaves the work when nobody reads the answer any more. No failure.
 struct ReaderGone {};
 
-// Prints rows. Threads: one. Failures: Failure when writing fails, ReaderGone when the other end of
-// a pipe was closed.
+// Collects an answer and writes it in large pieces. An answer that was not flushed is not complete.
+// Threads: one. Failures: Failure when writing fails, ReaderGone when the other end of a pipe was
+// closed.
+class Output {
+ public:
+  // What is appended to the buffer itself stays there until the next endPiece or flush.
+  fmt::memory_buffer& buffer() { return buffer_; }
+  // Writes the buffer when it has become large.
+  void endPiece();
+  void flush();
+
+ private:
+  fmt::memory_buffer buffer_;
+};
+
+// A member of a JSON object: "<name>":"<text>", or "<name>_base64":"<digits>" when the text is not
+// UTF-8.
+std::string jsonMember(std::string_view name, std::string_view text);
+// "<name>_base64":"<digits>"
+std::string base64Member(std::string_view name, std::string_view bytes);
+
+// Prints rows. Threads and failures as Output.
 class RowPrinter {
  public:
   explicit RowPrinter(Form form) : form_(form) {}
 
   void print(const CatalogueRow& row);
-  // Writes what is left in the buffer. An answer that was not flushed is not complete.
-  void flush();
+  void flush() { output_.flush(); }
 
  private:
   void printJson(const CatalogueRow& row);
 
   Form form_;
-  fmt::memory_buffer buffer_;
+  Output output_;
 };
 
 }  // namespace kddc
