@@ -4,7 +4,10 @@
 
 #include <CLI/CLI.hpp>
 #include <ctime>
+#include <map>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "agent/commands/commands.h"
 #include "agent/errors.h"
@@ -20,6 +23,8 @@ struct Words {
   Options options;
   std::string volume;
   std::string since;
+  std::vector<std::string> files;
+  RecordFormat format = RecordFormat::kByContent;
   bool nul = false;
   bool json = false;
 
@@ -46,6 +51,22 @@ void addForms(CLI::App* command, Words& words) {
   command->add_flag("--json", words.json, "JSON Lines with all that is known")->excludes(nul);
 }
 
+void addRecordFormat(CLI::App* command, Words& words) {
+  static const std::map<std::string, RecordFormat> formats = {{"swap", RecordFormat::kSwap},
+                                                              {"stream", RecordFormat::kStream}};
+  command->add_option("--format", words.format, "What the file is; otherwise its content tells")
+      ->option_text("swap|stream")
+      ->transform(CLI::CheckedTransformer(formats));
+}
+
+CLI::App* addDump(CLI::App& app, Words& words) {
+  CLI::App* dump = app.add_subcommand("dump", "Print the records of a swap file or a stream");
+  dump->add_option("FILE", words.files, "A file of records, - for standard input")->required();
+  addRecordFormat(dump, words);
+  dump->add_flag("--json", words.json, "JSON Lines with all that a record holds");
+  return dump;
+}
+
 long long readWhen(const std::string& text) {
   try {
     return parseWhen(text, std::time(nullptr));
@@ -69,6 +90,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   CLI::App* list = addCommand(app, words, "list", "Print every entry");
   CLI::App* changes = addCommand(app, words, "changes", "Print the entries changed since a time");
   CLI::App* check = addCommand(app, words, "check", "Check the integrity of both databases");
+  CLI::App* dump = addDump(app, words);
   changes
       ->add_option("--since", words.since,
                    "Seconds since 1970, ISO 8601, or an age such as 15m, 2h, 3d")
@@ -86,6 +108,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   if (scan->parsed()) return runScan(words.options, words.volume);
   if (list->parsed()) return runList(words.options, words.volume, words.form());
   if (check->parsed()) return runCheck(words.options, words.volume);
+  if (dump->parsed()) return runDump(words.files, words.format, words.json);
   return runChanges(words.options, words.volume, since, words.form());
 }
 

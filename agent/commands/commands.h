@@ -6,6 +6,9 @@
 #pragma once
 
 #include <string>
+#include <vector>
+
+#include "agent/engine/record_file.h"
 
 namespace kddc {
 
@@ -30,5 +33,7 @@ int runList(const Options& options, const std::string& volume, Form form);
 // `since`: seconds since 1970; entries whose change stamp is that or later are printed.
 int runChanges(const Options& options, const std::string& volume, long long since, Form form);
 int runCheck(const Options& options, const std::string& volume);
+// As text, or as JSON Lines.
+int runDump(const std::vector<std::string>& files, RecordFormat format, bool json);
 
 }  // namespace kddc
