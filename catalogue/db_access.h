@@ -10,8 +10,8 @@
 // own inode numbers are not stored. The two databases are joined by values alone:
 // FILES.FID_ROWID = FIDS.FIDS_ROWID and FIDS.FILES_ROWID = FILES.INODE.
 //
-//   DCSqliteDB ─► CreateDb ─► OpenHandle ─► row operations ─► CloseHandle
-//                 (fresh)     GRACEFUL_SHUTDOWN=0             GRACEFUL_SHUTDOWN=1
+//   DCSqliteDB ─► CreateDb ─► OpenHandle ─► rows, journal records ─► CloseHandle
+//                 (fresh)     GRACEFUL_SHUTDOWN=0                    GRACEFUL_SHUTDOWN=1
 //
 // Crash rule: from the moment OpenHandle returns until CloseHandle has made everything durable the
 // catalogue is marked as not gracefully closed, and IsDbGood refuses it.
@@ -34,6 +34,7 @@
 #include "platform/hsm.h"
 #include "platform/udc_dbms.h"
 #include "records/fsf_fid.h"
+#include "records/journal_record.h"
 
 namespace kddc {
 struct Sql;          // the fixed texts of one operation
@@ -55,9 +56,21 @@ struct StatFid_s {
   fsf_fid fid;
 };
 
+// What stands where:
+//   life                   create, open, trust                catalogue/lifecycle.cpp
+//   rows, written          one statement each                 catalogue/rows_write.cpp
+//   rows, read                                                catalogue/rows_read.cpp
+//   subtrees               removal of whole folders           catalogue/tree.cpp
+//   journal records        what each does to the rows         journal/
+//   times                  stamps that several of them share  journal/
+//   single names           for an agent, outside the journal  journal/remove_and_link.cpp
+//   end of life            close                              catalogue/lifecycle.cpp
+//
+// The virtual functions take their slots in the order in which they stand here, and subclasses that
+// were built elsewhere rely on it. That is why CloseHandle stands last.
 class KDDC_API DCSqliteDB {
  public:
-  // Life: create, open, close, and whether an old catalogue may be trusted. catalogue/lifecycle.cpp
+  // Life: create, open, and whether an old catalogue may be trusted. catalogue/lifecycle.cpp
 
   // Binds the object to a catalogue folder; touches nothing.
   explicit DCSqliteDB(std::string dbFolder);
@@ -82,10 +95,6 @@ class KDDC_API DCSqliteDB {
   // closed before the call returns. `openFlag` true takes the shared lock, false the exclusive one.
   // False, without an exception, when a database is locked or cannot be opened.
   bool OpenHandle(bool readOnly, bool openFlag);
-  // Writes the reference time (seconds; 600 earlier when it is greater than that, nothing when it
-  // is 0), makes both databases durable, marks the catalogue gracefully closed unless
-  // `keepUngraceful`, and closes.
-  virtual void CloseHandle(unsigned long refTime, bool keepUngraceful);
   // Commits both databases: what was written so far is visible to readers.
   void Commit();
 
@@ -172,6 +181,71 @@ class KDDC_API DCSqliteDB {
   // Removes every row of an identifier, with all that lies below those that are folders.
   virtual void RemoveDuplicateFid(const fsf_fid* fid);
 
+  // Journal records: what each one does to the rows. journal/
+  //
+  // `time` is the record's, in seconds. An identifier that the catalogue does not know is no error
+  // unless an operation says so: a parent then counts as inode 0, anything else as no row at all.
+  // Where a file has several names (hard links), each has a row, and every one of them is changed.
+
+  // A further name of a file: a row with the stat fields of an existing one, and on every row of
+  // the file the new link count, CTIME and TIME = `time`.
+  virtual void CreateLink(const FlrJrnLinkRaw& record, int time);
+  // Drops the row that the destination replaced, then gives the source row its new parent and name,
+  // CTIME and TIME = `time`. All below a folder that moved get the current time as TIME. Throws
+  // type 1 "DB Inconsistent" when source or replaced destination is unknown; what the destination
+  // lost until then stays lost.
+  virtual void Rename(const FlrJrnRenameRaw& record, int time);
+  // Changed attributes, by the record's flags, and TIME = the current time. A record of nothing but
+  // an access time, or of a modification time put into the past, leaves TIME as it was.
+  virtual void SetAttr(const FlrJrnSetAttrRaw& record, int time);
+  // An access control list or extended attribute: CTIME and TIME = `time`.
+  virtual void SetAdditionalAttr(const fsf_fid* fid, int time);
+  // The type becomes 8 and CTIME `time`; or the type becomes 0 again. TIME = the current time.
+  virtual void Stub(const FlrJrnStubRaw& record, int time);
+  virtual void UnStub(const FlrJrnUnStubRaw& record, int time);
+  // A new entry with the record's owner and times; its type follows from the mode.
+  virtual void Create(const FlrJrnCreateRaw& record);
+  // A name went away. The last one (`nlink` 0) is found by the identifier alone. With names left,
+  // the row is found by parent and name, type 1 "DB Inconsistent" when there is none, and the rows
+  // left get the record's link count, CTIME and TIME = `time`.
+  virtual void Remove(const FlrJrnRemoveRaw& record, unsigned long time);
+  // A new folder, as Create.
+  void MkDir(const FlrJrnMkDirRaw& record);
+  // Drops the folder's own row; what lies below it goes by records of its own.
+  void RemoveDir(const FlrJrnRmDirRaw& record, int time);
+  // A new symbolic link; all its times are `time`, its size is the length of the target's name.
+  void CreateSymLink(const FlrJrnSymLinkRaw& record, int time);
+
+  // Times that several records share; the results are SQLite's. journal/
+
+  // CTIME and TIME = `time`, the former with a link count.
+  int UpdateNlinkCtimeTime(unsigned long long inode, unsigned long time, int nlink);
+  int UpdateCtimeTime(unsigned long long inode, unsigned long time);
+  // TIME = constructTime on all that lies below a folder, breadth first, each folder once; the
+  // folder's own row stays. False, always.
+  bool UpdateTimeFieldRecursively(unsigned long long folderInode);
+  // Appends the folders that lie in a folder to subFolderList.
+  int PopulateSubFolderList(unsigned long long folderInode);
+
+  // Single names, for an agent, outside the journal. `fid` is not used. journal/remove_and_link.cpp
+
+  // Removes the entry of that name, a folder with all that lies below it; nothing when there is
+  // none.
+  void DeleteChildIfExists(unsigned long long parentInode, fsf_fid* fid, const char* name);
+  // Looks the entry up and answers false in every case: callers want the failures of the lookup.
+  bool IfChildExists(unsigned long long parentInode, fsf_fid* fid, const char* name);
+  // Whether an identifier is known and marked for a selective rescan.
+  bool IsFidFile(const fsf_fid* fid);
+  // Removes every row of an identifier, through RemoveDuplicateFid.
+  void DeleteDBEntries(const fsf_fid* fid);
+
+  // End of life. catalogue/lifecycle.cpp
+
+  // Writes the reference time (seconds; 600 earlier when it is greater than that, nothing when it
+  // is 0), makes both databases durable, marks the catalogue gracefully closed unless
+  // `keepUngraceful`, and closes.
+  virtual void CloseHandle(unsigned long refTime, bool keepUngraceful);
+
  protected:
   // Paths, fixed by the constructor.
   std::string dbPath;
@@ -182,7 +256,7 @@ class KDDC_API DCSqliteDB {
 
   std::array<char, 512> pathBuf;             // scratch for a path
   std::array<unsigned long long, 4> fidBuf;  // scratch for the column form of an identifier
-  time_t constructTime;                      // seconds; the stamp of rows that a move touches
+  time_t constructTime;                      // seconds; the stamp of rows below a moved folder
   FlrDriver driver;
   bool lookForStubsDuringInsert = false;
   bool lookForStubsDuringUpdate = false;
@@ -190,7 +264,7 @@ class KDDC_API DCSqliteDB {
   std::array<char, 1024> queryBuf;  // every SQL text passes through here
   time_t openTime = 0;              // seconds; inserts carry no earlier change stamp
   unsigned long long devt = 0;
-  std::list<unsigned long long> subFolderList;
+  std::list<unsigned long long> subFolderList;  // folders that a walk has still to look into
   std::unique_ptr<UDC_DBMS> filesDb;
   std::unique_ptr<UDC_DBMS> fidDb;
 
@@ -214,3 +288,8 @@ class KDDC_API DCSqliteDB {
 // The row callback of RemoveFolderGivenInode: `object` is the DCSqliteDB; the columns are INODE,
 // FID_ROWID and FILE_TYPE of one child. Removes the child; -1, logged, ends the walk.
 KDDC_API int DeleteCallBack(void* object, int columns, char** values, char** names);
+
+// A row callback for a query whose first column is the inode of a folder: `object` is the
+// DCSqliteDB, and all that lies below the folder is stamped (UpdateTimeFieldRecursively). -1,
+// logged, ends the query. Never throws.
+KDDC_API int UpdateTimeCallBack(void* object, int columns, char** values, char** names);

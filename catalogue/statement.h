@@ -30,7 +30,8 @@ struct Sql {
   std::array<const char*, 14> cannotBind{};  // by parameter, ?1 first
 };
 
-// One execution of a statement. Resets it on the way out, whatever happened in between.
+// One execution of a statement, or several in a row, between which the binds stay. Resets it on the
+// way out, whatever happened in between.
 class [[nodiscard]] Execution {
  public:
   Execution(UDC_DBMS& db, sqlite3_stmt* handle, const Sql& sql)
@@ -136,6 +137,9 @@ struct Statements {
   Statement markForSelectiveRescan, getFidAndFilesRowId, deleteFidGivenRowId;
   Statement updateAtime, update, updateFidRowIdInFilesDB, updateSizeAndBlocks, update1;
   Statement checkDBToSeeIfThisIsAFolder, getNameFileTypePInodeAndFidRowId;
+  Statement stub, unStub, rename;
+  Statement updateNlinkCtimeTime, updateCtimeTime;
+  Statement updateTimeFieldRecursively, populateSubFolderList;
 };
 
 }  // namespace kddc

@@ -30,8 +30,8 @@ decltype(auto) logged(const char* tag, Operation&& operation) {
   }
 }
 
-// Runs `operation`; a failure of either kind is logged under `tag` and ends here, with `onFailure`
-// as the result. `format` is "eRRoR -- %s", or "Mitigated eRRoR -- %s" where nothing is wrong yet.
+// Runs `operation`; whatever leaves it is logged under `tag` and ends here, with `onFailure` as the
+// result. `prefix` is "eRRoR -- ", or "Mitigated eRRoR -- " where nothing is wrong yet.
 template <class Operation, class Result>
 Result absorbed(const char* tag, Operation&& operation, Result onFailure,
                 const char* prefix = "eRRoR -- ") {
@@ -41,6 +41,8 @@ Result absorbed(const char* tag, Operation&& operation, Result onFailure,
     dbg.Error(tag, "%s%s", prefix, e.what());
   } catch (const KdException& e) {
     dbg.Error(tag, "%s%s", prefix, e.getMessage().c_str());
+  } catch (...) {
+    dbg.Error(tag, "%sUnHandled Exception ", prefix);
   }
   return onFailure;
 }
