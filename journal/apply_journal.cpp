@@ -119,6 +119,10 @@ constexpr auto kByCode = [] {
   return byCode;
 }();
 
+const Command* commandOf(unsigned int cmd) {
+  return cmd < kByCode.size() ? kByCode[cmd] : nullptr;
+}
+
 timespec now() {
   timespec time{};
   clock_gettime(CLOCK_REALTIME, &time);
@@ -130,7 +134,7 @@ timespec now() {
 bool ApplyJournal(DCSqliteDB* db, const FlrJrnCommandRaw& record) {
   const auto apply = [&] {
     const timespec start = now();
-    if (const Command* command = record.cmd < kByCode.size() ? kByCode[record.cmd] : nullptr) {
+    if (const Command* command = commandOf(record.cmd)) {
       if (dbg.Enabled(command->level)) command->say(record, command->level);
       command->apply(*db, record);
     }
@@ -140,4 +144,8 @@ bool ApplyJournal(DCSqliteDB* db, const FlrJrnCommandRaw& record) {
     return true;
   };
   return kddc::absorbed(kTag, apply, false);
+}
+
+bool kddc::changesCatalogue(unsigned int cmd) noexcept {
+  return commandOf(cmd) != nullptr;
 }

@@ -25,3 +25,10 @@
 // operation failed: the failure is logged under "ApplyJournal", the record is not counted, and what
 // the operation had written stays written. Nothing is retried.
 KDDC_API bool ApplyJournal(DCSqliteDB* db, const FlrJrnCommandRaw& record);
+
+namespace kddc {
+
+// Whether ApplyJournal calls an operation for records of that command. All others it ignores.
+KDDC_API bool changesCatalogue(unsigned int cmd) noexcept;
+
+}  // namespace kddc
