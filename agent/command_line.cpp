@@ -24,6 +24,7 @@ struct Words {
   std::string volume;
   std::string since;
   std::vector<std::string> files;
+  ReplayOptions replay;
   RecordFormat format = RecordFormat::kByContent;
   bool nul = false;
   bool json = false;
@@ -67,6 +68,25 @@ CLI::App* addDump(CLI::App& app, Words& words) {
   return dump;
 }
 
+CLI::App* addReplay(CLI::App& app, Words& words) {
+  CLI::App* replay = app.add_subcommand("replay", "Apply recorded records to a catalogue");
+  replay->add_option("FILE", words.replay.file, "A file of records, - for standard input")
+      ->required();
+  addRecordFormat(replay, words);
+  replay->add_option("--devt", words.replay.devt, "Only the records of that volume")
+      ->option_text("N");
+  replay->add_flag("--stats", words.replay.stats, "Also how long the operations took");
+  replay->add_flag("--json", words.json, "JSON Lines");
+  return replay;
+}
+
+int replay(Words& words) {
+  if (words.options.catalogue.empty()) throw CLI::RequiredError("--catalogue");
+  words.replay.format = words.format;
+  words.replay.json = words.json;
+  return runReplay(words.options, words.replay);
+}
+
 long long readWhen(const std::string& text) {
   try {
     return parseWhen(text, std::time(nullptr));
@@ -90,7 +110,8 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   CLI::App* list = addCommand(app, words, "list", "Print every entry");
   CLI::App* changes = addCommand(app, words, "changes", "Print the entries changed since a time");
   CLI::App* check = addCommand(app, words, "check", "Check the integrity of both databases");
-  CLI::App* dump = addDump(app, words);
+  CLI::App* dumping = addDump(app, words);
+  CLI::App* replaying = addReplay(app, words);
   changes
       ->add_option("--since", words.since,
                    "Seconds since 1970, ISO 8601, or an age such as 15m, 2h, 3d")
@@ -108,7 +129,8 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   if (scan->parsed()) return runScan(words.options, words.volume);
   if (list->parsed()) return runList(words.options, words.volume, words.form());
   if (check->parsed()) return runCheck(words.options, words.volume);
-  if (dump->parsed()) return runDump(words.files, words.format, words.json);
+  if (replaying->parsed()) return replay(words);
+  if (dumping->parsed()) return runDump(words.files, words.format, words.json);
   return runChanges(words.options, words.volume, since, words.form());
 }
 

@@ -5,6 +5,7 @@
 // leaves as an exception that the command line turns into one line.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,14 @@ struct Options {
 // How paths are printed: one a line, each ended by NUL, or as JSON Lines with all that is known.
 enum class Form { kLines, kNul, kJson };
 
+struct ReplayOptions {
+  std::string file;
+  RecordFormat format = RecordFormat::kByContent;
+  std::optional<unsigned long long> devt;  // the records of that volume alone
+  bool stats = false;
+  bool json = false;
+};
+
 int runScan(const Options& options, const std::string& volume);
 int runList(const Options& options, const std::string& volume, Form form);
 // `since`: seconds since 1970; entries whose change stamp is that or later are printed.
@@ -35,5 +44,6 @@ int runChanges(const Options& options, const std::string& volume, long long sinc
 int runCheck(const Options& options, const std::string& volume);
 // As text, or as JSON Lines.
 int runDump(const std::vector<std::string>& files, RecordFormat format, bool json);
+int runReplay(const Options& options, const ReplayOptions& replayOptions);
 
 }  // namespace kddc

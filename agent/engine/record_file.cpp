@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,12 +13,14 @@
 #include <utility>
 
 #include "agent/errors.h"
+#include "agent/interrupt.h"
 #include "records/journal_record.h"
 
 namespace kddc {
 namespace {
 
 constexpr std::size_t kChunk = 256 * 1024;
+constexpr int kInterruptCheckMs = 200;
 constexpr std::size_t kHeader = 26;
 constexpr std::size_t kPrefix = 2;
 // How many lengths of a swap file are tried before it is taken for a stream: the first record may
@@ -43,6 +46,16 @@ std::size_t headerLength(const unsigned char* bytes) {
 UniqueFd openFile(const std::string& path) {
   if (path == "-") return UniqueFd(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
   return UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+// False when an interrupt came instead. The wait is bounded because one may come just before it.
+bool waitForData(int fd) {
+  pollfd wanted{fd, POLLIN, 0};
+  while (!interrupted()) {
+    const int ready = poll(&wanted, 1, kInterruptCheckMs);
+    if (ready > 0 || (ready < 0 && errno != EINTR)) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -137,6 +150,8 @@ void RecordFile::read(std::size_t wanted) {
   end_ = left();
   begin_ = 0;
   if (window_.size() < wanted) window_.resize(wanted);
+  atEnd_ = !waitForData(file_.get());
+  if (atEnd_) return;
   const ssize_t count = ::read(file_.get(), window_.data() + end_, window_.size() - end_);
   if (count < 0 && errno == EINTR) return;
   if (count < 0) throw unreadable(name_);

@@ -14,6 +14,7 @@
 // reader goes on behind it where its length can still be trusted: a length that is too short for
 // a record of the stream, that is negative or that runs past the end ends the file.
 //
+// SIGINT and SIGTERM, where they are noted, end the wait for a silent pipe, and with it the file.
 // Memory: a window on the file, as large as its largest record (16 MiB at most). Pipes will do.
 // Threads: one. Failures: UnreadableFile when the file cannot be opened or read.
 #pragma once

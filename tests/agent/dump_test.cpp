@@ -36,23 +36,17 @@ const std::string kRmdir = headed("RMDIR",
                                   "a1\npar_fid.......... b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2"
                                   "b2b2b2\nshort_name....... ab\n");
 
-Sample message(const char* text) {
-  Sample sample = samples::txtmsg();
-  sample.record.u.txtmsg = {text};
-  Bytes wire(getRawCmdSize(&sample.record));
-  encodeRawCmd(&sample.record, wire.data());
-  sample.wire = hex(wire);
-  return sample;
+std::string message(const char* text) {
+  FlrJrnCommandRaw r = record(FLR_JRN_TXTMSG);
+  r.u.txtmsg = {text};
+  return wireOf(r);
 }
 
-Sample written(const std::string& bytes) {
-  Sample sample = samples::write();
-  sample.record.u.write.size = static_cast<unsigned int>(bytes.size());
-  sample.record.u.write.data = data(bytes.data());
-  Bytes wire(getRawCmdSize(&sample.record));
-  encodeRawCmd(&sample.record, wire.data());
-  sample.wire = hex(wire);
-  return sample;
+std::string written(const std::string& bytes) {
+  FlrJrnCommandRaw r = samples::write().record;
+  r.u.write.size = static_cast<unsigned int>(bytes.size());
+  r.u.write.data = data(bytes.data());
+  return wireOf(r);
 }
 
 struct DumpTest : testing::Test {
@@ -210,14 +204,14 @@ TEST_F(DumpTest, AFileThatIsNotThereIsNamedAndTheOthersArePrinted) {
 }
 
 TEST_F(DumpTest, NamesAndDataGoIntoAFileByteForByte) {
-  const Outcome outcome = dump(stream({message("a\n\x1b[31m\xff"), written("\x1b\xff")}));
+  const Outcome outcome = dump(message("a\n\x1b[31m\xff") + written("\x1b\xff"));
   EXPECT_THAT(outcome.out, HasSubstr("msg.............. a\n\x1b[31m\xff\n"));
   EXPECT_THAT(outcome.out, HasSubstr("data............. \x1b\xff...\n"));
 }
 
 TEST_F(DumpTest, OnATerminalNoByteOfANameOrOfDataActs) {
   const std::string path =
-      file(stream({message("a\n\x1b[31m\xff gr\xc3\xbc\xc3\x9f"), written("ab\n\x1b\xff\x7f~")}));
+      file(message("a\n\x1b[31m\xff gr\xc3\xbc\xc3\x9f") + written("ab\n\x1b\xff\x7f~"));
   const UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY));
   if (!terminal || grantpt(terminal.get()) != 0 || unlockpt(terminal.get()) != 0)
     GTEST_SKIP() << "no pseudo-terminal here";
@@ -269,8 +263,8 @@ TEST_F(DumpTest, JsonHoldsEveryFieldUnderItsName) {
 TEST_F(DumpTest, JsonGivesDataAndNamesThatAreNotUtf8InBase64) {
   const std::string a = R"("a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1")";
   expect(
-      dump(stream({written(""), written("abcd"), samples::setAcl(), samples::setXattr(),
-                   message("\xff"), message("\x1b\"")}),
+      dump(written("") + written("abcd") + stream({samples::setAcl(), samples::setXattr()}) +
+               message("\xff") + message("\x1b\""),
            {"--json"}),
       0,
       json("WRITE",
@@ -285,7 +279,7 @@ TEST_F(DumpTest, JsonGivesDataAndNamesThatAreNotUtf8InBase64) {
 }
 
 TEST_F(DumpTest, ALargeRecordIsReadFromAPipe) {
-  const std::string bytes = stream({written(std::string(16000000, 'x')), samples::noop()});
+  const std::string bytes = written(std::string(16000000, 'x')) + stream({samples::noop()});
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   UniqueFd from(ends[0]), to(ends[1]);

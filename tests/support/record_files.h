@@ -21,6 +21,13 @@ inline std::string wireOf(const Sample& sample) {
   return asText(bytes(sample.wire));
 }
 
+// For records that a test makes up as its input.
+inline std::string wireOf(const FlrJrnCommandRaw& record) {
+  Bytes wire(getRawCmdSize(&record));
+  encodeRawCmd(&record, wire.data());
+  return asText(wire);
+}
+
 // The length in front of a record of a swap file.
 inline std::string prefix(int length) {
   const auto value = static_cast<std::int16_t>(length);

@@ -17,9 +17,9 @@
 namespace kddc::test {
 
 // 24 equal bytes.
-inline fsf_fid fidOf(unsigned char byte) {
+inline fsf_fid fidOf(int byte) {
   fsf_fid fid;
-  for (unsigned char& b : fid.data) b = byte;
+  for (unsigned char& b : fid.data) b = static_cast<unsigned char>(byte);
   return fid;
 }
 

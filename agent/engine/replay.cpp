@@ -1,0 +1,103 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/engine/replay.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "agent/engine/catalogue_folder.h"
+#include "agent/errors.h"
+#include "journal/apply_journal.h"
+#include "records/record_layout.h"
+
+namespace kddc {
+
+ReplayCounts& ReplayCounts::operator+=(const ReplayCounts& other) {
+  applied += other.applied;
+  ignored += other.ignored;
+  refused += other.refused;
+  failed += other.failed;
+  return *this;
+}
+
+ReplayCounts ReplayTally::total() const {
+  ReplayCounts total;
+  for (const ReplayCounts& counts : counts_) total += counts;
+  return total;
+}
+
+ReplayCatalogue::ReplayCatalogue(std::string folder) : folder_(std::move(folder)), db_(folder_) {
+  if (!db_.DoesDbExist())
+    throw Failure(
+        fmt::format("{} holds no catalogue that can be read and written; make one with: "
+                    "kddc scan VOLUME --catalogue {}",
+                    folder_, folder_));
+  if (const auto user = userOf(folder_))
+    throw Failure(fmt::format("{} is in use by {}; stop it first", folder_, *user));
+  during("cannot open the catalogue in " + folder_, [&] {
+    requireGood();
+    if (!db_.OpenHandle(false, false)) throw Failure(folder_ + " is in use by another process");
+  });
+}
+
+// Looks without writing anything: a catalogue that is refused stays as it was.
+void ReplayCatalogue::requireGood() {
+  if (!db_.OpenHandle(true, false))
+    throw Failure(fmt::format("the catalogue in {} cannot be opened; -v says why", folder_));
+  unsigned long referenceTime = 0;
+  if (!db_.GetReferenceTime(&referenceTime))
+    throw Failure(
+        fmt::format("the catalogue in {} is not complete: its first scan has not "
+                    "finished, or it was not closed properly; scan again",
+                    folder_));
+  if (!db_.DBVersionCheck())
+    throw Failure(fmt::format("the catalogue in {} is of another version; scan again", folder_));
+  db_.CloseHandle(0, true);
+}
+
+void ReplayCatalogue::close() {
+  during("cannot finish the catalogue in " + folder_, [&] { db_.CloseHandle(0, false); });
+}
+
+bool Replay::step() {
+  const auto piece = file_.next();
+  if (!piece) return false;
+  ++steps_;
+  take(*piece);
+  return true;
+}
+
+void Replay::take(const FilePiece& piece) {
+  if (!piece.damage.empty()) return refuse(piece);
+  FlrJrnCommandRaw record;
+  decodeRawCmd(piece.bytes.data(), &record);
+  if (devt_ && record.devt != *devt_) {
+    ++leftOut_;
+    return;
+  }
+  mixed_ = mixed_ || record.devt != firstDevt_.value_or(record.devt);
+  firstDevt_ = firstDevt_.value_or(record.devt);
+  apply(piece, record);
+}
+
+void Replay::refuse(const FilePiece& piece) {
+  ++tally_.of(piece.bytes.empty() ? ReplayTally::kUnknown : piece.bytes[0]).refused;
+  complain(describeDamage(file_, piece));
+}
+
+void Replay::apply(const FilePiece& piece, const FlrJrnCommandRaw& record) {
+  ReplayCounts& counts = tally_.of(record.cmd);
+  if (ApplyJournal(&rows_, record)) {
+    ++(changesCatalogue(record.cmd) ? counts.applied : counts.ignored);
+    return;
+  }
+  ++counts.failed;
+  if (!std::exchange(failedBefore_, true))
+    complain(
+        fmt::format("{}: byte {}: the first record that could not be applied, a {}; -v says "
+                    "why",
+                    file_.name(), piece.offset, commandName(record.cmd)));
+}
+
+}  // namespace kddc
