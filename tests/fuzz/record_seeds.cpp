@@ -1,13 +1,23 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// record_seeds DIR: empties DIR and writes one record of each command to it, a file each.
+// record_seeds DIR: empties DIR and writes one record of each command to it, a file each, and all
+// of them as one stream and as one swap file.
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <string>
 
-#include "tests/support/bytes.h"
+#include "tests/support/record_files.h"
 #include "tests/support/record_samples.h"
+
+namespace {
+
+void write(const std::filesystem::path& file, const std::string& text) {
+  std::ofstream(file, std::ios::binary) << text;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -17,10 +27,13 @@ int main(int argc, char** argv) {
   const std::filesystem::path folder = argv[1];
   std::filesystem::remove_all(folder);
   std::filesystem::create_directories(folder);
+  std::string stream, swapFile;
   for (const kddc::test::Sample& sample : kddc::test::oneOfEachCommand()) {
-    const kddc::test::Bytes wire = kddc::test::bytes(sample.wire);
-    std::ofstream(folder / sample.name, std::ios::binary)
-        .write(reinterpret_cast<const char*>(wire.data()),
-               static_cast<std::streamsize>(wire.size()));
+    const std::string wire = kddc::test::wireOf(sample);
+    write(folder / sample.name, wire);
+    stream += wire;
+    swapFile += kddc::test::framed(wire);
   }
+  write(folder / "STREAM", stream);
+  write(folder / "SWAP_FILE", swapFile);
 }
