@@ -7,6 +7,7 @@
 
 namespace {
 
+using kddc::test::expectRefusal;
 using kddc::test::fidOf;
 using kddc::test::LogCapture;
 using testing::ElementsAre;

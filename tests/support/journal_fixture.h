@@ -54,6 +54,13 @@ inline void expectFailure(int type, int number, const std::string& message,
   EXPECT_EQ(e.GetMessage(), message);
 }
 
+// The failure that a trigger with RAISE(ABORT,'refused') makes.
+inline void expectRefusal(const std::function<void()>& operation) {
+  const UDCException e = failureOf(operation);
+  EXPECT_EQ(e.GetType(), 3);
+  EXPECT_NE(e.GetMessage().find("refused"), std::string::npos) << e.what();
+}
+
 struct JournalTest : OpenCatalogueTest {
   static constexpr int kAt = 5000;  // the time of records
 
@@ -72,11 +79,6 @@ struct JournalTest : OpenCatalogueTest {
   void refuseUpdateOf(unsigned long long inode) {
     filesSql("CREATE TEMP TRIGGER refuse BEFORE UPDATE ON FILES WHEN OLD.INODE=" +
              std::to_string(inode) + " BEGIN SELECT RAISE(ABORT,'refused'); END");
-  }
-  void expectRefusal(const std::function<void()>& operation) {
-    const UDCException e = failureOf(operation);
-    EXPECT_EQ(e.GetType(), 3);
-    EXPECT_NE(e.GetMessage().find("refused"), std::string::npos) << e.what();
   }
 
   // The prepared statement whose text begins so.
