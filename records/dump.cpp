@@ -11,7 +11,6 @@
 // Readers of old logs and tools know these lines, so they stay as they are: integers in decimal are
 // signed, whatever they mean, and names and data come byte for byte.
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -33,14 +32,12 @@ class Printer {
   Printer(char* out, unsigned int size) : at_(out), room_(size) {}
 
   void line(const char* label, const char* value) { print(label, "%s", value); }
-  [[gnu::format(printf, 3, 4)]] void print(const char* label, const char* format, ...) {
+  template <class... Values>
+  void print(const char* label, const char* format, Values... values) {
     const int length = static_cast<int>(std::strlen(label));
-    append("%s%s%.*s ", separator_, label, kColumn - length, kDots);
+    advance(std::snprintf(at_, room_, "%s%s%.*s ", separator_, label, kColumn - length, kDots));
     separator_ = "\n";
-    va_list arguments;
-    va_start(arguments, format);
-    append(format, arguments);
-    va_end(arguments);
+    advance(std::snprintf(at_, room_, format, values...));
   }
 
   void fid(const char* label, const fsf_fid& fid) {
@@ -78,14 +75,8 @@ class Printer {
   void none(unsigned char) {}
 
  private:
-  [[gnu::format(printf, 2, 3)]] void append(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    append(format, arguments);
-    va_end(arguments);
-  }
-  [[gnu::format(printf, 2, 0)]] void append(const char* format, va_list arguments) {
-    const int length = std::vsnprintf(at_, room_, format, arguments);
+  // Behind what a printf made of `length` characters, of which it wrote those that fit.
+  void advance(int length) {
     const unsigned int written =
         std::min(static_cast<unsigned int>(std::max(length, 0)), room_ - 1);
     at_ += written;

@@ -180,11 +180,13 @@ TEST_F(DumpTest, ADamagedRecordWhoseLengthHoldsIsLeftOut) {
   unknown[0] = 24;
   std::string endless = wireOf(samples::txtmsg());
   endless.back() = 'x';
+  const std::string before = stream({samples::noop()}), behind = stream({samples::txtmsg()});
+  const std::string left = kNoop + "\n" + kTxtmsg;
   for (const std::string& damaged : {unknown, endless}) {
-    expect(dump(stream({samples::noop()}) + damaged + stream({samples::txtmsg()})), 1,
-           kNoop + "\n" + kTxtmsg, complaint("byte 26: a record of 32 bytes is not well formed"));
-    expect(dump(swapFile({samples::noop()}) + framed(damaged) + swapFile({samples::txtmsg()})), 1,
-           kNoop + "\n" + kTxtmsg, complaint("byte 28: a record of 32 bytes is not well formed"));
+    expect(dump(std::string(before).append(damaged).append(behind)), 1, left,
+           complaint("byte 26: a record of 32 bytes is not well formed"));
+    expect(dump(framed(before).append(framed(damaged)).append(framed(behind))), 1, left,
+           complaint("byte 28: a record of 32 bytes is not well formed"));
   }
 }
 
@@ -279,7 +281,9 @@ TEST_F(DumpTest, JsonGivesDataAndNamesThatAreNotUtf8InBase64) {
 }
 
 TEST_F(DumpTest, ALargeRecordIsReadFromAPipe) {
-  const std::string bytes = written(std::string(16000000, 'x')) + stream({samples::noop()});
+  std::string large;
+  large.resize(16'000'000, 'x');
+  const std::string bytes = written(large) + stream({samples::noop()});
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   UniqueFd from(ends[0]), to(ends[1]);
