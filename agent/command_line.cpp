@@ -4,7 +4,6 @@
 
 #include <CLI/CLI.hpp>
 #include <ctime>
-#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -25,10 +24,14 @@ struct Words {
   std::string since;
   std::vector<std::string> files;
   ReplayOptions replay;
-  RecordFormat format = RecordFormat::kByContent;
+  std::string format;
   bool nul = false;
   bool json = false;
 
+  RecordFormat recordFormat() const {
+    if (format.empty()) return RecordFormat::kByContent;
+    return format == "swap" ? RecordFormat::kSwap : RecordFormat::kStream;
+  }
   Form form() const { return json ? Form::kJson : nul ? Form::kNul : Form::kLines; }
 };
 
@@ -53,11 +56,9 @@ void addForms(CLI::App* command, Words& words) {
 }
 
 void addRecordFormat(CLI::App* command, Words& words) {
-  static const std::map<std::string, RecordFormat> formats = {{"swap", RecordFormat::kSwap},
-                                                              {"stream", RecordFormat::kStream}};
   command->add_option("--format", words.format, "What the file is; otherwise its content tells")
       ->option_text("swap|stream")
-      ->transform(CLI::CheckedTransformer(formats));
+      ->check(CLI::IsMember({"swap", "stream"}));
 }
 
 CLI::App* addDump(CLI::App& app, Words& words) {
@@ -82,7 +83,7 @@ CLI::App* addReplay(CLI::App& app, Words& words) {
 
 int replay(Words& words) {
   if (words.options.catalogue.empty()) throw CLI::RequiredError("--catalogue");
-  words.replay.format = words.format;
+  words.replay.format = words.recordFormat();
   words.replay.json = words.json;
   return runReplay(words.options, words.replay);
 }
@@ -130,7 +131,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   if (list->parsed()) return runList(words.options, words.volume, words.form());
   if (check->parsed()) return runCheck(words.options, words.volume);
   if (replaying->parsed()) return replay(words);
-  if (dumping->parsed()) return runDump(words.files, words.format, words.json);
+  if (dumping->parsed()) return runDump(words.files, words.recordFormat(), words.json);
   return runChanges(words.options, words.volume, since, words.form());
 }
 
