@@ -1,5 +1,8 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
+//
+// The dispatcher. What sets the commands apart is one row of kCommands each; what they share, the
+// clock, the statistics and the end of every failure, stands once, in ApplyJournal.
 #include "journal/apply_journal.h"
 
 #include <array>
@@ -41,6 +44,8 @@ void sayName(const Record& r, int level) {
                r.u.*Member.*Name);
 }
 
+// These two have always been said without the prefix, but with the sequence number: they are the
+// lines by which a file is followed through a log.
 void sayCreate(const Record& r, int level) {
   const FlrJrnCreateRaw& create = r.u.create;
   dbg.DebugLvl(kTag, level, "Devt[%llu] SeqNum[%llu] CREATE fid[%s] name[%s] par_fid[%s]", r.devt,
@@ -73,6 +78,8 @@ void sayRename(const Record& r, int level) {
                rename.dst_fid_valid != 0 ? fid2str(rename.dst_fid).c_str() : "NULL");
 }
 
+// Operations take their time as an int, from which rows get the same 32 bits back. Remove alone has
+// room for the number as it is.
 int timeOf(const Record& r) {
   return static_cast<int>(r.timestamp);
 }
@@ -82,6 +89,7 @@ void applyAdditional(DCSqliteDB& db, const Record& r) {
   db.SetAdditionalAttr(&(r.u.*Member).fid, timeOf(r));
 }
 
+// Commands without a row change data alone, or nothing that a catalogue holds.
 constexpr Command kCommands[] = {
     {FLR_JRN_SETATTR, kAttributes, sayFid<&Payload::setattr>,
      [](DCSqliteDB& db, const Record& r) { db.SetAttr(r.u.setattr, timeOf(r)); }},

@@ -45,6 +45,8 @@ unsigned wallClock() {
   return static_cast<unsigned>(time(nullptr));
 }
 
+// `update` was prepared before the identifier is looked up: a catalogue that cannot mark stubs says
+// so at the first record about one.
 void setFileType(DCSqliteDB& db, kddc::Execution&& update, const fsf_fid& fid, int fileType,
                  std::optional<int> changed) {
   for (const unsigned long long inode : inodesOf(db, fid)) {
@@ -114,6 +116,7 @@ void DCSqliteDB::SetAttr(const FlrJrnSetAttrRaw& r, int time) {
     if (utime) dbg.DebugLvl(kSetAttr, kAttributes, "Sent by a call to utime");
 
     const auto recordTime = static_cast<unsigned>(time);
+    // Which columns are set differs from record to record; 256 statements would have to be kept.
     SqlText sql(queryBuf);
     writeAssignments(sql, r, recordTime);
     const std::size_t assignments = sql.size();

@@ -49,6 +49,7 @@ void DCSqliteDB::Create(const FlrJrnCreateRaw& record) {
 void DCSqliteDB::MkDir(const FlrJrnMkDirRaw& record) {
   logged("DCSqliteDB :: MkDir", [&] {
     StatFidName_s entry = entryOf(record, 2);
+    // A folder whatever its mode says: the command is proof enough.
     Insert(&entry, inodeOf(*this, record.par_fid), kFolder);
   });
 }

@@ -55,6 +55,7 @@ int int32(unsigned long time) {
   return static_cast<int>(time);
 }
 
+// Not DeleteEntry, which says each pair of rows in the log: a record has been said already.
 void deleteRows(DCSqliteDB& db, const RowIds& row) {
   db.DeleteInode(row.inode);
   db.DeleteFidGivenRowId(row.fidsRowId);
@@ -92,6 +93,7 @@ void DCSqliteDB::RemoveDir(const FlrJrnRmDirRaw& record, int /*time*/) {
 
 void DCSqliteDB::CreateLink(const FlrJrnLinkRaw& record, int time) {
   logged("DCSqliteDB :: CreateLink", [&] {
+    // An unknown file counts as one without names, and the new one has no stat fields.
     StatFidName_s entry{.st = {}, .fid = record.src_fid, .name = record.dst_short_name};
     const std::list<unsigned long long> names = inodesOf(*this, record.src_fid);
     GetStatInfo(names.empty() ? 0 : names.back(), &entry.st, nullptr);

@@ -40,6 +40,7 @@ struct End {
   const char* shortName;
 };
 
+// Which row it is.
 struct Found {
   RowIds row;
   std::optional<int> fileType;  // when the row was told from others by parent and name
@@ -114,6 +115,7 @@ Source findSource(DCSqliteDB& db, const FlrJrnRenameRaw& r) {
 
 void DCSqliteDB::Rename(const FlrJrnRenameRaw& record, int time) {
   logged(kRename.tag, [&] {
+    // The replaced row goes first, so that two rows never share a parent and a name.
     const unsigned long long dstParent = inodeOf(*this, record.dst_par_fid);
     if (record.dst_fid_valid != 0) dropReplaced(*this, record, dstParent);
     const Source source = findSource(*this, record);
