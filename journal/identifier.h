@@ -23,10 +23,12 @@ inline RowIds rowOf(DCSqliteDB& db, const fsf_fid& fid) {
   return row;
 }
 
+// The inode alone, for a folder, which has one row.
 inline unsigned long long inodeOf(DCSqliteDB& db, const fsf_fid& fid) {
   return rowOf(db, fid).inode;
 }
 
+// One inode for each name, in the order of the FIDS rows.
 inline std::list<unsigned long long> inodesOf(DCSqliteDB& db, const fsf_fid& fid) {
   std::list<unsigned long long> inodes;
   db.GetFidTuple(&fid, &inodes, nullptr, nullptr, nullptr, nullptr, nullptr);

@@ -26,9 +26,10 @@ class SqlText {
     *at_ = '\0';
     return *this;
   }
+  // The text so far, with a NUL behind it once anything was added.
   const char* text() const { return begin_; }
   std::size_t size() const { return static_cast<std::size_t>(at_ - begin_); }
-  // Back to the first `size` characters.
+  // Back to the first `size` characters, so that one beginning serves several texts.
   void cut(std::size_t size) { at_ = begin_ + size; }
 
  private:
