@@ -15,15 +15,16 @@ namespace {
 std::atomic<int> allocations = 0;
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inline: a compiler that sees only one of the pair takes it for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   ++allocations;
   if (void* memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 
