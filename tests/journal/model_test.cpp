@@ -6,9 +6,10 @@
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <ctime>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -77,13 +78,22 @@ std::string difference(const std::string& table, const Rows& real, const Rows& m
 // One volume: its catalogue, and what should be in it.
 class Volume {
  public:
-  Volume() : db_(folder_ / "catalogue"), model_(shown) {
+  Volume() : db_(folder_ / "catalogue") {
     db_.CreateDb();
     EXPECT_TRUE(db_.OpenHandle(false, false));
   }
   ~Volume() { db_.CloseHandle(0, false); }
   Volume(const Volume&) = delete;
   Volume& operator=(const Volume&) = delete;
+
+  // Starts anew, as if just opened and empty: building a catalogue for each sequence would take
+  // longer than all records.
+  void clear() {
+    db_.filesDb->exec_query("DELETE FROM FILES");
+    db_.fidDb->exec_query("DELETE FROM FIDS");
+    db_.openTime = shown;
+    model_ = ModelCatalogue(shown);
+  }
 
   // Lets both live through what the number means; tells what it was, and what was answered wrong.
   struct Outcome {
@@ -102,7 +112,7 @@ class Volume {
  private:
   TempFolder folder_;
   OpenCatalogue db_;
-  ModelCatalogue model_;
+  ModelCatalogue model_{shown};
 
   Outcome applyRecord(std::uint64_t seed) {
     const OwnedRecord sent = RandomRecord(model_, shown, seed).make();
@@ -133,12 +143,14 @@ class Volume {
   }
 };
 
+using Volumes = std::array<Volume, 2>;
+
 enum class Compare { kAtTheEnd, kAfterEachRecord };
 
 // What went wrong, with the records that led to it; empty when nothing did.
-std::string mistakeIn(const Numbers& numbers, std::time_t era, Compare when) {
+std::string mistakeIn(const Numbers& numbers, std::time_t era, Compare when, Volumes& volumes) {
   shown = era;
-  Volume volumes[2];
+  for (Volume& volume : volumes) volume.clear();
   std::string story;
   for (const std::uint64_t number : numbers) {
     ++shown;
@@ -154,15 +166,16 @@ std::string mistakeIn(const Numbers& numbers, std::time_t era, Compare when) {
 
 TEST(AnySequenceOfRecords, LeavesInTheCatalogueWhatItLeavesInTheModel) {
   const LogCapture quiet(0);
+  Volumes volumes;
   const auto anyNumber = rc::gen::resize(rc::kNominalSize, rc::gen::arbitrary<std::uint64_t>());
-  const auto anyNumbers = rc::gen::scale(8, rc::gen::container<Numbers>(anyNumber));
+  const auto anyNumbers = rc::gen::scale(30, rc::gen::container<Numbers>(anyNumber));
   // Before and after the times that 31 and 32 bits hold.
   const auto anyEra = rc::gen::element<std::time_t>(1000000000, 2147483640, 3000000000, 4294967290);
   EXPECT_TRUE(rc::check([&] {
     const Numbers numbers = *anyNumbers;
     const std::time_t era = *anyEra;
-    if (!mistakeIn(numbers, era, Compare::kAtTheEnd).empty())
-      RC_FAIL(mistakeIn(numbers, era, Compare::kAfterEachRecord));
+    if (!mistakeIn(numbers, era, Compare::kAtTheEnd, volumes).empty())
+      RC_FAIL(mistakeIn(numbers, era, Compare::kAfterEachRecord, volumes));
   }));
 }
 

@@ -112,7 +112,7 @@ inline OwnedRecord RandomRecord::make() {
   record.cmd = dice_.oneOf(kMixOfCommands);
   record.timestamp = static_cast<unsigned>(seconds());
   record.seq_num = dice_.any();
-  record.devt = dice_.any();
+  record.devt = dice_.below(3);
   record.mask = static_cast<unsigned>(dice_.below(0x10000));
   fill();
   return std::move(made_);
