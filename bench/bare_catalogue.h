@@ -162,16 +162,18 @@ class BareCatalogue {
     const bool folder = type == 1;
     const auto int32 = [](auto value) { return static_cast<int>(static_cast<unsigned>(value)); };
     const long long size = st.st_size, blocks = st.st_blocks, unknown = INT64_MAX;
+    const long long predicted = fids_.lastRow() + 1;
     insertFile_
         .bind(parent, int32(st.st_mode), int32(st.st_nlink), int32(st.st_uid), int32(st.st_gid),
               folder ? size : unknown, folder ? blocks : unknown, int32(st.st_atime),
-              int32(st.st_mtime), int32(st.st_ctime), int32(st.st_ctime), type, name,
-              fids_.lastRow() + 1)
+              int32(st.st_mtime), int32(st.st_ctime), int32(st.st_ctime), type, name, predicted)
         .write();
     const long long inode = files_.lastRow();
     if (!folder) updateSize_.bind(size, blocks, inode).write();
     insertFid_.bind(inode).bindFid(2, fid).bindAt(6, folder ? unknown : 0).write();
-    updateSeq_.bind(0LL, fids_.lastRow()).write();
+    const long long actual = fids_.lastRow();
+    updateSeq_.bind(0LL, actual).write();
+    if (actual != predicted) updateFidRowId_.bind(actual, inode).write();
   }
 
   // 0 when there is none.
@@ -213,6 +215,7 @@ class BareCatalogue {
   BareStatement insertFid_{fids_,
                            "INSERT INTO FIDS (FILES_ROWID,SEQNUM,RESCAN,FID1,FID2,FID3,FID4) "
                            "VALUES (?1,?6,0,?2,?3,?4,?5)"};
+  BareStatement updateFidRowId_{files_, "UPDATE FILES SET FID_ROWID=?1 WHERE INODE=?2"};
   BareStatement updateSeq_{fids_, "UPDATE FIDS SET SEQNUM=?1 WHERE FIDS_ROWID=?2"};
   BareStatement getFid_{fids_,
                         "SELECT FIDS_ROWID,FILES_ROWID,SEQNUM,RESCAN FROM FIDS WHERE FID1=?1 AND "

@@ -22,6 +22,12 @@ struct Ratio {
   std::string floor;
 };
 
+// The same work on something larger took the time of `large` divided by that of `small`.
+struct Growth {
+  std::string large;
+  std::string small;
+};
+
 class ShortestTimes : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
@@ -45,7 +51,8 @@ class ShortestTimes : public benchmark::ConsoleReporter {
 };
 
 // --smoke runs the small sizes for a moment, to show that the program still works.
-inline int runWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios) {
+inline int runWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios,
+                         const std::vector<Growth>& growths = {}) {
   std::vector<std::string> words(argv, argv + argc);
   if (std::erase(words, "--smoke") > 0) {
     words.insert(words.end(), {"--benchmark_min_time=0.01", "--benchmark_filter=-/1000000"});
@@ -62,6 +69,10 @@ inline int runWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios
     if (times.of(ratio.ours) > 0 && times.of(ratio.floor) > 0)
       std::printf("ratio  %-36s %.2f of %s\n", ratio.ours.c_str(),
                   times.of(ratio.floor) / times.of(ratio.ours), ratio.floor.c_str());
+  for (const Growth& growth : growths)
+    if (times.of(growth.large) > 0 && times.of(growth.small) > 0)
+      std::printf("growth %-36s %.2f over %s\n", growth.large.c_str(),
+                  times.of(growth.large) / times.of(growth.small), growth.small.c_str());
   return 0;
 }
 
