@@ -12,6 +12,7 @@
 #include <ctime>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "journal/apply_journal.h"
@@ -39,6 +40,7 @@ std::time_t shown = 0;
 }  // namespace
 
 // The wall clock of this program, so that every time that a record leaves is known to the second.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" std::time_t time(std::time_t* out) noexcept {
   if (out) *out = shown;
   return shown;
@@ -177,6 +179,27 @@ TEST(AnySequenceOfRecords, LeavesInTheCatalogueWhatItLeavesInTheModel) {
     if (!mistakeIn(numbers, era, Compare::kAtTheEnd, volumes).empty())
       RC_FAIL(mistakeIn(numbers, era, Compare::kAfterEachRecord, volumes));
   }));
+}
+
+// Otherwise the comparison above would be one of catalogues in which nothing happens.
+TEST(RandomRecords, MostlyChangeRowsAndSometimesFailHalfWay) {
+  int records = 0, changing = 0, failing = 0, halfWay = 0;
+  for (std::uint64_t sequence = 0; sequence < 20; ++sequence) {
+    ModelCatalogue model(1000000000);
+    Dice dice(sequence);
+    for (int i = 0; i < 200; ++i, ++records) {
+      const auto before = std::pair(model.fileRows(), model.fidRows());
+      const OwnedRecord sent = RandomRecord(model, 1000000000 + i, dice.any()).make();
+      const bool applied = model.apply(sent.record, 1000000000 + i);
+      const bool changed = before != std::pair(model.fileRows(), model.fidRows());
+      changing += changed;
+      failing += !applied;
+      halfWay += changed && !applied;
+    }
+  }
+  EXPECT_GT(changing, records * 6 / 10);
+  EXPECT_LT(failing, records * 2 / 10);
+  EXPECT_GT(halfWay, 0);
 }
 
 }  // namespace
