@@ -3,17 +3,17 @@
 //
 // The operations that read single rows, and the decisions that rest on what they find.
 #include "catalogue/db_access.h"
+#include "catalogue/file_type.h"
 #include "catalogue/statement.h"
 #include "platform/logged.h"
 #include "platform/text.h"
 #include "records/fsf_fid.h"
 
+using kddc::kFolder;
 using kddc::logged;
 using kddc::Sql;
 
 namespace {
-
-constexpr int kFolder = 1;
 
 unsigned long long column64(sqlite3_stmt* row, int column) {
   return static_cast<unsigned long long>(sqlite3_column_int64(row, column));

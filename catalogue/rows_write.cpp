@@ -9,20 +9,20 @@
 #include <ctime>
 
 #include "catalogue/db_access.h"
+#include "catalogue/file_type.h"
 #include "catalogue/statement.h"
 #include "platform/logged.h"
 #include "platform/text.h"
 
+using kddc::kDeriveFromMode;
+using kddc::kFolder;
 using kddc::kPlaceholder;
+using kddc::kRegularFile;
+using kddc::kStub;
 using kddc::logged;
 using kddc::Sql;
 
 namespace {
-
-constexpr int kRegularFile = 0;
-constexpr int kFolder = 1;
-constexpr int kDeriveFromMode = 7;
-constexpr int kStub = 8;
 
 template <class Number>
 int int32(Number value) {

@@ -7,17 +7,17 @@
 #include <cstdlib>
 
 #include "catalogue/db_access.h"
+#include "catalogue/file_type.h"
 #include "catalogue/subtree_walk.h"
 #include "platform/logged.h"
 #include "records/fsf_fid.h"
 
 using kddc::absorbed;
+using kddc::kFolder;
 using kddc::logged;
 using kddc::SubtreeWalk;
 
 namespace {
-
-constexpr int kFolder = 1;
 
 // One level of a removal. The outermost one leaves a clean slate, whatever happened.
 class Level {

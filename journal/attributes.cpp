@@ -6,12 +6,15 @@
 #include <optional>
 
 #include "catalogue/db_access.h"
+#include "catalogue/file_type.h"
 #include "catalogue/statement.h"
 #include "journal/identifier.h"
 #include "journal/sql_text.h"
 #include "platform/logged.h"
 
 using kddc::inodesOf;
+using kddc::kRegularFile;
+using kddc::kStub;
 using kddc::logged;
 using kddc::Sql;
 using kddc::SqlText;
@@ -20,9 +23,6 @@ namespace {
 
 constexpr char kSetAttr[] = "DCSqliteDB :: SetAttr";
 constexpr int kAttributes = 6;  // log level
-
-constexpr int kRegularFile = 0;
-constexpr int kStub = 8;
 
 // ?2 is left to Stub, so that both have the same parameters.
 constexpr Sql kStubSql{

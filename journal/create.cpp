@@ -7,16 +7,16 @@
 #include <cstring>
 
 #include "catalogue/db_access.h"
+#include "catalogue/file_type.h"
 #include "journal/identifier.h"
 #include "platform/logged.h"
 
 using kddc::inodeOf;
+using kddc::kDeriveFromMode;
+using kddc::kFolder;
 using kddc::logged;
 
 namespace {
-
-constexpr int kFolder = 1;
-constexpr int kDeriveFromMode = 7;
 
 timespec timeOf(const FlrJrnTime& time) {
   return {.tv_sec = time.tv_sec, .tv_nsec = time.tv_nsec};

@@ -7,19 +7,19 @@
 #include <unordered_set>
 
 #include "catalogue/db_access.h"
+#include "catalogue/file_type.h"
 #include "catalogue/statement.h"
 #include "journal/identifier.h"
 #include "platform/logged.h"
 
 using kddc::inodeOf;
 using kddc::inodesOf;
+using kddc::kDeriveFromMode;
 using kddc::logged;
 using kddc::RowIds;
 using kddc::Sql;
 
 namespace {
-
-constexpr int kDeriveFromMode = 7;
 
 constexpr Sql kUpdateNlinkCtimeTime{
     .tag = "DCSqliteDB :: UpdateNlinkCtimeTime",

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "catalogue/db_access.h"
+#include "catalogue/file_type.h"
 #include "catalogue/statement.h"
 #include "journal/identifier.h"
 #include "platform/logged.h"
@@ -15,13 +16,13 @@
 
 using kddc::fid2str;
 using kddc::inodeOf;
+using kddc::kFolder;
 using kddc::logged;
 using kddc::RowIds;
 using kddc::Sql;
 
 namespace {
 
-constexpr int kFolder = 1;
 constexpr int kDetail = 6;  // log level
 
 constexpr Sql kRename{

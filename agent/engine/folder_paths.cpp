@@ -6,6 +6,7 @@
 
 #include <unordered_set>
 
+#include "catalogue/file_type.h"
 #include "platform/exceptions.h"
 
 namespace kddc {
@@ -13,8 +14,6 @@ namespace {
 
 // Deep trees with long names would fill the memory with paths that are hardly asked for again.
 constexpr std::size_t kMostKnownBytes = 64 * 1024 * 1024;
-
-constexpr int kFolder = 1;  // FILE_TYPE
 
 }  // namespace
 

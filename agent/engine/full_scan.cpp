@@ -13,13 +13,12 @@
 #include "agent/engine/batch_queue.h"
 #include "agent/errors.h"
 #include "agent/interrupt.h"
+#include "catalogue/file_type.h"
 
 namespace kddc {
 namespace {
 
 constexpr std::size_t kBatchEntries = 1000;
-constexpr int kDeriveType = 7;
-constexpr int kStub = 8;
 
 // Leaves the walk when nobody wants its entries any more.
 struct NotWanted {};
@@ -77,7 +76,7 @@ class Consumer {
     row_.fid = entry.fid;
     row_.name = name;
     const unsigned long long inode =
-        catalogue_.insertRow(row_, inodes_[entry.parent], entry.isStub ? kStub : kDeriveType);
+        catalogue_.insertRow(row_, inodes_[entry.parent], entry.isStub ? kStub : kDeriveFromMode);
     if (S_ISDIR(entry.st.st_mode)) inodes_.push_back(inode);
   }
 

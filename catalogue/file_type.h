@@ -1,0 +1,16 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// The codes of FILES.FILE_TYPE that the code itself asks for; GetFileType (records/fsf_fid.h) knows
+// the others. Private.
+#pragma once
+
+namespace kddc {
+
+inline constexpr int kRegularFile = 0;
+inline constexpr int kFolder = 1;
+inline constexpr int kDeriveFromMode =
+    7;                           // as an argument: the mode tells. In a row: any other type
+inline constexpr int kStub = 8;  // a regular file whose data was moved away
+
+}  // namespace kddc
