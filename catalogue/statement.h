@@ -34,6 +34,7 @@ struct Sql {
 // way out, whatever happened in between.
 class [[nodiscard]] Execution {
  public:
+  // All three must outlive the execution.
   Execution(UDC_DBMS& db, sqlite3_stmt* handle, const Sql& sql)
       : db_(db), handle_(handle), sql_(sql) {}
   ~Execution() { sqlite3_reset(handle_); }
@@ -54,6 +55,7 @@ class [[nodiscard]] Execution {
     return *this;
   }
 
+  // Runs a statement that changes rows; it counts towards the group that is committed together.
   int write() { return db_.exec_prepared_query(handle_); }
 
   // Calls `row` with the statement at each row; returns the number of rows.
@@ -100,6 +102,7 @@ class [[nodiscard]] Execution {
   const Sql& sql_;
 };
 
+// The handle of one operation. Its owner finalizes it before the connection is closed.
 class Statement {
  public:
   // Prepares the text in `query`, a copy of sql.text, on the first call.

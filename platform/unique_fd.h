@@ -1,7 +1,8 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// A file descriptor with one owner, closed when the owner goes. Private.
+// A file descriptor with one owner, closed when the owner goes. A failed close is not told: what is
+// to last is synced before. Private.
 #pragma once
 
 #include <unistd.h>

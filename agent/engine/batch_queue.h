@@ -2,6 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Entries on their way from the walk to the catalogue: batches, and a short queue of them.
+//
+//   walking thread ─► push ─► [batch][batch]... at most 8 ─► pop ─► inserting thread
+//
+// The queue is short because whoever is slower sets the pace anyway; what waits in it is memory.
 #pragma once
 
 #include <sys/stat.h>

@@ -1,7 +1,11 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// Read-only access to one database of a catalogue. Failures: UDCException of type 3.
+// Read-only access to one database of a catalogue, for answers: no lock file is made or taken, so a
+// writer is never in the way.
+//
+// Threads: one for a connection and its queries. Failures: UDCException of type 3 with SQLite's
+// code and words.
 #pragma once
 
 #include <sqlite3.h>
@@ -19,7 +23,9 @@ class ReadConnection {
   explicit ReadConnection(const std::string& path);
 
   sqlite3* get() const { return handle_.get(); }
+  // Executes statements that give no rows.
   void run(const char* sql) const;
+  // Throws what SQLite has to say about its last result.
   [[noreturn]] void fail(int result) const;
 
  private:
@@ -29,7 +35,8 @@ class ReadConnection {
   std::unique_ptr<sqlite3, Close> handle_;
 };
 
-// A prepared query. Text that it gives is valid until the next step or reset.
+// A prepared query, executed as often as wanted. Text that it gives is valid until the next step or
+// reset; the connection must outlive it.
 class Query {
  public:
   Query(const ReadConnection& connection, const char* sql);
@@ -40,6 +47,7 @@ class Query {
   void reset() { sqlite3_reset(statement_.get()); }
 
   std::int64_t integer(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+  // 32 bits as rows hold them: signed in the database, meant as unsigned.
   std::uint32_t word(int column) const { return static_cast<std::uint32_t>(integer(column)); }
   std::string_view text(int column) const;
 
