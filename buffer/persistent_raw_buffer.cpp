@@ -110,7 +110,7 @@ void PersistentDCRawBuffer::InitializeFromDisk() {
     }
     const KdMonitor::Guard guard(Monitor_m);
     for (const auto& [number, name] : swapFiles) SwapQueue_m.push_back({nullptr, number});
-    WriteFileCounter_m = swapFiles.empty() ? 1 : swapFiles.rbegin()->first + 1;
+    WriteFileCounter_m = firstNumber_ = swapFiles.empty() ? 1 : swapFiles.rbegin()->first + 1;
   });
 }
 
@@ -193,15 +193,20 @@ void PersistentDCRawBuffer::loadFirst() {
   const KdMonitor::Guard guard(Monitor_m);
   LoadFromDiskPending_m = false;
   if (SwapQueue_m.empty()) return;
-  if (ReadBuffer_m != WriteBuffer_m) {
-    blockLeftOut_ = true;
-    dbg.Error(kTag,
-              "Block %llu was filled before the first read after a restore: %d bytes are lost",
-              ReadBuffer_m->BufferId_m, ReadBuffer_m->Unread());
-  }
+  if (ReadBuffer_m != WriteBuffer_m) queueLeftBehind();
   ReadBuffer_m = LoadBuffer_m;
   loadAndRemove(kTag, SwapQueue_m.front().fileNumber);
   SwapQueue_m.pop_front();
+}
+
+// The producer has filled its first block, which was the read block too and so is not in the queue:
+// its place is behind the restored files and before what was queued since.
+void PersistentDCRawBuffer::queueLeftBehind() {
+  const auto later = std::find_if(SwapQueue_m.begin(), SwapQueue_m.end(), [&](const auto& entry) {
+    return entry.fileNumber > firstNumber_;
+  });
+  SwapQueue_m.insert(later, {ReadBuffer_m, firstNumber_});
+  filledTooEarly_ = true;
 }
 
 void PersistentDCRawBuffer::started(const char* tag, const char* indicator,
@@ -281,7 +286,7 @@ void PersistentDCRawBuffer::save() {
     saveExact_ = false;
     const bool firstIsExact = saveReadBlock(), restIsExact = saveQueueAndWriteBlock();
     syncSaved(kTag);
-    saveExact_ = firstIsExact && restIsExact && !blockLeftOut_;
+    saveExact_ = firstIsExact && restIsExact && !filledTooEarly_;
     saved_ = true;
     dbg.Debug(kTag,
               " ****************************************** SAVED JOURNALS TO DISK "

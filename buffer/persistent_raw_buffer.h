@@ -66,8 +66,8 @@ class KDDC_API PersistentDCRawBuffer : public DCRawBuffer {
   void DriverThreadShutDown();
   void DbThreadShutDown();
   bool AreJournalsSavedToDisk() const { return JournalsSavedToDisk_m; }
-  // False after a save that failed, or overwrote or reordered records or left some out: compare the
-  // catalogues with the disk.
+  // False after a save that failed, that overwrote or reordered records, or that followed an unsafe
+  // order of calls (see above): compare the catalogues with the disk.
   bool IsSaveExact() const { return saveExact_; }
 
   bool ReadEntry(unsigned char** data, int* len) override;
@@ -99,6 +99,7 @@ class KDDC_API PersistentDCRawBuffer : public DCRawBuffer {
   void restoreOrEmpty(bool cleanStart);
   void noteStray(const std::string& name);
   void loadFirst();
+  void queueLeftBehind() REQUIRES(Monitor_m);
   void started(const char* tag, const char* indicator, const char* cannotDelete,
                std::atomic<int>& state);
   void shutDown(const char* tag, const char* indicator, std::atomic<int>& own,
@@ -113,9 +114,9 @@ class KDDC_API PersistentDCRawBuffer : public DCRawBuffer {
 
   std::string cacheRoot_;
   std::atomic<bool> saveExact_ = true;
-  bool saved_ GUARDED_BY(Monitor_m) = false;  // what memory holds is on the disk
-  // A block that was filled before the first ReadEntry after a restore has left the queue.
-  bool blockLeftOut_ GUARDED_BY(Monitor_m) = false;
+  bool saved_ GUARDED_BY(Monitor_m) = false;                  // what memory holds is on the disk
+  unsigned long long firstNumber_ GUARDED_BY(Monitor_m) = 1;  // behind the restored files
+  bool filledTooEarly_ GUARDED_BY(Monitor_m) = false;         // a block, before the first ReadEntry
   // The number of the last queued block that a save has written; a save that failed goes on there.
   unsigned long long lastSaved_ GUARDED_BY(Monitor_m) = 1;
 };
