@@ -29,6 +29,10 @@ template <class Operation>
 auto loggedAsDebug(const char* tag, Operation&& operation) {
   try {
     return operation();
+  } catch (UDCException& e) {
+    e.AddFunction(tag);
+    dbg.Debug(tag, "eRRoR -- %s", e.what());
+    throw;
   } catch (const std::exception& e) {
     dbg.Debug(tag, "eRRoR -- %s", e.what());
     throw;
