@@ -1,5 +1,8 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
+//
+// The two private helpers that matter: Access, which is the lock or the promise that none is
+// needed, and skipTheRest, where everything ends that a damaged file may hold.
 #include "buffer/in_memory_buffer.h"
 
 #include <unistd.h>
@@ -8,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <new>
 
 #include "platform/logged.h"
 #include "platform/platform_info.h"
@@ -53,6 +57,7 @@ class SCOPED_CAPABILITY InMemoryBuffer::Access {
 
 InMemoryBuffer::InMemoryBuffer(int size) : BufferSize_m(size) {
   logged("InMemoryBuffer :: InMemoryBuffer", [&] {
+    if (size < 0) throw std::bad_array_new_length();
     Buffer_m = std::make_unique<unsigned char[]>(asSize(size));
     long long trials = 0;
     if (!KDPlatformInfo::getNumber("DataClassification", "TolerateWriteErrors", &trials)) return;
@@ -120,7 +125,8 @@ bool InMemoryBuffer::ReadData(bool* eof, unsigned char** data, int n) {
   });
 }
 
-// True when it is time to look: the data are there, or no more will come into this block.
+// Time-outs are no failure: the condition is tested again. True when it is time to look: the data
+// are there, or no more will come into this block.
 bool InMemoryBuffer::waitForData(int n) {
   while (n > WritePointer_m - ReadPointer_m && !Full_m) {
     if (!Blocking_m) return false;
@@ -130,6 +136,7 @@ bool InMemoryBuffer::waitForData(int n) {
   return true;
 }
 
+// Compared as a difference: a sum could run over for a large `n`.
 bool InMemoryBuffer::take(bool* eof, unsigned char** data, int n) {
   *eof = n > WritePointer_m - ReadPointer_m;
   if (*eof) return false;
@@ -170,7 +177,7 @@ int InMemoryBuffer::Load(int fd, int len) {
   return logged(kTag, [&] {
     const Access access(*this);
     std::fill_n(Buffer_m.get(), BufferSize_m, static_cast<unsigned char>(0));
-    const int length = std::clamp(len, 0, BufferSize_m);
+    const int length = std::clamp(len, 0, BufferSize_m);  // never past the block
     const ssize_t count = ::read(fd, Buffer_m.get(), asSize(length));
     if (count < 0) throw UDCException(kTag, 0, "Failed to Load data", errno);
     Full_m = false;

@@ -31,10 +31,11 @@ class OpenFolder {
   // What is in the folder but "." and ".."; nothing when it cannot be read to the end.
   std::optional<std::vector<std::string>> names() const;
 
+  // Each of these takes a name in this folder; a symbolic link is removed or moved itself.
   bool removeFile(const std::string& name) const;
   bool removeFolder(const std::string& name) const;
   bool moveFile(const std::string& name, const OpenFolder& to) const;
-  // Makes what was created and removed here last through a power loss.
+  // Makes what was created and removed here last through a power loss, where the file system can.
   bool sync() const;
 
  private:

@@ -1,5 +1,12 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
+//
+// In the order of a run: start and restore, the list of closed databases, the first read, thread
+// starts and stops, the save.
+//
+// What makes a crash visible: the indicators are deleted, and that is on the disk, before a record
+// is taken from the restored files; the second one is made only when everything saved is on the
+// disk. So two indicators always stand for a complete set of files.
 #include "buffer/persistent_raw_buffer.h"
 
 #include <fcntl.h>
@@ -114,6 +121,7 @@ void PersistentDCRawBuffer::InitializeFromDisk() {
   });
 }
 
+// Such folders are named "<database>" or "<database>_<mode>".
 void PersistentDCRawBuffer::noteStray(const std::string& name) {
   const std::size_t end = name.find('_');
   StrayDbs_m.push_back(end == 0 ? name : name.substr(0, end));
@@ -188,6 +196,7 @@ bool PersistentDCRawBuffer::ReadEntry(unsigned char** data, int* len) {
   return DCRawBuffer::ReadEntry(data, len);
 }
 
+// The restored files come before the block that both sides have had since the start.
 void PersistentDCRawBuffer::loadFirst() {
   constexpr char kTag[] = "PersistentDCRawBuffer :: ReadEntry";
   const KdMonitor::Guard guard(Monitor_m);
@@ -202,10 +211,10 @@ void PersistentDCRawBuffer::loadFirst() {
 // The producer has filled its first block, which was the read block too and so is not in the queue:
 // its place is behind the restored files and before what was queued since.
 void PersistentDCRawBuffer::queueLeftBehind() {
-  const auto later = std::find_if(SwapQueue_m.begin(), SwapQueue_m.end(), [&](const auto& entry) {
-    return entry.fileNumber > firstNumber_;
-  });
-  SwapQueue_m.insert(later, {ReadBuffer_m, firstNumber_});
+  const unsigned long long number = firstNumber_;
+  const auto later = std::find_if(SwapQueue_m.begin(), SwapQueue_m.end(),
+                                  [&](const auto& entry) { return entry.fileNumber > number; });
+  SwapQueue_m.insert(later, {ReadBuffer_m, number});
   filledTooEarly_ = true;
 }
 

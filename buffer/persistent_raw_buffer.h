@@ -19,7 +19,7 @@
 // there is none), whatever numbers are taken by files that still wait on the disk. So a save can
 // overwrite such a file or sort a record before an older one; IsSaveExact says whether it did.
 // It cannot when the consumer has called ReadEntry once before the producer fills a block, and when
-// no swap file waits at the end. docs/formats.md says more.
+// no swap file waits at the end. docs/buffer.md says more.
 //
 // Threads: the driver thread calls AddEntry, DriverThreadStarted and DriverThreadShutDown, the
 // database thread ReadEntry, DbThreadStarted, DbThreadShutDown and DbShutDown; the questions may be
@@ -71,7 +71,7 @@ class KDDC_API PersistentDCRawBuffer : public DCRawBuffer {
   bool IsSaveExact() const { return saveExact_; }
 
   bool ReadEntry(unsigned char** data, int* len) override;
-  // Lets a reader that waits, and later ones, give up.
+  // Lets a reader that waits give up. One that begins to wait just then notices within a minute.
   void Abort();
 
   // Steps of the above. InitializeFromDisk queues the swap files that are there;

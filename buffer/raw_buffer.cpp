@@ -1,5 +1,12 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
+//
+// The first mode's two roads, nextWriteBlock and nextReadBlock, hold the monitor for as long as
+// they move blocks about, files included; the other modes' are swapWriteBlock and loadReadBlock.
+//
+// A block of the first mode is in exactly one place: free, queued, the producer's or the consumer's
+// (the last two may be the same). With two blocks or more a producer that shares the consumer's
+// block thus always finds a free one, and never empties a block under the consumer's hands.
 #include "buffer/raw_buffer.h"
 
 #include <sys/stat.h>
@@ -268,10 +275,11 @@ bool DCRawBuffer::SwapOrLoadBuffer() {
                 [&] { return Mode_m == UDC_RAW_MODE1 ? nextReadBlock() : loadReadBlock(); });
 }
 
+// Answers false in any case: callers expect one empty answer between two blocks, and call again.
 bool DCRawBuffer::nextReadBlock() {
   constexpr char kTag[] = "DCRawBuffer :: SwapOrLoadBuffer";
   const KdMonitor::Guard guard(Monitor_m);
-  if (ReadBuffer_m == WriteBuffer_m) {
+  if (ReadBuffer_m == WriteBuffer_m) {  // caught up: the producer's next switch wakes us
     Monitor_m.wait(kWaitMilliseconds);
     return false;
   }
@@ -282,6 +290,7 @@ bool DCRawBuffer::nextReadBlock() {
   return false;
 }
 
+// When a file cannot be loaded the entry stays in front, and the next call tries it again.
 void DCRawBuffer::takeUpNextBlock() {
   constexpr char kTag[] = "DCRawBuffer :: SwapOrLoadBuffer";
   if (SwapQueue_m.empty()) {
@@ -305,6 +314,7 @@ void DCRawBuffer::loadAndRemove(const char* tag, unsigned long long number) {
 // One thread at a time by the rule of these modes.
 bool DCRawBuffer::loadReadBlock() NO_THREAD_SAFETY_ANALYSIS {
   constexpr char kTag[] = "DCRawBuffer :: SwapOrLoadBuffer";
+  // Deleted only now: the consumer has finished with what came from it.
   if (!LastLoadedSwapFile_m.empty()) ::unlink(LastLoadedSwapFile_m.c_str());
   int length = InMemoryBufferSize_m;
   if (Mode_m == UDC_RAW_MODE2) {

@@ -29,7 +29,9 @@ constexpr int kScripted = -7;
 
 }  // namespace
 
-extern "C" ssize_t write(int fd, const void* data, size_t size) {
+// Takes the place of the C library's write in this program.
+extern "C" ssize_t scriptableWrite(int fd, const void* data, size_t size) asm("write");
+extern "C" ssize_t scriptableWrite(int fd, const void* data, size_t size) {
   if (fd == kScripted && scriptedWrite) return scriptedWrite(data, size);
   return ::syscall(SYS_write, fd, data, size);
 }

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <thread>
 
@@ -88,8 +89,8 @@ class Persistent : public kddc::test::QueueFolders {
     return found;
   }
   static std::vector<int> upTo(int first, int count) {
-    std::vector<int> all;
-    for (int i = 0; i < count; ++i) all.push_back(first + i);
+    std::vector<int> all(static_cast<size_t>(count));
+    std::iota(all.begin(), all.end(), first);
     return all;
   }
   static std::list<std::string> strays(PersistentDCRawBuffer& queue) {

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <numeric>
 #include <optional>
 
 #include "tests/support/log_capture.h"
@@ -77,8 +78,8 @@ class Raw : public kddc::test::QueueFolders {
     return found;
   }
   static std::vector<int> upTo(int first, int count) {
-    std::vector<int> all;
-    for (int i = 0; i < count; ++i) all.push_back(first + i);
+    std::vector<int> all(static_cast<size_t>(count));
+    std::iota(all.begin(), all.end(), first);
     return all;
   }
   std::string in(const std::string& name) const { return buffer + "/" + name; }

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Producer and consumer at once, through blocks and swap files, and over a restart.
-#include <atomic>
+#include <numeric>
 #include <thread>
 
 #include "buffer/persistent_raw_buffer.h"
@@ -33,8 +33,8 @@ class TwoThreads : public kddc::test::QueueFolders {
     return numbers;
   }
   static std::vector<int> range(int first, int last) {
-    std::vector<int> numbers;
-    for (int i = first; i <= last; ++i) numbers.push_back(i);
+    std::vector<int> numbers(static_cast<size_t>(last - first + 1));
+    std::iota(numbers.begin(), numbers.end(), first);
     return numbers;
   }
 };
