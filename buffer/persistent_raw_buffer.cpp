@@ -230,7 +230,7 @@ void PersistentDCRawBuffer::started(const char* tag, const char* indicator,
       throw UDCException(tag, 0, cannotDelete, error);
     }
     const KdMonitor::Guard guard(Monitor_m);
-    saved_ = false;
+    saved_ = JournalsSavedToDisk_m = false;  // records may come again
     state = 1;
   });
 }

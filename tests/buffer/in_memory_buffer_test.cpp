@@ -38,17 +38,19 @@ extern "C" ssize_t scriptableWrite(int fd, const void* data, size_t size) {
 
 namespace {
 
+// Looks at the fields; one thread, no locks.
 class Block : public InMemoryBuffer {
  public:
   explicit Block(int size = 64) : InMemoryBuffer(size) {}
   using InMemoryBuffer::Blocking_m;
   using InMemoryBuffer::Buffer_m;
   using InMemoryBuffer::BufferSize_m;
-  using InMemoryBuffer::Full_m;
   using InMemoryBuffer::MaxTrials_m;
   using InMemoryBuffer::Mode_m;
-  using InMemoryBuffer::ReadPointer_m;
-  using InMemoryBuffer::WritePointer_m;
+  int readPointer() const NO_THREAD_SAFETY_ANALYSIS { return ReadPointer_m; }
+  int writePointer() const NO_THREAD_SAFETY_ANALYSIS { return WritePointer_m; }
+  bool full() const NO_THREAD_SAFETY_ANALYSIS { return Full_m; }
+  void setFull() NO_THREAD_SAFETY_ANALYSIS { Full_m = true; }
 };
 
 class InMemory : public kddc::test::QueueFolders {
@@ -82,11 +84,11 @@ class InMemory : public kddc::test::QueueFolders {
 TEST_F(InMemory, IsEmptySharedAndBlockingWhenItIsMade) {
   const Block block(100);
   EXPECT_EQ(block.BufferSize_m, 100);
-  EXPECT_EQ(block.WritePointer_m, 0);
-  EXPECT_EQ(block.ReadPointer_m, 0);
+  EXPECT_EQ(block.writePointer(), 0);
+  EXPECT_EQ(block.readPointer(), 0);
   EXPECT_EQ(block.Mode_m, 2);
   EXPECT_TRUE(block.Blocking_m);
-  EXPECT_FALSE(block.Full_m);
+  EXPECT_FALSE(block.full());
   EXPECT_EQ(block.MaxTrials_m, 10u);
   EXPECT_EQ(block.BufferId_m, 0u);
   for (int i = 0; i < 100; ++i) EXPECT_EQ(block.Buffer_m[static_cast<size_t>(i)], 0);
@@ -114,7 +116,7 @@ TEST_F(InMemory, StoresRecordsBehindTheirLengths) {
   Block block;
   EXPECT_TRUE(add(block, "abc"));
   EXPECT_TRUE(add(block, "de"));
-  EXPECT_EQ(block.WritePointer_m, 9);
+  EXPECT_EQ(block.writePointer(), 9);
   EXPECT_EQ(kddc::test::asText(block.Buffer_m.get(), 10), std::string("\3\0abc\2\0de\0", 10));
   EXPECT_EQ(read(block), "abc");
   EXPECT_EQ(read(block), "de");
@@ -135,9 +137,9 @@ TEST_F(InMemory, HandsRecordsOutWhereTheyLie) {
 TEST_F(InMemory, TakesARecordThatFillsItToTheLastByteAndNoneThatIsLonger) {
   Block exact(12), small(11);
   EXPECT_TRUE(add(exact, "0123456789"));
-  EXPECT_EQ(exact.WritePointer_m, 12);
+  EXPECT_EQ(exact.writePointer(), 12);
   EXPECT_FALSE(add(small, "0123456789"));
-  EXPECT_EQ(small.WritePointer_m, 0);
+  EXPECT_EQ(small.writePointer(), 0);
   EXPECT_EQ(small.Buffer_m[0], 0);
 }
 
@@ -152,7 +154,7 @@ TEST_F(InMemory, IsMarkedFullOnlyInSharedMode) {
     Block block(8);
     block.SetMode(mode);
     EXPECT_FALSE(add(block, "1234567"));
-    EXPECT_EQ(block.Full_m, full) << mode;
+    EXPECT_EQ(block.full(), full) << mode;
   }
 }
 
@@ -160,7 +162,7 @@ TEST_F(InMemory, IsNoLongerFullWhenAShorterRecordFits) {
   Block block(8);
   EXPECT_FALSE(add(block, "1234567"));
   EXPECT_TRUE(add(block, "123456"));
-  EXPECT_FALSE(block.Full_m);
+  EXPECT_FALSE(block.full());
 }
 
 TEST_F(InMemory, RefusesANegativeLengthAndNothingHappens) {
@@ -168,8 +170,8 @@ TEST_F(InMemory, RefusesANegativeLengthAndNothingHappens) {
   unsigned char byte = 1;
   EXPECT_FALSE(block.Write(&byte, -1));
   EXPECT_FALSE(block.Write(&byte, std::numeric_limits<short>::min()));
-  EXPECT_FALSE(block.Full_m);
-  EXPECT_EQ(block.WritePointer_m, 0);
+  EXPECT_FALSE(block.full());
+  EXPECT_EQ(block.writePointer(), 0);
   EXPECT_EQ(block.Buffer_m[0], 0);
 }
 
@@ -189,7 +191,7 @@ TEST_F(InMemory, AnswersNothingWhenItIsSharedAndNonBlocking) {
   Block block;
   block.SetNonBlocking();
   EXPECT_EQ(read(block), "none");
-  EXPECT_EQ(block.ReadPointer_m, 0);
+  EXPECT_EQ(block.readPointer(), 0);
 }
 
 TEST_F(InMemory, FailsEveryReadOfAWriteOnlyBlock) {
@@ -197,7 +199,7 @@ TEST_F(InMemory, FailsEveryReadOfAWriteOnlyBlock) {
   block.SetMode(1);
   EXPECT_TRUE(add(block, "abc"));
   EXPECT_EQ(read(block), "none");
-  EXPECT_EQ(block.ReadPointer_m, 0);
+  EXPECT_EQ(block.readPointer(), 0);
   block.SetMode(7);
   EXPECT_EQ(read(block), "none");
 }
@@ -217,7 +219,7 @@ TEST_F(InMemory, ReadsRawBytesUpToTheLastOneWritten) {
   EXPECT_EQ(*data, 'c');
   EXPECT_FALSE(block.ReadData(&eof, &data, std::numeric_limits<int>::max()));
   EXPECT_FALSE(block.ReadData(&eof, &data, -1));
-  EXPECT_EQ(block.ReadPointer_m, 5);
+  EXPECT_EQ(block.readPointer(), 5);
 }
 
 TEST_F(InMemory, EndsAtALengthOfZeroAndTakesIt) {
@@ -231,7 +233,7 @@ TEST_F(InMemory, EndsAtALengthOfZeroAndTakesIt) {
   EXPECT_FALSE(block.Read(&eof, &data, &length));
   EXPECT_FALSE(eof);
   EXPECT_EQ(length, -1);
-  EXPECT_EQ(block.ReadPointer_m, 6);
+  EXPECT_EQ(block.readPointer(), 6);
   EXPECT_EQ(block.DamagedLengths(), 0u);
   EXPECT_TRUE(log.lines().empty());
 }
@@ -314,8 +316,8 @@ TEST_F(InMemory, LoadsWhatOneReadBringsAndForgetsWhatItHeld) {
   unsigned char* data = nullptr;
   block.ReadData(&eof, &data, 7);
   load(block, stored("new"));
-  EXPECT_EQ(block.WritePointer_m, 5);
-  EXPECT_EQ(block.ReadPointer_m, 0);
+  EXPECT_EQ(block.writePointer(), 5);
+  EXPECT_EQ(block.readPointer(), 0);
   EXPECT_EQ(block.Buffer_m[5], 0);
   EXPECT_EQ(read(block), "new");
 }
@@ -327,7 +329,7 @@ TEST_F(InMemory, IsNotFullAfterALoad) {
   const int fd = ::open((folder / "image").c_str(), O_RDONLY);
   EXPECT_EQ(block.Load(fd, 8), 0);
   ::close(fd);
-  EXPECT_FALSE(block.Full_m);
+  EXPECT_FALSE(block.full());
 }
 
 TEST_F(InMemory, NeverLoadsMoreThanItHoldsNorANegativeNumberOfBytes) {
@@ -359,13 +361,13 @@ TEST_F(InMemory, FlushesFromTheFirstByteAndIsEmptyThen) {
     add(block, "de");
     EXPECT_EQ(read(block), "abc");
     block.SetMode(mode);
-    block.Full_m = true;
+    block.setFull();
     writeAtMost(100);
     EXPECT_EQ(block.Flush(kScripted), 9);
     EXPECT_EQ(written, stored("abc") + stored("de"));
-    EXPECT_EQ(block.WritePointer_m, 0);
-    EXPECT_EQ(block.ReadPointer_m, 0);
-    EXPECT_FALSE(block.Full_m);
+    EXPECT_EQ(block.writePointer(), 0);
+    EXPECT_EQ(block.readPointer(), 0);
+    EXPECT_FALSE(block.full());
     EXPECT_EQ(block.Buffer_m[0], 0);
     written.clear();
   }
@@ -397,7 +399,7 @@ TEST_F(InMemory, GivesUpAFlushAfterTenPartialWritesAndKeepsItsContents) {
             "0 0 Failed to Flush data after Max Trials");
   EXPECT_EQ(writes, 10);
   EXPECT_TRUE(log.mentions("error 0 InMemoryBuffer :: Flush: eRRoR -- "));
-  EXPECT_EQ(block.WritePointer_m, 11);
+  EXPECT_EQ(block.writePointer(), 11);
   writeAtMost(100);
   written.clear();
   EXPECT_EQ(block.Flush(kScripted), 11);
@@ -434,8 +436,8 @@ TEST_F(InMemory, FlushesWhatIsUnreadAndChangesNothing) {
   writeAtMost(3);
   block.FlushRemainingData(kScripted);
   EXPECT_EQ(written, stored("de"));
-  EXPECT_EQ(block.ReadPointer_m, 5);
-  EXPECT_EQ(block.WritePointer_m, 9);
+  EXPECT_EQ(block.readPointer(), 5);
+  EXPECT_EQ(block.writePointer(), 9);
   EXPECT_EQ(read(block), "de");
   writes = 0;
   block.FlushRemainingData(kScripted);
@@ -476,8 +478,8 @@ TEST_F(InMemory, IsEmptyAfterItIsInitialisedAgainButStaysAsBlockingAsItWas) {
   add(block, "1234567");
   block.SetNonBlocking();
   block.ReInitialize();
-  EXPECT_EQ(block.WritePointer_m, 0);
-  EXPECT_FALSE(block.Full_m);
+  EXPECT_EQ(block.writePointer(), 0);
+  EXPECT_FALSE(block.full());
   EXPECT_FALSE(block.Blocking_m);
   EXPECT_EQ(block.Buffer_m[0], 0);
   block.SetBlocking();

@@ -28,18 +28,19 @@ constexpr int kInBlock = 64;  // records of big()
 constexpr char kDriver[] = "DriverThreadShutdownIndicator", kDb[] = "DbThreadShutdownIndicator";
 constexpr char kClosed[] = "GracefullClosedDbs";
 
+// Looks at the fields; one thread, no locks.
 class Queue : public PersistentDCRawBuffer {
  public:
   explicit Queue(bool cleanStart) : PersistentDCRawBuffer(cleanStart) {}
   using DCRawBuffer::Aborted_m;
-  using DCRawBuffer::SwapQueue_m;
-  using DCRawBuffer::WriteFileCounter_m;
   using PersistentDCRawBuffer::DbThreadState_m;
   using PersistentDCRawBuffer::DriverThreadState_m;
   using PersistentDCRawBuffer::LoadFromDiskPending_m;
   using PersistentDCRawBuffer::StrayFolders_m;
+  unsigned long long counter() const NO_THREAD_SAFETY_ANALYSIS { return WriteFileCounter_m; }
 
-  std::vector<unsigned long long> numbers() const {
+  // The numbers of the queued swap files.
+  std::vector<unsigned long long> numbers() const NO_THREAD_SAFETY_ANALYSIS {
     std::vector<unsigned long long> all;
     for (const Buf_File_s& entry : SwapQueue_m) {
       EXPECT_EQ(entry.buffer, nullptr);
@@ -112,7 +113,7 @@ TEST_F(Persistent, NeedsARescanAfterACleanStart) {
   EXPECT_FALSE(queue.LoadFromDiskPending_m);
   EXPECT_THAT(listing(buffer), IsEmpty());
   EXPECT_EQ(modeOf(buffer), 0700);
-  EXPECT_EQ(queue.WriteFileCounter_m, 1u);
+  EXPECT_EQ(queue.counter(), 1u);
   EXPECT_FALSE(queue.AreJournalsSavedToDisk());
   EXPECT_TRUE(queue.IsSaveExact());
   EXPECT_EQ(queue.DriverThreadState_m, 0);
@@ -156,7 +157,7 @@ TEST_F(Persistent, QueuesTheSwapFilesOfAGracefulStopInTheOrderOfTheirNumbers) {
   EXPECT_FALSE(queue.IsRescanNeeded(nullptr));
   EXPECT_TRUE(queue.LoadFromDiskPending_m);
   EXPECT_THAT(queue.numbers(), ElementsAre(0u, 3u, 10u));
-  EXPECT_EQ(queue.WriteFileCounter_m, 11u);
+  EXPECT_EQ(queue.counter(), 11u);
 
   startThreads(queue);
   add(queue, "d");
@@ -178,7 +179,7 @@ TEST_F(Persistent, StartsWithNumberOneWhenAGracefulStopLeftNoSwapFile) {
   leave({});
   Queue queue(false);
   EXPECT_FALSE(queue.IsRescanNeeded(nullptr));
-  EXPECT_EQ(queue.WriteFileCounter_m, 1u);
+  EXPECT_EQ(queue.counter(), 1u);
   startThreads(queue);
   add(queue, "new");
   EXPECT_EQ(readOnce(queue), "new");
@@ -199,7 +200,7 @@ TEST_F(Persistent, TurnsARestoreThatFindsAStrangersFileIntoARescanAndLeavesTheFi
   Queue queue(false);
   EXPECT_TRUE(queue.IsRescanNeeded(nullptr));
   EXPECT_THAT(queue.numbers(), IsEmpty());
-  EXPECT_EQ(queue.WriteFileCounter_m, 1u);
+  EXPECT_EQ(queue.counter(), 1u);
   EXPECT_THAT(listing(buffer), ElementsAre("notes.txt"));
   EXPECT_EQ(contents(in("notes.txt")), "mine");
   EXPECT_THAT(

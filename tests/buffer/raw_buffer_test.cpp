@@ -25,24 +25,24 @@ namespace {
 // 64 records of 32766 bytes and their lengths fill a block to the last byte.
 constexpr int kInBlock = 64;
 
+// Looks at the fields; one thread, no locks.
 class Queue : public DCRawBuffer {
  public:
   explicit Queue(UDCRawBufferMode mode = UDC_RAW_MODE1, bool create = true)
       : DCRawBuffer(2049, mode, create) {}
   using DCRawBuffer::AllBuffers_m;
-  using DCRawBuffer::FreeBuffers_m;
   using DCRawBuffer::InMemoryBufferSize_m;
   using DCRawBuffer::LoadBuffer_m;
   using DCRawBuffer::NumBuffers_m;
-  using DCRawBuffer::ReadBuffer_m;
   using DCRawBuffer::SwapDir_m;
   using DCRawBuffer::SwapFilePermissions_m;
-  using DCRawBuffer::SwapQueue_m;
-  using DCRawBuffer::WriteBuffer_m;
-  using DCRawBuffer::WriteFileCounter_m;
+  const InMemoryBuffer* readBlock() const NO_THREAD_SAFETY_ANALYSIS { return ReadBuffer_m; }
+  const InMemoryBuffer* writeBlock() const NO_THREAD_SAFETY_ANALYSIS { return WriteBuffer_m; }
+  const auto& freeBlocks() const NO_THREAD_SAFETY_ANALYSIS { return FreeBuffers_m; }
+  unsigned long long counter() const NO_THREAD_SAFETY_ANALYSIS { return WriteFileCounter_m; }
 
   // Each queued block as "<block or swap>:<number>".
-  std::vector<std::string> queued() const {
+  std::vector<std::string> queued() const NO_THREAD_SAFETY_ANALYSIS {
     std::vector<std::string> entries;
     for (const Buf_File_s& entry : SwapQueue_m)
       entries.push_back(
@@ -95,14 +95,14 @@ TEST_F(Raw, HasTwoBlocksOrAsManyMoreAsConfiguredAndOneToLoadInto) {
     const Queue queue;
     EXPECT_EQ(queue.NumBuffers_m, blocks) << value;
     EXPECT_EQ(static_cast<int>(queue.AllBuffers_m.size()), blocks + 1) << value;
-    EXPECT_EQ(static_cast<int>(queue.FreeBuffers_m.size()), blocks - 1) << value;
+    EXPECT_EQ(static_cast<int>(queue.freeBlocks().size()), blocks - 1) << value;
     unsigned long long number = 0;
     for (const InMemoryBuffer* block : queue.AllBuffers_m) EXPECT_EQ(block->BufferId_m, ++number);
     EXPECT_EQ(queue.LoadBuffer_m, queue.AllBuffers_m.back());
-    EXPECT_EQ(queue.WriteBuffer_m, queue.AllBuffers_m.front());
-    EXPECT_EQ(queue.ReadBuffer_m, queue.WriteBuffer_m);
+    EXPECT_EQ(queue.writeBlock(), queue.AllBuffers_m.front());
+    EXPECT_EQ(queue.readBlock(), queue.writeBlock());
     EXPECT_EQ(queue.InMemoryBufferSize_m, 2097152);
-    EXPECT_EQ(queue.WriteFileCounter_m, 0u);
+    EXPECT_EQ(queue.counter(), 0u);
     EXPECT_EQ(queue.SwapFilePermissions_m, 384);
   }
 }
@@ -239,7 +239,7 @@ TEST_F(Raw, RefusesALengthThatSixteenBitsDoNotHoldAndLeavesTheQueueAsItWas) {
   Queue queue;
   add(queue, "before");
   std::vector<unsigned char> bytes(2097150, 'x');
-  const InMemoryBuffer* block = queue.WriteBuffer_m;
+  const InMemoryBuffer* block = queue.writeBlock();
   LogCapture log(1);
   for (const int length : {32768, 65536, 65536 + 5, 2097150, -1, -65531}) {
     EXPECT_EQ(failureOf([&] { queue.AddEntry(bytes.data(), length); }),
@@ -250,8 +250,8 @@ TEST_F(Raw, RefusesALengthThatSixteenBitsDoNotHoldAndLeavesTheQueueAsItWas) {
   EXPECT_EQ(log.lines().front(),
             "debug 1 DCRawBuffer :: AddEntry: eRRoR -- Function[DCRawBuffer :: AddEntry] Type[1] "
             "Error[0] Write failed even after the Buffers are flushed!");
-  EXPECT_EQ(queue.WriteBuffer_m, block);
-  EXPECT_EQ(queue.WriteFileCounter_m, 0u);
+  EXPECT_EQ(queue.writeBlock(), block);
+  EXPECT_EQ(queue.counter(), 0u);
   EXPECT_EQ(queue.AddEntry(bytes.data(), 32767), 0);
   EXPECT_EQ(readOnce(queue), "before");
   EXPECT_EQ(readOnce(queue), std::string(32767, 'x'));
@@ -261,18 +261,18 @@ TEST_F(Raw, RefusesALengthThatSixteenBitsDoNotHoldAndLeavesTheQueueAsItWas) {
 TEST_F(Raw, DoesNotQueueABlockThatTheConsumerIsReading) {
   Queue queue;
   fill(queue, 0, kInBlock);
-  EXPECT_EQ(queue.WriteFileCounter_m, 0u);
-  const InMemoryBuffer* first = queue.WriteBuffer_m;
+  EXPECT_EQ(queue.counter(), 0u);
+  const InMemoryBuffer* first = queue.writeBlock();
   fill(queue, kInBlock, 1);
-  EXPECT_NE(queue.WriteBuffer_m, first);
-  EXPECT_EQ(queue.ReadBuffer_m, first);
+  EXPECT_NE(queue.writeBlock(), first);
+  EXPECT_EQ(queue.readBlock(), first);
   EXPECT_THAT(queue.queued(), IsEmpty());
-  EXPECT_EQ(queue.WriteFileCounter_m, 1u) << "counted all the same";
+  EXPECT_EQ(queue.counter(), 1u) << "counted all the same";
   EXPECT_EQ(numbers(queue, kInBlock), upTo(0, kInBlock));
   EXPECT_EQ(readOnce(queue), std::nullopt) << "the switch itself brings no record";
-  EXPECT_EQ(queue.ReadBuffer_m, queue.WriteBuffer_m);
+  EXPECT_EQ(queue.readBlock(), queue.writeBlock());
   EXPECT_EQ(numbers(queue, 1), upTo(kInBlock, 1));
-  EXPECT_THAT(queue.FreeBuffers_m, ElementsAre(first));
+  EXPECT_THAT(queue.freeBlocks(), ElementsAre(first));
 }
 
 TEST_F(Raw, QueuesFullBlocksWhileThereAreFreeOnes) {
@@ -438,7 +438,7 @@ TEST_F(Raw, TakesEveryRecordThroughSwapFilesInTheSecondMode) {
   std::filesystem::create_directory(buffer);
   {
     Queue queue(UDC_RAW_MODE2);
-    EXPECT_NE(queue.WriteBuffer_m, queue.ReadBuffer_m);
+    EXPECT_NE(queue.writeBlock(), queue.readBlock());
     EXPECT_THAT(queue.AllBuffers_m, IsEmpty());
     const std::string file = in("2049_mode2/swap.0");
     LogCapture log(2);
@@ -463,7 +463,7 @@ TEST_F(Raw, TakesEveryRecordThroughSwapFilesInTheSecondMode) {
 TEST_F(Raw, SwitchesPhasesInTheThirdMode) {
   std::filesystem::create_directory(buffer);
   Queue queue(UDC_RAW_MODE3);
-  EXPECT_EQ(queue.WriteBuffer_m, queue.ReadBuffer_m);
+  EXPECT_EQ(queue.writeBlock(), queue.readBlock());
   queue.SetContextDbThreadWrite();
   fill(queue, 0, kInBlock + 2);
   EXPECT_EQ(readOnce(queue), std::nullopt) << "a write-only block";
