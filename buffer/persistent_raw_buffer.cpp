@@ -229,8 +229,7 @@ void PersistentDCRawBuffer::started(const char* tag, const char* indicator,
                 error);
       throw UDCException(tag, 0, cannotDelete, error);
     }
-    const KdMonitor::Guard guard(Monitor_m);
-    saved_ = JournalsSavedToDisk_m = false;  // records may come again
+    JournalsSavedToDisk_m = false;
     state = 1;
   });
 }
@@ -289,14 +288,13 @@ void PersistentDCRawBuffer::FlushJournalsToDisk() {
 }
 
 void PersistentDCRawBuffer::save() {
-  if (DriverThreadState_m != kShutDown || DbThreadState_m != kShutDown || saved_) return;
+  if (DriverThreadState_m != kShutDown || DbThreadState_m != kShutDown) return;
   constexpr char kTag[] = "PersistentDCRawBuffer :: FlushJournalsToDisk";
   logged(kTag, [&]() NO_THREAD_SAFETY_ANALYSIS {  // the lock is held around the call
     saveExact_ = false;
     const bool firstIsExact = saveReadBlock(), restIsExact = saveQueueAndWriteBlock();
     syncSaved(kTag);
-    saveExact_ = firstIsExact && restIsExact && !filledTooEarly_;
-    saved_ = true;
+    saveExact_ = firstIsExact && restIsExact && !filledTooEarly_ && !fileLeftBehind_;
     dbg.Debug(kTag,
               " ****************************************** SAVED JOURNALS TO DISK "
               "******************************** ");

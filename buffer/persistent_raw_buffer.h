@@ -66,8 +66,8 @@ class KDDC_API PersistentDCRawBuffer : public DCRawBuffer {
   void DriverThreadShutDown();
   void DbThreadShutDown();
   bool AreJournalsSavedToDisk() const { return JournalsSavedToDisk_m; }
-  // False after a save that failed, that overwrote or reordered records, or that followed an unsafe
-  // order of calls (see above): compare the catalogues with the disk.
+  // False after a save that failed, that overwrote, reordered or repeated records, or that followed
+  // an unsafe order of calls (see above): compare the catalogues with the disk.
   bool IsSaveExact() const { return saveExact_; }
 
   bool ReadEntry(unsigned char** data, int* len) override;
@@ -114,7 +114,6 @@ class KDDC_API PersistentDCRawBuffer : public DCRawBuffer {
 
   std::string cacheRoot_;
   std::atomic<bool> saveExact_ = true;
-  bool saved_ GUARDED_BY(Monitor_m) = false;                  // what memory holds is on the disk
   unsigned long long firstNumber_ GUARDED_BY(Monitor_m) = 1;  // behind the restored files
   bool filledTooEarly_ GUARDED_BY(Monitor_m) = false;         // a block, before the first ReadEntry
   // The number of the last queued block that a save has written; a save that failed goes on there.

@@ -308,7 +308,7 @@ void DCRawBuffer::loadAndRemove(const char* tag, unsigned long long number) {
   const kddc::Loaded loaded = kddc::loadSwapFile(tag, SwapDir_m, number, *LoadBuffer_m,
                                                  InMemoryBufferSize_m, InMemoryBufferSize_m);
   if (!loaded.all) ++damagedFiles_;
-  kddc::removeSwapFile(tag, SwapDir_m, number);
+  if (!kddc::removeSwapFile(tag, SwapDir_m, number)) fileLeftBehind_ = true;
 }
 
 // One thread at a time by the rule of these modes.

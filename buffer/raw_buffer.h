@@ -125,6 +125,8 @@ class KDDC_API DCRawBuffer {
   unsigned long long WriteFileCounter_m GUARDED_BY(Monitor_m) = 0;
   int SwapFilePermissions_m = 0600;
   std::atomic<bool> Aborted_m = false;
+  // A swap file that was loaded could not be deleted: a restart would find it and load it again.
+  bool fileLeftBehind_ GUARDED_BY(Monitor_m) = false;
 
  private:
   void readSettings();

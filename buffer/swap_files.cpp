@@ -88,12 +88,13 @@ UniqueFd createSwapFile(const std::string& folder, unsigned long long number, in
   return openSwapFile(folder, number, O_WRONLY | O_CREAT | O_TRUNC, permissions);
 }
 
-void removeSwapFile(const char* tag, const std::string& folder, unsigned long long number) {
+bool removeSwapFile(const char* tag, const std::string& folder, unsigned long long number) {
   const std::string name = swapName(number);
   const OpenFolder opened(folder);
-  if (!opened || !opened.removeFile(name))
-    dbg.Error(tag, "unlink failed on [%s/%s] errno[%u]", folder.c_str(), name.c_str(),
-              static_cast<unsigned>(errno));
+  if (opened && opened.removeFile(name)) return true;
+  dbg.Error(tag, "unlink failed on [%s/%s] errno[%u]", folder.c_str(), name.c_str(),
+            static_cast<unsigned>(errno));
+  return false;
 }
 
 Loaded loadSwapFile(const char* tag, const std::string& folder, unsigned long long number,

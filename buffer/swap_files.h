@@ -25,8 +25,8 @@ bool isStateName(std::string_view name);
 
 // A new or emptied swap file, open for writing; empty, with errno, when that fails.
 UniqueFd createSwapFile(const std::string& folder, unsigned long long number, int permissions);
-// Deletes a swap file; a failure is logged under `tag`.
-void removeSwapFile(const char* tag, const std::string& folder, unsigned long long number);
+// Deletes a swap file. False when that fails, which is logged under `tag`.
+bool removeSwapFile(const char* tag, const std::string& folder, unsigned long long number);
 
 // What a swap file gave.
 struct Loaded {

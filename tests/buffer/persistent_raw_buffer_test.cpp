@@ -5,9 +5,11 @@
 // databases.
 #include "buffer/persistent_raw_buffer.h"
 
-#include <sys/stat.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <memory>
 #include <numeric>
 #include <optional>
@@ -21,6 +23,19 @@ using kddc::test::failureOf;
 using kddc::test::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+
+namespace {
+
+bool unlinkFails = false;
+
+}  // namespace
+
+// Takes the place of the C library's unlinkat in this program.
+extern "C" int scriptableUnlinkAt(int folder, const char* name, int flags) asm("unlinkat");
+extern "C" int scriptableUnlinkAt(int folder, const char* name, int flags) {
+  errno = EACCES;
+  return unlinkFails ? -1 : static_cast<int>(::syscall(SYS_unlinkat, folder, name, flags));
+}
 
 namespace {
 
@@ -414,6 +429,23 @@ TEST_F(Persistent, SaysThatAStopBeforeTheFirstReadSortedNewRecordsBeforeRestored
   stop(queue);
   EXPECT_EQ(contents(in("swap.0")), stored("new"));
   EXPECT_EQ(contents(in("swap.3")), stored("a"));
+  EXPECT_FALSE(queue.IsSaveExact());
+}
+
+TEST_F(Persistent, SaysThatASwapFileThatCouldNotBeDeletedWouldComeAgain) {
+  leave({{"swap.0", stored("a")}, {"swap.1", stored("b")}});
+  Queue queue(false);
+  startThreads(queue);
+  EXPECT_EQ(readOnce(queue), "a");
+  unlinkFails = true;
+  LogCapture log(0);
+  EXPECT_EQ(readOnce(queue), std::nullopt);
+  unlinkFails = false;
+  EXPECT_EQ(readOnce(queue), "b");
+  EXPECT_THAT(log.lines(),
+              ElementsAre("error 0 DCRawBuffer :: SwapOrLoadBuffer: unlink failed on [" +
+                          in("swap.1] errno[13]")));
+  stop(queue);
   EXPECT_FALSE(queue.IsSaveExact());
 }
 
