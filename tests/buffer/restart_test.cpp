@@ -13,6 +13,13 @@
 
 using kddc::test::LogCapture;
 
+// Takes the place of the C library's fsync in this program: what a process has written outlives it
+// anyway, and waiting for the disk would be most of the run.
+extern "C" int noSync(int fd) asm("fsync");
+extern "C" int noSync(int) {
+  return 0;
+}
+
 namespace {
 
 constexpr char kDriver[] = "DriverThreadShutdownIndicator", kDb[] = "DbThreadShutdownIndicator";
