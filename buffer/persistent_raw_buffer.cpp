@@ -104,6 +104,7 @@ void PersistentDCRawBuffer::InitializeFromDisk() {
     for (const std::string& name : *names) {
       const OpenFolder::Kind kind = folder.kindOf(name);
       const unsigned long long number = kddc::isSwapName(name) ? GetFileNum(name.c_str()) : 0;
+      if (kind == OpenFolder::Kind::kNone && kddc::isSwapName(name)) skipRestored(name);
       if (kind == OpenFolder::Kind::kNone || kddc::isStateName(name)) continue;
       if (kind == OpenFolder::Kind::kFolder) {
         noteStray(name);
@@ -119,6 +120,16 @@ void PersistentDCRawBuffer::InitializeFromDisk() {
     for (const auto& [number, name] : swapFiles) SwapQueue_m.push_back({nullptr, number});
     WriteFileCounter_m = firstNumber_ = swapFiles.empty() ? 1 : swapFiles.rbegin()->first + 1;
   });
+}
+
+// What cannot be examined is passed over. Its records are missing now, and may turn up at a later
+// start between younger ones.
+void PersistentDCRawBuffer::skipRestored(const std::string& name) {
+  dbg.Error("PersistentDCRawBuffer :: InitializeFromDisk",
+            "cannot examine [%s/%s]: its records are lost", SwapDir_m.c_str(), name.c_str());
+  ++damagedFiles_;
+  const KdMonitor::Guard guard(Monitor_m);
+  fileLeftBehind_ = true;
 }
 
 // Such folders are named "<database>" or "<database>_<mode>".

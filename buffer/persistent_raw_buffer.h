@@ -97,6 +97,7 @@ class KDDC_API PersistentDCRawBuffer : public DCRawBuffer {
   void nameFiles();
   void adoptListOfClosedDbs();
   void restoreOrEmpty(bool cleanStart);
+  void skipRestored(const std::string& name);
   void noteStray(const std::string& name);
   void loadFirst();
   void queueLeftBehind() REQUIRES(Monitor_m);

@@ -125,6 +125,7 @@ class KDDC_API DCRawBuffer {
   unsigned long long WriteFileCounter_m GUARDED_BY(Monitor_m) = 0;
   int SwapFilePermissions_m = 0600;
   std::atomic<bool> Aborted_m = false;
+  std::atomic<unsigned long long> damagedFiles_ = 0;
   // A swap file that was loaded could not be deleted: a restart would find it and load it again.
   bool fileLeftBehind_ GUARDED_BY(Monitor_m) = false;
 
@@ -142,5 +143,4 @@ class KDDC_API DCRawBuffer {
   void logBlocks(const char* tag, const char* moment) REQUIRES(Monitor_m);
 
   std::vector<std::unique_ptr<InMemoryBuffer>> blocks_;  // owns every block, in every mode
-  std::atomic<unsigned long long> damagedFiles_ = 0;
 };
