@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <limits>
 
+#include "buffer/open_folder.h"
 #include "buffer/swap_files.h"
 #include "platform/logged.h"
 #include "platform/platform_info.h"
@@ -315,7 +316,8 @@ void DCRawBuffer::loadAndRemove(const char* tag, unsigned long long number) {
 bool DCRawBuffer::loadReadBlock() NO_THREAD_SAFETY_ANALYSIS {
   constexpr char kTag[] = "DCRawBuffer :: SwapOrLoadBuffer";
   // Deleted only now: the consumer has finished with what came from it.
-  if (!LastLoadedSwapFile_m.empty()) ::unlink(LastLoadedSwapFile_m.c_str());
+  if (!LastLoadedSwapFile_m.empty())
+    kddc::OpenFolder(SwapDir_m).removeFile(swapName(ReadFileCounter_m - 1));
   int length = InMemoryBufferSize_m;
   if (Mode_m == UDC_RAW_MODE2) {
     if (ReadFileCounter_m == WriteFileCounter_m) return false;
