@@ -6,8 +6,8 @@
 #include "journal/apply_journal.h"
 
 #include <array>
-#include <ctime>
 
+#include "journal/stopwatch.h"
 #include "platform/ev_debug.h"
 #include "platform/logged.h"
 #include "records/record_layout.h"
@@ -131,24 +131,16 @@ const Command* commandOf(unsigned int cmd) {
   return cmd < kByCode.size() ? kByCode[cmd] : nullptr;
 }
 
-timespec now() {
-  timespec time{};
-  clock_gettime(CLOCK_REALTIME, &time);
-  return time;
-}
-
 }  // namespace
 
 bool ApplyJournal(DCSqliteDB* db, const FlrJrnCommandRaw& record) {
   const auto apply = [&] {
-    const timespec start = now();
+    const kddc::Stopwatch watch;
     if (const Command* command = commandOf(record.cmd)) {
       if (dbg.Enabled(command->level)) command->say(record, command->level);
       command->apply(*db, record);
     }
-    unsigned long long elapsed = 0;
-    MeasureTime(&elapsed, start, now());
-    UnixDCUpdateTimeStats(record.devt, static_cast<int>(record.cmd), elapsed);
+    UnixDCUpdateTimeStats(record.devt, static_cast<int>(record.cmd), watch.nanoseconds());
     return true;
   };
   return kddc::absorbed(kTag, apply, false);

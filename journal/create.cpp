@@ -9,8 +9,10 @@
 #include "catalogue/db_access.h"
 #include "catalogue/file_type.h"
 #include "journal/identifier.h"
+#include "journal/new_entry.h"
 #include "platform/logged.h"
 
+using kddc::describeNew;
 using kddc::inodeOf;
 using kddc::kDeriveFromMode;
 using kddc::kFolder;
@@ -18,22 +20,13 @@ using kddc::logged;
 
 namespace {
 
-timespec timeOf(const FlrJrnTime& time) {
-  return {.tv_sec = time.tv_sec, .tv_nsec = time.tv_nsec};
-}
-
-// What the record of a new file or folder tells about it. A record has no change time; what is new
-// was changed when it was made.
+// What the record of a new file or folder tells about it, to the nanosecond.
 template <class NewEntryRecord>
 StatFidName_s entryOf(const NewEntryRecord& record, nlink_t links) {
   StatFidName_s entry{.st = {}, .fid = record.fid, .name = record.short_name};
-  entry.st.st_nlink = links;
-  entry.st.st_mode = record.mode;
-  entry.st.st_uid = static_cast<uid_t>(record.uid);
-  entry.st.st_gid = static_cast<gid_t>(record.gid);
-  entry.st.st_atim = timeOf(record.atime);
-  entry.st.st_mtim = timeOf(record.mtime);
-  entry.st.st_ctim.tv_sec = record.mtime.tv_sec;
+  describeNew(entry.st, record, links);
+  entry.st.st_atim.tv_nsec = record.atime.tv_nsec;
+  entry.st.st_mtim.tv_nsec = record.mtime.tv_nsec;
   return entry;
 }
 
