@@ -30,6 +30,17 @@ decltype(auto) logged(const char* tag, Operation&& operation) {
   }
 }
 
+// The same, and a KdException that leaves it is logged too.
+template <class Operation>
+decltype(auto) loggedWithKd(const char* tag, Operation&& operation) {
+  try {
+    return logged(tag, std::forward<Operation>(operation));
+  } catch (const KdException& e) {
+    dbg.Error(tag, "eRRoR -- %s", e.getMessage().c_str());
+    throw;
+  }
+}
+
 // Runs `operation`; whatever leaves it is logged under `tag` and ends here, with `onFailure` as the
 // result. `prefix` is "eRRoR -- ", or "Mitigated eRRoR -- " where nothing is wrong yet.
 template <class Operation, class Result>
