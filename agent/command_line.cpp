@@ -76,6 +76,8 @@ CLI::App* addReplay(CLI::App& app, Words& words) {
   addRecordFormat(replay, words);
   replay->add_option("--devt", words.replay.devt, "Only the records of that volume")
       ->option_text("N");
+  replay->add_flag("--coalesce", words.replay.coalesce,
+                   "Merge the records of a file before they are written");
   replay->add_flag("--stats", words.replay.stats, "Also how long the operations took");
   replay->add_flag("--json", words.json, "JSON Lines");
   return replay;

@@ -33,6 +33,7 @@ struct ReplayOptions {
   std::string file;
   RecordFormat format = RecordFormat::kByContent;
   std::optional<unsigned long long> devt;  // the records of that volume alone
+  bool coalesce = false;  // what is sent about a file is merged before it is written
   bool stats = false;
   bool json = false;
 };

@@ -20,7 +20,7 @@
 namespace kddc {
 namespace {
 
-// The timers that applying records one by one can move.
+// The timers that applying records can move.
 struct Timer {
   const char* operation;
   unsigned long long JournalPerfStats::*counter;
@@ -39,6 +39,7 @@ constexpr Timer kTimers[] = {
     {"Rename", &Stats::RenameCounter, &Stats::RenameTimer},
     {"Stub", &Stats::StubCounter, &Stats::StubTimer},
     {"UnStub", &Stats::UnStubCounter, &Stats::UnStubTimer},
+    {"FlushJournal", &Stats::FlushJournalCounter, &Stats::FlushJournalTimer},
 };
 
 void appendCounts(fmt::memory_buffer& out, const char* name, const ReplayCounts& counts) {
@@ -108,7 +109,7 @@ void note(const Options& options, const Replay& replay) {
 
 int runReplay(const Options& options, const ReplayOptions& replayOptions) {
   RecordFile file(replayOptions.file, replayOptions.format);
-  ReplayCatalogue catalogue(catalogueFolder(options, ""));
+  ReplayCatalogue catalogue(catalogueFolder(options, ""), replayOptions.coalesce);
   Replay replay(file, catalogue.rows(), replayOptions.devt);
   noteInterrupts();
   try {

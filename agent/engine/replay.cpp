@@ -9,6 +9,7 @@
 #include "agent/engine/catalogue_folder.h"
 #include "agent/errors.h"
 #include "journal/apply_journal.h"
+#include "journal/cumulative_journal.h"
 #include "records/record_layout.h"
 
 namespace kddc {
@@ -27,37 +28,48 @@ ReplayCounts ReplayTally::total() const {
   return total;
 }
 
-ReplayCatalogue::ReplayCatalogue(std::string folder) : folder_(std::move(folder)), db_(folder_) {
-  if (!db_.DoesDbExist())
-    throw Failure(
-        fmt::format("{} holds no catalogue that can be read and written; make one with: "
-                    "kddc scan VOLUME --catalogue {}",
-                    folder_, folder_));
-  if (const auto user = userOf(folder_))
-    throw Failure(fmt::format("{} is in use by {}; stop it first", folder_, *user));
+namespace {
+
+std::unique_ptr<DCSqliteDB> catalogueIn(const std::string& folder, bool coalesce) {
+  if (coalesce) return std::make_unique<CumulativeJournal>(folder);
+  return std::make_unique<DCSqliteDB>(folder);
+}
+
+}  // namespace
+
+ReplayCatalogue::ReplayCatalogue(std::string folder, bool coalesce) : folder_(std::move(folder)) {
   during("cannot open the catalogue in " + folder_, [&] {
+    db_ = catalogueIn(folder_, coalesce);
+    if (!db_->DoesDbExist())
+      throw Failure(
+          fmt::format("{} holds no catalogue that can be read and written; make one with: "
+                      "kddc scan VOLUME --catalogue {}",
+                      folder_, folder_));
+    if (const auto user = userOf(folder_))
+      throw Failure(fmt::format("{} is in use by {}; stop it first", folder_, *user));
     requireGood();
-    if (!db_.OpenHandle(false, false)) throw Failure(folder_ + " is in use by another process");
+    if (!db_->OpenHandle(false, false)) throw Failure(folder_ + " is in use by another process");
   });
 }
 
 // Looks without writing anything: a catalogue that is refused stays as it was.
-void ReplayCatalogue::requireGood() {
-  if (!db_.OpenHandle(true, false))
+void ReplayCatalogue::requireGood() const {
+  DCSqliteDB db(folder_);
+  if (!db.OpenHandle(true, false))
     throw Failure(fmt::format("the catalogue in {} cannot be opened; -v says why", folder_));
   unsigned long referenceTime = 0;
-  if (!db_.GetReferenceTime(&referenceTime))
+  if (!db.GetReferenceTime(&referenceTime))
     throw Failure(
         fmt::format("the catalogue in {} is not complete: its first scan has not "
                     "finished, or it was not closed properly; scan again",
                     folder_));
-  if (!db_.DBVersionCheck())
+  if (!db.DBVersionCheck())
     throw Failure(fmt::format("the catalogue in {} is of another version; scan again", folder_));
-  db_.CloseHandle(0, true);
+  db.CloseHandle(0, true);
 }
 
 void ReplayCatalogue::close() {
-  during("cannot finish the catalogue in " + folder_, [&] { db_.CloseHandle(0, false); });
+  during("cannot finish the catalogue in " + folder_, [&] { db_->CloseHandle(0, false); });
 }
 
 bool Replay::step() {
@@ -76,8 +88,11 @@ void Replay::take(const FilePiece& piece) {
     ++leftOut_;
     return;
   }
-  mixed_ = mixed_ || record.devt != firstDevt_.value_or(record.devt);
-  firstDevt_ = firstDevt_.value_or(record.devt);
+  if (!firstDevt_) {
+    firstDevt_ = record.devt;
+    rows_.SetDevt(record.devt);  // whose statistics count the flushes
+  }
+  mixed_ = mixed_ || record.devt != *firstDevt_;
   apply(piece, record);
 }
 

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -48,19 +49,21 @@ class ReplayTally {
 class ReplayCatalogue {
  public:
   // Failure when there is none in the folder, when somebody uses it, or when it cannot be trusted;
-  // nothing was changed then.
-  explicit ReplayCatalogue(std::string folder);
+  // nothing was changed then. With `coalesce`, records of the same file are merged before they are
+  // written.
+  ReplayCatalogue(std::string folder, bool coalesce);
 
-  DCSqliteDB& rows() { return db_; }
-  // Makes everything durable and marks the catalogue as closed gracefully. Its reference time
-  // stays. Without this call it is left as a crash would leave it.
+  DCSqliteDB& rows() { return *db_; }
+  // Writes what is still held back, makes everything durable and marks the catalogue as closed
+  // gracefully. Its reference time stays. Without this call, or when it fails, the catalogue is
+  // left as a crash would leave it.
   void close();
 
  private:
-  void requireGood();
+  void requireGood() const;
 
   std::string folder_;
-  DCSqliteDB db_;
+  std::unique_ptr<DCSqliteDB> db_;
 };
 
 // Applies the records of a file one by one.
