@@ -34,6 +34,9 @@ class ModelCatalogue {
   std::map<long long, ModelFid> fids;    // by FIDS_ROWID; SEQNUM and RESCAN are always 0
 
   explicit ModelCatalogue(std::time_t openTime) : openTime_(openTime) {}
+  virtual ~ModelCatalogue() = default;
+  ModelCatalogue(const ModelCatalogue&) = default;
+  ModelCatalogue& operator=(const ModelCatalogue&) = default;
 
   // What ApplyJournal answers for the record while the clock shows `now`.
   bool apply(const FlrJrnCommandRaw& record, std::time_t now);
@@ -46,8 +49,10 @@ class ModelCatalogue {
   // All columns in the order of the schema, as SQLite prints them, by row id.
   std::vector<std::string> fileRows() const;
   std::vector<std::string> fidRows() const;
+  // Identifiers that records spoke of and that no row shows yet.
+  virtual std::vector<fsf_fid> heldBack() const { return {}; }
 
- private:
+ protected:
   // The journal does not fit the catalogue; what was written until then stays.
   struct Inconsistent {};
 
@@ -80,15 +85,18 @@ class ModelCatalogue {
   Rows rowsOf(const fsf_fid& fid) const;
   long long inodeOf(const fsf_fid& fid) const { return rowsOf(fid).inode; }
   ModelFile* file(long long inode);
+  void insert(const NewEntry& entry, long long parent, int type);
+
+  virtual void dispatch(const FlrJrnCommandRaw& record, int time);
+
+ private:
   ModelFile& existing(long long inode);
   long long childOf(long long parent, const std::string& name) const;
   long long linkAt(const Rows& rows, long long parent, const std::string& name);
-  void insert(const NewEntry& entry, long long parent, int type);
   void deletePair(long long inode, long long fidRowId);
   void stampLink(long long inode, int time, long long nlink);
   void stampBelow(long long folder);
 
-  void dispatch(const FlrJrnCommandRaw& record, int time);
   void setAttr(const FlrJrnSetAttrRaw& r, int time);
   void writeAttr(ModelFile& row, const FlrJrnSetAttrRaw& r, int time) const;
   void setAdditionalAttr(const fsf_fid& fid, int time);

@@ -222,6 +222,8 @@ inline fsf_fid RandomRecord::anyFid() {
 }
 
 inline fsf_fid RandomRecord::knownFid() {
+  if (const auto held = catalogue_.heldBack(); !held.empty() && dice_.oneIn(2))
+    return dice_.oneOf(held);
   if (catalogue_.fids.empty() || dice_.oneIn(16)) return anyFid();
   return dice_.oneOf(catalogue_.fids).second.fid;
 }
@@ -241,6 +243,8 @@ inline fsf_fid RandomRecord::folderFid() {
 }
 
 inline RandomRecord::Place RandomRecord::place() {
+  if (const auto held = catalogue_.heldBack(); !held.empty() && dice_.oneIn(4))
+    return {dice_.oneOf(held), folderFid(), std::string(name())};
   if (catalogue_.files.empty() || dice_.oneIn(16))
     return {anyFid(), folderFid(), std::string(name())};
   const auto& [inode, row] = dice_.oneOf(catalogue_.files);
