@@ -213,7 +213,7 @@ TEST_F(Merging, ARemoveDropsTheEntryOfAKnownFileWithoutAWordAndIsApplied) {
 TEST_F(Merging, AFileThatIsCreatedAndRemovedNeverReachesTheCatalogue) {
   const int before = changes();
   db.Create(file('N', "new"));
-  for (int size = 1; size <= 3; ++size) db.SetAttr(sizeOf('N', size), kAt);
+  for (const unsigned size : {1U, 2U, 3U}) db.SetAttr(sizeOf('N', size), kAt);
   // The removal ends with the entry: were it applied, it would miss the name among the rows.
   db.Remove(removal('N', "new", 1), kAt);
   EXPECT_FALSE(isPending('N'));
