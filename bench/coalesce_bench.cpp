@@ -29,7 +29,6 @@
 using kddc::bench::Folder;
 using kddc::bench::Order;
 using kddc::bench::Stream;
-using kddc::bench::Tree;
 using kddc::bench::Volume;
 
 namespace {

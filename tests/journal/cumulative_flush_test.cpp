@@ -8,7 +8,6 @@
 
 namespace {
 
-using kddc::test::expectFailure;
 using kddc::test::fidOf;
 using kddc::test::LogCapture;
 using testing::ElementsAre;

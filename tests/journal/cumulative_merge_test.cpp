@@ -12,11 +12,9 @@
 namespace {
 
 using kddc::test::CatalogueTest;
-using kddc::test::expectFailure;
 using kddc::test::fidOf;
 using kddc::test::LogCapture;
 using kddc::test::OpenCumulative;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 // The folder "top" is row 1, identifier T; the file "old" row 2, identifier O.

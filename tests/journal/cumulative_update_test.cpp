@@ -13,7 +13,6 @@ namespace {
 using kddc::test::fidOf;
 using kddc::test::LogCapture;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 const std::string kCount = "debug 4 CumulativeJournal :: UpdateFileAttribs: Count=1";
 const std::string kDetail = "debug 6 CumulativeJournal :: UpdateFileAttribs: ";
