@@ -4,16 +4,13 @@
 // Removal of whole subtrees. Every folder goes through the virtual RemoveFolderGivenInode, so that
 // a subclass sees each of them.
 #include <cstdio>
-#include <cstdlib>
 
+#include "catalogue/child_row.h"
 #include "catalogue/db_access.h"
-#include "catalogue/file_type.h"
 #include "catalogue/subtree_walk.h"
 #include "platform/logged.h"
 #include "records/fsf_fid.h"
 
-using kddc::absorbed;
-using kddc::kFolder;
 using kddc::logged;
 using kddc::SubtreeWalk;
 
@@ -75,22 +72,13 @@ void DCSqliteDB::removeSubtree(unsigned long long inode, unsigned long long fids
 }
 
 int DeleteCallBack(void* object, int /*columns*/, char** values, char** /*names*/) {
-  constexpr char kTag[] = "DeleteCallBack";
-  const auto removeChild = [&] {
-    if (!values[0] || !values[1] || !values[2]) {
-      dbg.Error(kTag, "INODE,FID_ROWID,FILE_TYPE cannot be NULL");
-      return -1;
-    }
+  return kddc::removeChild("DeleteCallBack", values, [&](const kddc::ChildRow& child) {
     auto* catalogue = static_cast<DCSqliteDB*>(object);
-    const unsigned long long child = std::strtoull(values[0], nullptr, 10);
-    const unsigned long long childFidRowId = std::strtoull(values[1], nullptr, 10);
-    if (std::atoi(values[2]) == kFolder) catalogue->RemoveFolderGivenInode(child, childFidRowId);
+    if (child.isFolder) catalogue->RemoveFolderGivenInode(child.inode, child.fidRowId);
     // Again for a folder that has just removed itself: it finds nothing, and a folder whose own
     // removal waits or was cut short by a cycle still loses its row.
-    catalogue->DeleteEntry(child, childFidRowId);
-    return 0;
-  };
-  return absorbed(kTag, removeChild, -1);
+    catalogue->DeleteEntry(child.inode, child.fidRowId);
+  });
 }
 
 void DCSqliteDB::RemoveDuplicateFid(const fsf_fid* fid) {
