@@ -26,6 +26,7 @@
 #include <array>
 #include <ctime>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -65,6 +66,7 @@ struct StatFid_s {
 //   times                  stamps that several of them share  journal/
 //   single names           for an agent, outside the journal  journal/remove_and_link.cpp
 //   end of life            close                              catalogue/lifecycle.cpp
+//   full scans             DCSqliteDBSortedInsert, below      catalogue/sorted_insert.cpp
 //
 // The virtual functions take their slots in the order in which they stand here, and subclasses that
 // were built elsewhere rely on it. That is why CloseHandle stands last.
@@ -285,9 +287,53 @@ class KDDC_API DCSqliteDB {
   std::unique_ptr<kddc::SubtreeWalk> subtreeWalk_;
 };
 
+// The catalogue while a full scan fills it: the FIDS rows of all that is no folder are held back
+// and written in the order of their identifiers, so that the index over identifiers grows in few
+// places at a time, however the disk numbers its files.
+//
+//   Insert ─► FILES row, FID_ROWID = 2^63 - 1 (pending)
+//       └───► sortMap ── mapLimit entries, or CloseHandle ──► FIDS rows, by identifier
+//                                                             FILES.FID_ROWID, by inode
+//
+// While entries are pending, only FILES knows them: lookups by identifier do not find them. Folders
+// are never pending.
+//
+// Memory: mapLimit entries, about 80 bytes for each, and 16 more during a flush.
+// Failures: as the base, under "DCSqliteDBSortedInsert :: <operation>". A flush that failed has
+// written some rows and still holds every entry: the catalogue is to be thrown away and the scan
+// repeated.
+class KDDC_API DCSqliteDBSortedInsert : public DCSqliteDB {
+ public:
+  // Reads the key "SortedInsertMapSize" (section "DataClassification", default 1000000). Throws
+  // KdException when it is no number.
+  explicit DCSqliteDBSortedInsert(std::string dbFolder);
+  // Entries that are still pending are lost.
+  ~DCSqliteDBSortedInsert() override;
+
+  using DCSqliteDB::Insert;
+  // The result means something for folders only: the FIDS row id.
+  unsigned long long Insert(StatFidName_s* entry, unsigned long long parentInode,
+                            int fileType) override;
+  // Pending rows go as well, from FILES and from the map; a folder goes once.
+  void RemoveFolderGivenInode(unsigned long long inode, unsigned long long fidsRowId) override;
+  void RemoveDuplicateFid(const fsf_fid* fid) override;
+  // Writes the rows of all pending entries; of those that share an identifier each gets its own.
+  void FlushAllFids();
+  // Forgets the first pending entry, in the order of identifiers, that has this inode.
+  void DeleteFromMap(unsigned long long inode);
+  // Flushes, then closes as the base does. When the flush fails, the catalogue stays open.
+  void CloseHandle(unsigned long refTime, bool keepUngraceful) override;
+
+ protected:
+  unsigned long long mapLimit;                         // entries; 0 flushes at once, as 1 does
+  std::multimap<fsf_fid, unsigned long long> sortMap;  // pending: identifier, inode
+};
+
 // The row callback of RemoveFolderGivenInode: `object` is the DCSqliteDB; the columns are INODE,
 // FID_ROWID and FILE_TYPE of one child. Removes the child; -1, logged, ends the walk.
 KDDC_API int DeleteCallBack(void* object, int columns, char** values, char** names);
+// The same for a DCSqliteDBSortedInsert.
+KDDC_API int DeleteCallBack1(void* object, int columns, char** values, char** names);
 
 // A row callback for a query whose first column is the inode of a folder: `object` is the
 // DCSqliteDB, and all that lies below the folder is stamped (UpdateTimeFieldRecursively). -1,
