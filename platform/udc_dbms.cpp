@@ -288,6 +288,7 @@ void UDC_DBMS::noteWrite() {
     groupHasWork_ = true;
     groupBegan_ = coarseNow();
   }
+  if (!groupCommit_) return;
   const bool full = sqlite3_total_changes64(handle) - changesAtBegin_ >= commitEveryRows_;
   if (full || coarseNow() - groupBegan_ >= commitEvery_) Commit();
 }

@@ -73,6 +73,8 @@ class KDDC_API UDC_DBMS {
 
   // Ends the open transaction, as durably as the synchronous level says, and starts the next.
   int Commit();
+  // Whether work is committed in groups by itself; if not, Commit and closedb alone do it.
+  void SetGroupCommit(bool on) { groupCommit_ = on; }
   // Changes the synchronous level. Commits first: SQLite refuses the change within a transaction.
   void SetSynchronous(int level);
   // Commits and forces everything committed so far to the disk, whatever the synchronous level was.
@@ -111,6 +113,7 @@ class KDDC_API UDC_DBMS {
   // The group under way: what was in force when it began, so that its size and age can be told.
   long long commitEveryRows_;
   std::chrono::milliseconds commitEvery_;
+  bool groupCommit_ = true;
   bool inTransaction_ = false;
   bool groupHasWork_ = false;
   bool lostWork_ = false;

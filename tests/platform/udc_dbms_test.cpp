@@ -203,6 +203,20 @@ TEST_F(UdcDbms, AGroupIsCommittedByTheNextWriteOnceItIsOldEnough) {
   EXPECT_EQ(committedRows(), "2");
 }
 
+TEST_F(UdcDbms, WithoutGroupsOnlyACommitCommits) {
+  makeTable();
+  setGroups("1", "1000000");
+  UDC_DBMS db(path, 2, 0, false);
+  opened(db).SetGroupCommit(false);
+  db.exec_query("INSERT INTO T VALUES (1)");
+  EXPECT_EQ(committedRows(), "0");
+  db.Commit();
+  EXPECT_EQ(committedRows(), "1");
+  db.SetGroupCommit(true);
+  db.exec_query("INSERT INTO T VALUES (2)");
+  EXPECT_EQ(committedRows(), "2");
+}
+
 TEST_F(UdcDbms, ClosingCommitsOrDiscards) {
   makeTable();
   UDC_DBMS db(path, 2, 0, false);
