@@ -42,6 +42,17 @@ void reportScan(const Options& options, const WalkCounts& counts, double seconds
                     counts.lostFolders));
 }
 
+// A signal ends the work in whatever it was doing then; that is no failure of its own.
+template <class Work>
+WalkCounts unlessInterrupted(const std::string& path, Work&& work) {
+  try {
+    return work();
+  } catch (const Failure&) {
+    if (interrupted()) throw scanInterrupted(path);
+    throw;
+  }
+}
+
 }  // namespace
 
 int runScan(const Options& options, const std::string& volume) {
@@ -54,14 +65,22 @@ int runScan(const Options& options, const std::string& volume) {
 
   Progress progress(!options.quiet && options.verbosity == 0);
   const std::time_t began = std::time(nullptr);
+  std::uint64_t done = 0;
   NewCatalogue catalogue(folder, path);
   for (const std::string& own : {stateFolder(options), folder, catalogue.buildFolder()})
     leaveOut(own, walk);
-  const WalkCounts counts = during("cannot scan " + path, [&] {
-    return fullScan(std::move(root), path, walk, catalogue.rows(),
-                    [&](std::uint64_t entries) { progress.update(entries); });
+  const WalkCounts counts = unlessInterrupted(path, [&] {
+    catalogue.rows().setTick([&] {
+      progress.update(done);
+      return !interrupted();
+    });
+    const WalkCounts walked = during("cannot scan " + path, [&] {
+      return fullScan(std::move(root), path, walk, catalogue.rows(),
+                      [&](std::uint64_t entries) { progress.update(done = entries); });
+    });
+    catalogue.publish(began);
+    return walked;
   });
-  catalogue.publish(began);
   reportScan(options, counts, progress.elapsed().count());
   return kExitDone;
 }

@@ -3,9 +3,11 @@
 //
 // Entries on their way from the walk to the catalogue: batches, and a short queue of them.
 //
-//   walking thread ─► push ─► [batch][batch]... at most 8 ─► pop ─► inserting thread
+//   walking thread ─► push ─► [batch][batch]... at most 64 ─► pop ─► inserting thread
 //
-// The queue is short because whoever is slower sets the pace anyway; what waits in it is memory.
+// Whoever is slower sets the pace, so what waits is memory for nothing, but for one thing: the
+// inserting side stops from time to time to write what it held back, and the walk goes on
+// meanwhile.
 #pragma once
 
 #include <sys/stat.h>
@@ -63,7 +65,7 @@ class BatchQueue {
   void stop() { end(stopped_); }
 
  private:
-  static constexpr std::size_t kMost = 8;
+  static constexpr std::size_t kMost = 64;
 
   void end(bool& flag) {
     const std::lock_guard lock(mutex_);

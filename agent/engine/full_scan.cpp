@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "agent/engine/batch_queue.h"
-#include "agent/errors.h"
 #include "agent/interrupt.h"
 #include "catalogue/file_type.h"
 
@@ -32,8 +31,7 @@ class Producer {
   }
 
   void add(const WalkedEntry& entry) {
-    if (interrupted())
-      throw Failure("the scan of " + volumePath_ + " was interrupted; nothing was changed");
+    if (interrupted()) throw scanInterrupted(volumePath_);
     batch_.names += entry.name;
     batch_.entries.push_back({entry.st, entry.fid, entry.parent, entry.isStub,
                               static_cast<std::uint32_t>(batch_.names.size())});
@@ -126,6 +124,10 @@ class WalkThread {
 };
 
 }  // namespace
+
+Failure scanInterrupted(const std::string& volumePath) {
+  return Failure("the scan of " + volumePath + " was interrupted; nothing was changed");
+}
 
 WalkCounts fullScan(UniqueFd volume, const std::string& volumePath, const WalkOptions& options,
                     ScanCatalogue& catalogue, const ScanProgress& progress) {

@@ -13,6 +13,7 @@
 
 #include "agent/engine/new_catalogue.h"
 #include "agent/engine/walk.h"
+#include "agent/errors.h"
 #include "platform/unique_fd.h"
 
 namespace kddc {
@@ -25,5 +26,8 @@ using ScanProgress = std::function<void(std::uint64_t entries)>;
 // asks the process to end.
 WalkCounts fullScan(UniqueFd volume, const std::string& volumePath, const WalkOptions& options,
                     ScanCatalogue& catalogue, const ScanProgress& progress);
+
+// What is said when a signal ended a scan.
+[[nodiscard]] Failure scanInterrupted(const std::string& volumePath);
 
 }  // namespace kddc

@@ -27,7 +27,6 @@
 namespace kddc {
 namespace {
 
-constexpr int kOff = 0, kNormal = 1;  // SQLite's synchronous levels
 constexpr std::chrono::milliseconds kRetry(20), kPatience(5000);
 
 std::string parentOf(const std::string& folder) {
@@ -61,31 +60,6 @@ bool isMountPoint(const std::string& path) {
 }
 
 }  // namespace
-
-unsigned long long ScanCatalogue::insertRow(StatFidName_s& entry, unsigned long long parentInode,
-                                            int fileType) {
-  Insert(&entry, parentInode, fileType);
-  // Nothing else was inserted into FILES since: the insert corrects rows, but makes just one.
-  return filesDb->LastInsertRowId();
-}
-
-void ScanCatalogue::beginUnjournaled() {
-  setJournal("PRAGMA journal_mode=MEMORY");
-  filesDb->SetSynchronous(kOff);
-  fidDb->SetSynchronous(kOff);
-}
-
-void ScanCatalogue::endUnjournaled() {
-  setJournal("PRAGMA journal_mode=WAL");
-  filesDb->SetSynchronous(kNormal);
-  fidDb->SetSynchronous(kNormal);
-}
-
-// SQLite changes the mode between transactions only.
-void ScanCatalogue::setJournal(const char* mode) {
-  for (UDC_DBMS* db : {filesDb.get(), fidDb.get()})
-    for (const char* sql : {"COMMIT", mode, "BEGIN"}) db->exec_query(sql);
-}
 
 NewCatalogue::NewCatalogue(std::string folder, std::string volumePath)
     : folder_(std::move(folder)), building_(folder_ + ".new"), volumePath_(std::move(volumePath)) {
@@ -128,7 +102,7 @@ void NewCatalogue::create() {
       db_->CreateDb();
       if (!db_->OpenHandle(false, false))
         throw Failure("cannot open the catalogue in " + building_);
-      db_->beginUnjournaled();
+      db_->beginBuild();
     } catch (...) {
       db_.reset();
       RemoveDCDb(building_);
@@ -138,8 +112,8 @@ void NewCatalogue::create() {
 }
 
 void NewCatalogue::publish(std::time_t began) {
+  during("cannot scan " + volumePath_, [&] { db_->endBuild(); });
   during("cannot finish the catalogue in " + building_, [&] {
-    db_->endUnjournaled();
     db_->UpdateTimesForFullScan();
     db_->CloseHandle(static_cast<unsigned long>(began), false);
   });

@@ -17,25 +17,9 @@
 #include <memory>
 #include <string>
 
-#include "catalogue/db_access.h"
+#include "agent/engine/scan_catalogue.h"
 
 namespace kddc {
-
-// The catalogue class with the one thing that a scan needs to know besides.
-class ScanCatalogue : public DCSqliteDB {
- public:
-  using DCSqliteDB::DCSqliteDB;
-  // Inserts the row and answers its inode.
-  unsigned long long insertRow(StatFidName_s& entry, unsigned long long parentInode, int fileType);
-
-  // Between the two nothing is journaled or forced to the disk: a failure leaves databases that can
-  // only be thrown away, which is what happens to a catalogue that was not published.
-  void beginUnjournaled();
-  void endUnjournaled();
-
- private:
-  void setJournal(const char* mode);
-};
 
 class NewCatalogue {
  public:
