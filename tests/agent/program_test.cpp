@@ -284,6 +284,23 @@ TEST_F(ProgramTest, TheStateFolderCanBeSetInTheSettings) {
   EXPECT_TRUE(std::filesystem::exists(temp / "mine/catalogues"));
 }
 
+TEST_F(ProgramTest, AScanGivesTheSameListingWhateverTheSizeOfItsMap) {
+  for (int i = 0; i < 300; ++i) write("sub" + std::to_string(i % 7) + "/" + std::to_string(i));
+  std::filesystem::create_directory(temp / "registry");
+  setenv("KELDARA_REGISTRY_ROOT", (temp / "registry").c_str(), 1);
+  std::vector<std::string> listings;
+  for (const char* size : {"1", "1000000"}) {
+    temp.write("registry/settings.ini",
+               std::string("[DataClassification]\nSortedInsertMapSize = ") + size + "\n");
+    scan();
+    change("UPDATE FILES SET TIME=1, ATIME=1");  // which a scan itself moves
+    listings.push_back(run("list", {"--json"}).out);
+  }
+  unsetenv("KELDARA_REGISTRY_ROOT");
+  EXPECT_EQ(lines(listings[0]).size(), 308u);
+  EXPECT_TRUE(listings[0] == listings[1]);
+}
+
 TEST_F(ProgramTest, ItsOwnFoldersAreNotCatalogued) {
   write("mine");
   const Words words = {volume, "--state", volume + "/state", "--catalogue", volume + "/catalogue"};
