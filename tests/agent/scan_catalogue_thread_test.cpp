@@ -45,7 +45,7 @@ struct ScanCatalogues : testing::Test {
   }
   ~ScanCatalogues() override {
     alarm(0);
-    setMapSize("100000");
+    setMapSize("1000000");
   }
 
   void addFiles(int first, int end) const {
