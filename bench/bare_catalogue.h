@@ -159,21 +159,10 @@ class BareCatalogue {
   // `type` 1 is a folder, whose size is known at once.
   void insert(const struct stat& st, const fsf_fid& fid, std::string_view name, long long parent,
               int type) {
-    const bool folder = type == 1;
-    const auto int32 = [](auto value) { return static_cast<int>(static_cast<unsigned>(value)); };
-    const long long size = st.st_size, blocks = st.st_blocks, unknown = INT64_MAX;
     const long long predicted = fids_.lastRow() + 1;
-    insertFile_
-        .bind(parent, int32(st.st_mode), int32(st.st_nlink), int32(st.st_uid), int32(st.st_gid),
-              folder ? size : unknown, folder ? blocks : unknown, int32(st.st_atime),
-              int32(st.st_mtime), int32(st.st_ctime), int32(st.st_ctime), type, name, predicted)
-        .write();
-    const long long inode = files_.lastRow();
-    if (!folder) updateSize_.bind(size, blocks, inode).write();
-    insertFid_.bind(inode).bindFid(2, fid).bindAt(6, folder ? unknown : 0).write();
-    const long long actual = fids_.lastRow();
-    updateSeq_.bind(0LL, actual).write();
-    if (actual != predicted) updateFidRowId_.bind(actual, inode).write();
+    const long long inode = insertFile(st, name, parent, type, predicted);
+    const long long actual = insertFid(fid, inode, type);
+    if (actual != predicted) updateFidRowId(inode, actual);
   }
 
   // 0 when there is none.
@@ -184,6 +173,33 @@ class BareCatalogue {
   struct Row {
     long long inode = 0, fidRowId = 0;
   };
+
+  static constexpr long long kUnknown = INT64_MAX;
+
+  // Each answers the number of the row.
+  long long insertFile(const struct stat& st, std::string_view name, long long parent, int type,
+                       long long fidRowId) {
+    const bool folder = type == 1;
+    const auto int32 = [](auto value) { return static_cast<int>(static_cast<unsigned>(value)); };
+    const long long size = st.st_size, blocks = st.st_blocks;
+    insertFile_
+        .bind(parent, int32(st.st_mode), int32(st.st_nlink), int32(st.st_uid), int32(st.st_gid),
+              folder ? size : kUnknown, folder ? blocks : kUnknown, int32(st.st_atime),
+              int32(st.st_mtime), int32(st.st_ctime), int32(st.st_ctime), type, name, fidRowId)
+        .write();
+    const long long inode = files_.lastRow();
+    if (!folder) updateSize_.bind(size, blocks, inode).write();
+    return inode;
+  }
+  long long insertFid(const fsf_fid& fid, long long inode, int type) {
+    insertFid_.bind(inode).bindFid(2, fid).bindAt(6, type == 1 ? kUnknown : 0).write();
+    const long long row = fids_.lastRow();
+    updateSeq_.bind(0LL, row).write();
+    return row;
+  }
+  void updateFidRowId(long long inode, long long fidRowId) {
+    updateFidRowId_.bind(fidRowId, inode).write();
+  }
 
   // The last row of an identifier; the inodes of all its rows are in inodes_ then.
   Row rowsOf(const fsf_fid& fid) {

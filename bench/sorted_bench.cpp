@@ -1,0 +1,144 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// A full scan's inserts, plain and sorted, each beside the same SQL on bare connections.
+// Identifiers come in random order: the larger the catalogue, the fewer of the index's pages are at
+// hand when a plain insert needs them.
+//
+// Works in $KDDC_BENCH_DIR (default /var/tmp); five million rows take 1 GB there, one at a time.
+#include <benchmark/benchmark.h>
+
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "bench/bare_catalogue.h"
+#include "bench/catalogue_rows.h"
+#include "bench/ratios.h"
+#include "catalogue/db_access.h"
+
+using kddc::bench::BareCatalogue;
+using kddc::bench::bareParentOf;
+using kddc::bench::entryAt;
+using kddc::bench::Folder;
+using kddc::bench::identifiers;
+using kddc::bench::parentOf;
+
+namespace {
+
+// Inserts without anything around SQLite, sorted as the catalogue sorts them.
+class BareSorted : public BareCatalogue {
+ public:
+  using BareCatalogue::BareCatalogue;
+
+  void insert(const StatFidName_s& entry, long long parent) {
+    pending_.emplace(entry.fid, insertFile(entry.st, entry.name, parent, 0, kUnknown));
+    if (pending_.size() >= 1000000) flush();
+  }
+  void flush() {
+    std::vector<std::pair<long long, long long>> rows;
+    rows.reserve(pending_.size());
+    for (const auto& [fid, inode] : pending_) rows.emplace_back(inode, insertFid(fid, inode, 0));
+    pending_.clear();
+    std::ranges::sort(rows);
+    for (const auto& [inode, row] : rows) updateFidRowId(inode, row);
+  }
+
+ private:
+  std::multimap<fsf_fid, long long> pending_;
+};
+
+class BarePlain : public BareCatalogue {
+ public:
+  using BareCatalogue::BareCatalogue;
+  void insert(const StatFidName_s& entry, long long parent) {
+    BareCatalogue::insert(entry.st, entry.fid, entry.name, parent, 0);
+  }
+  void flush() {}
+};
+
+void flush(DCSqliteDB&) {}
+void flush(DCSqliteDBSortedInsert& db) {
+  db.FlushAllFids();
+}
+
+// Until every row is written and committed; making it durable at the close is no matter of inserts.
+template <class Catalogue>
+void fill(benchmark::State& state) {
+  const auto& fids = identifiers(static_cast<std::size_t>(state.range(0)));
+  for (auto _ : state) {
+    state.PauseTiming();
+    const Folder folder;
+    Catalogue db(folder.catalogue());
+    db.CreateDb();
+    db.OpenHandle(false, false);
+    state.ResumeTiming();
+    for (std::size_t i = 0; i < fids.size(); ++i) {
+      StatFidName_s entry = entryAt(i, fids[i]);
+      db.Insert(&entry, parentOf(i), 7);
+    }
+    flush(db);
+    db.Commit();
+    state.PauseTiming();
+    db.CloseHandle(0, true);
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+template <class Bare>
+void fillBare(benchmark::State& state) {
+  const auto& fids = identifiers(static_cast<std::size_t>(state.range(0)));
+  for (auto _ : state) {
+    state.PauseTiming();
+    const Folder folder;
+    DCSqliteDB(folder.catalogue()).CreateDb();
+    {
+      Bare bare(folder.catalogue());
+      state.ResumeTiming();
+      for (std::size_t i = 0; i < fids.size(); ++i)
+        bare.insert(entryAt(i, fids[i]), bareParentOf(i));
+      bare.flush();
+      bare.commit();
+      state.PauseTiming();
+    }
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void Plain(benchmark::State& state) {
+  fill<DCSqliteDB>(state);
+}
+void Sorted(benchmark::State& state) {
+  fill<DCSqliteDBSortedInsert>(state);
+}
+void BarePlainSql(benchmark::State& state) {
+  fillBare<BarePlain>(state);
+}
+void BareSortedSql(benchmark::State& state) {
+  fillBare<BareSorted>(state);
+}
+
+void sizes(benchmark::internal::Benchmark* benchmark) {
+  for (const int rows : {100000, 1000000, 5000000}) benchmark->Arg(rows);
+  benchmark->Iterations(1)->Unit(benchmark::kMillisecond);
+}
+BENCHMARK(Plain)->Apply(sizes);
+BENCHMARK(Sorted)->Apply(sizes);
+BENCHMARK(BarePlainSql)->Apply(sizes);
+BENCHMARK(BareSortedSql)->Apply(sizes);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<kddc::Ratio> ratios;
+  for (const char* rows : {"/100000", "/1000000", "/5000000"})
+    for (const auto& [ours, floor] :
+         {std::pair("Sorted", "Plain"), std::pair("BareSortedSql", "BarePlainSql"),
+          std::pair("Sorted", "BareSortedSql")})
+      ratios.push_back({std::string(ours) + rows, std::string(floor) + rows});
+  return kddc::runWithRatios(
+      argc, argv, ratios,
+      {{"Plain/5000000", "Plain/1000000"}, {"Sorted/5000000", "Sorted/1000000"}});
+}
