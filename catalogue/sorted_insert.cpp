@@ -17,10 +17,11 @@
 
 using kddc::kPlaceholder;
 using kddc::logged;
+using kddc::loggedWithKd;
 
 DCSqliteDBSortedInsert::DCSqliteDBSortedInsert(std::string folder)
     : DCSqliteDB(std::move(folder)), mapLimit(1000000) {
-  logged("DCSqliteDBSortedInsert :: DCSqliteDBSortedInsert", [&] {
+  loggedWithKd("DCSqliteDBSortedInsert :: DCSqliteDBSortedInsert", [&] {
     long long limit = 0;
     if (KDPlatformInfo::getNumber("DataClassification", "SortedInsertMapSize", &limit) != 0)
       mapLimit = static_cast<unsigned long long>(limit);
