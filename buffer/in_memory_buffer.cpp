@@ -119,6 +119,7 @@ bool InMemoryBuffer::Read(bool* eof, unsigned char** data, int* len) {
 bool InMemoryBuffer::ReadData(bool* eof, unsigned char** data, int n) {
   return logged("InMemoryBuffer :: ReadData", [&] {
     if (n < 0 || !mayBeRead(Mode_m)) return false;
+    if (takeSeen(eof, data, n)) return true;
     const Access access(*this);
     if (access.shared() && !waitForData(n)) return false;
     return take(eof, data, n);
@@ -136,20 +137,28 @@ bool InMemoryBuffer::waitForData(int n) {
   return true;
 }
 
-// Compared as a difference: a sum could run over for a large `n`.
 bool InMemoryBuffer::take(bool* eof, unsigned char** data, int n) {
-  *eof = n > WritePointer_m - ReadPointer_m;
-  if (*eof) return false;
+  seen_ = WritePointer_m;
+  *eof = true;
+  return takeSeen(eof, data, n);
+}
+
+// Nobody but the reader moves its position, and what it has seen written stays, so most records
+// cost it no lock: it takes the monitor once for all that was written in the meantime.
+// Compared as a difference: a sum could run over for a large `n`.
+bool InMemoryBuffer::takeSeen(bool* eof, unsigned char** data, int n) NO_THREAD_SAFETY_ANALYSIS {
+  if (n > seen_ - ReadPointer_m) return false;
+  *eof = false;
   *data = &Buffer_m[asSize(ReadPointer_m)];
   ReadPointer_m += n;
   return true;
 }
 
-// A record is published with its length, so there is nothing to wait for here: a payload that is
-// not there now never will be.
+// A record is published with its length, so whoever has seen the one has seen the other: there is
+// nothing to wait for here.
 bool InMemoryBuffer::takePayload(bool* eof, unsigned char** data, int n) {
+  if (n > 0 && takeSeen(eof, data, n)) return true;
   const Access access(*this);
-  if (n > 0 && take(eof, data, n)) return true;
   *eof = false;
   skipTheRest(n);
   return false;
@@ -176,13 +185,16 @@ int InMemoryBuffer::Load(int fd, int len) {
   constexpr char kTag[] = "InMemoryBuffer :: Load";
   return logged(kTag, [&] {
     const Access access(*this);
-    std::fill_n(Buffer_m.get(), BufferSize_m, static_cast<unsigned char>(0));
     const int length = std::clamp(len, 0, BufferSize_m);  // never past the block
-    const ssize_t count = ::read(fd, Buffer_m.get(), asSize(length));
-    if (count < 0) throw UDCException(kTag, 0, "Failed to Load data", errno);
+    const auto count = static_cast<int>(::read(fd, Buffer_m.get(), asSize(length)));
+    const int error = errno;
+    // Afterwards, as a full block has no rest.
+    std::fill(&Buffer_m[asSize(std::max(count, 0))], Buffer_m.get() + BufferSize_m,
+              static_cast<unsigned char>(0));
+    if (count < 0) throw UDCException(kTag, 0, "Failed to Load data", error);
     Full_m = false;
-    ReadPointer_m = 0;
-    WritePointer_m = static_cast<int>(count);
+    ReadPointer_m = seen_ = 0;
+    WritePointer_m = count;
     return WritePointer_m;
   });
 }
@@ -233,8 +245,7 @@ void InMemoryBuffer::FlushRemainingData(int fd) NO_THREAD_SAFETY_ANALYSIS {
 void InMemoryBuffer::clear() {
   std::fill_n(Buffer_m.get(), BufferSize_m, static_cast<unsigned char>(0));
   Full_m = false;
-  ReadPointer_m = 0;
-  WritePointer_m = 0;
+  ReadPointer_m = WritePointer_m = seen_ = 0;
 }
 
 void InMemoryBuffer::ReInitialize() {

@@ -18,8 +18,9 @@
 //
 // Threads: the mode says. In shared mode (2) one writer and one reader; what both touch is guarded
 // by Monitor_m, and payload bytes are copied outside it and published by the move of WritePointer_m
-// under it. In the modes 0 and 1 nothing is locked and the owner sees to it that one thread at a
-// time uses the block. Whoever also needs the monitor of the owner takes that one first.
+// under it. The reader moves ReadPointer_m without it as far as it has already seen WritePointer_m.
+// In the modes 0 and 1 nothing is locked and the owner sees to it that one thread at a time uses
+// the block. Whoever also needs the monitor of the owner takes that one first.
 //
 // Failures: UDCException type 0 of Load, Flush and FlushRemainingData, with errno; logged under the
 // tag "InMemoryBuffer :: <method>" and passed on. A record without room is no failure but a false.
@@ -105,10 +106,13 @@ class KDDC_API InMemoryBuffer {
   void markFull();
   bool waitForData(int n) REQUIRES(Monitor_m);
   bool take(bool* eof, unsigned char** data, int n) REQUIRES(Monitor_m);
+  bool takeSeen(bool* eof, unsigned char** data, int n);
   bool takePayload(bool* eof, unsigned char** data, int n);
   void skipHalfALength();
   void skipTheRest(int length) REQUIRES(Monitor_m);
   void clear() REQUIRES(Monitor_m);
 
+  // The reader's own: WritePointer_m when it last held the monitor.
+  int seen_ = 0;
   std::atomic<unsigned long long> damagedLengths_ = 0;
 };
