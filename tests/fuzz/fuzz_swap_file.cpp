@@ -53,12 +53,8 @@ class Queue : public PersistentDCRawBuffer {
   }
 };
 
-// In memory where the host allows it, and made once.
 const kddc::test::TempFolder& folder() {
-  static const kddc::test::TempFolder folder = [] {
-    if (::access("/dev/shm", W_OK) == 0) ::setenv("TMPDIR", "/dev/shm", 1);
-    return kddc::test::TempFolder();
-  }();
+  static const kddc::test::TempFolder folder(kddc::test::inMemory());
   return folder;
 }
 

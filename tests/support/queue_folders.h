@@ -108,7 +108,7 @@ class QueueFolders : public ::testing::Test {
     return static_cast<int>(std::filesystem::status(path).permissions());
   }
 
-  const TempFolder folder;
+  const TempFolder folder{inMemory()};  // millions of records, and thousands of stops, come by
   const std::string buffer = folder / "buffer", cacheRoot = folder / "cache";
 };
 
