@@ -322,6 +322,23 @@ TEST_F(InMemory, LoadsWhatOneReadBringsAndForgetsWhatItHeld) {
   EXPECT_EQ(read(block), "new");
 }
 
+// The reader need not ask again for what it has seen written, unless it is gone.
+TEST_F(InMemory, HandsOutNothingThatWasThereBeforeItWasEmptied) {
+  const std::function<void(Block&)> ways[] = {[](Block& block) { block.ReInitialize(); },
+                                              [](Block& block) { block.Flush(kScripted); },
+                                              [this](Block& block) { load(block, ""); }};
+  writeAtMost(1000);
+  for (const auto& empty : ways) {
+    Block block;
+    block.SetMode(0);
+    add(block, "abc");
+    add(block, "def");
+    EXPECT_EQ(read(block), "abc");
+    empty(block);
+    EXPECT_EQ(read(block), "eof");
+  }
+}
+
 TEST_F(InMemory, IsNotFullAfterALoad) {
   Block block(8);
   add(block, "1234567");

@@ -5,9 +5,11 @@
 #include "buffer/raw_buffer.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <numeric>
 #include <optional>
 
@@ -427,6 +429,32 @@ TEST_F(Raw, LoadsNoMoreThanABlockOfASwapFileThatGrewAndCountsTheDamage) {
   EXPECT_EQ(queue.DamagedBlocks(), 1u);
   EXPECT_THAT(log.lines(), ElementsAre("error 0 DCRawBuffer :: SwapOrLoadBuffer: Swap file [" +
                                        in("swap.1] is damaged: 4 bytes of 2097156 are lost")));
+}
+
+TEST_F(Raw, CountsADamagedSwapFileInTheOtherModesToo) {
+  std::filesystem::create_directory(buffer);
+  Queue queue(UDC_RAW_MODE2);
+  fill(queue, 0, kInBlock + 1);
+  std::ofstream(in("2049_mode2/swap.0"), std::ios::binary | std::ios::app) << "more";
+  EXPECT_EQ(numbers(queue, kInBlock), upTo(0, kInBlock));
+  EXPECT_EQ(queue.DamagedBlocks(), 1u);
+}
+
+TEST_F(Raw, LeavesNoHalfASwapFileWhenADiskFillsUp) {
+  Queue queue;
+  fill(queue, 0, 2 * kInBlock);
+  const auto before = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
+  const rlimit less{1024 * 1024, limit.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &less), 0);
+  const std::string failure = failureOf([&] { add(queue, big(2 * kInBlock)); });
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+  std::signal(SIGXFSZ, before);
+  EXPECT_EQ(failure, "0 27 Failed to Flush data");  // EFBIG
+  EXPECT_THAT(listing(buffer), IsEmpty());
+  fill(queue, 2 * kInBlock, 1);
+  EXPECT_EQ(numbers(queue, 2 * kInBlock + 1), upTo(0, 2 * kInBlock + 1));
 }
 
 TEST_F(Raw, LeavesTheFolderInPlaceWhenItGoesInTheFirstMode) {
