@@ -38,7 +38,8 @@ std::string failureOf(Call call) {
 // Works for a queue and for a block.
 template <class Target>
 auto add(Target& target, std::string_view record) {
-  std::vector<unsigned char> bytes(record.begin(), record.end());
+  const auto* begin = reinterpret_cast<const unsigned char*>(record.data());
+  std::vector<unsigned char> bytes(begin, begin + record.size());
   if constexpr (requires { target.AddEntry(bytes.data(), 0); })
     return target.AddEntry(bytes.data(), static_cast<int>(bytes.size()));
   else
