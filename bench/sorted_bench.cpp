@@ -12,10 +12,12 @@
 #include <utility>
 #include <vector>
 
+#include "agent/engine/scan_catalogue.h"
 #include "bench/bare_catalogue.h"
 #include "bench/catalogue_rows.h"
 #include "bench/ratios.h"
 #include "catalogue/db_access.h"
+#include "platform/platform_info.h"
 
 using kddc::bench::BareCatalogue;
 using kddc::bench::bareParentOf;
@@ -57,9 +59,16 @@ class BarePlain : public BareCatalogue {
   void flush() {}
 };
 
-void flush(DCSqliteDB&) {}
-void flush(DCSqliteDBSortedInsert& db) {
+void begin(DCSqliteDB&) {}
+void begin(kddc::ScanCatalogue& db) {
+  db.beginBuild();
+}
+void end(DCSqliteDB&) {}
+void end(DCSqliteDBSortedInsert& db) {
   db.FlushAllFids();
+}
+void end(kddc::ScanCatalogue& db) {
+  db.endBuild();
 }
 
 // Until every row is written and committed; making it durable at the close is no matter of inserts.
@@ -73,11 +82,12 @@ void fill(benchmark::State& state) {
     db.CreateDb();
     db.OpenHandle(false, false);
     state.ResumeTiming();
+    begin(db);
     for (std::size_t i = 0; i < fids.size(); ++i) {
       StatFidName_s entry = entryAt(i, fids[i]);
       db.Insert(&entry, parentOf(i), 7);
     }
-    flush(db);
+    end(db);
     db.Commit();
     state.PauseTiming();
     db.CloseHandle(0, true);
@@ -111,7 +121,12 @@ void Plain(benchmark::State& state) {
   fill<DCSqliteDB>(state);
 }
 void Sorted(benchmark::State& state) {
+  KDPlatformInfo::setDefault("DataClassification", "SortedInsertMapSize", "1000000");
   fill<DCSqliteDBSortedInsert>(state);
+}
+void Scan(benchmark::State& state) {
+  KDPlatformInfo::setDefault("DataClassification", "SortedInsertMapSize", "20000");
+  fill<kddc::ScanCatalogue>(state);
 }
 void BarePlainSql(benchmark::State& state) {
   fillBare<BarePlain>(state);
@@ -126,19 +141,23 @@ void sizes(benchmark::internal::Benchmark* benchmark) {
 }
 BENCHMARK(Plain)->Apply(sizes);
 BENCHMARK(Sorted)->Apply(sizes);
+BENCHMARK(Scan)->Apply(sizes);
 BENCHMARK(BarePlainSql)->Apply(sizes);
 BENCHMARK(BareSortedSql)->Apply(sizes);
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The sizes are the program's.
+  KDPlatformInfo::setDefault("DataClassification", "SqlitePageSize", "4096");
   std::vector<kddc::Ratio> ratios;
   for (const char* rows : {"/100000", "/1000000", "/5000000"})
     for (const auto& [ours, floor] :
-         {std::pair("Sorted", "Plain"), std::pair("BareSortedSql", "BarePlainSql"),
-          std::pair("Sorted", "BareSortedSql")})
+         {std::pair("Scan", "Plain"), std::pair("Sorted", "Plain"),
+          std::pair("BareSortedSql", "BarePlainSql"), std::pair("Sorted", "BareSortedSql")})
       ratios.push_back({std::string(ours) + rows, std::string(floor) + rows});
-  return kddc::runWithRatios(
-      argc, argv, ratios,
-      {{"Plain/5000000", "Plain/1000000"}, {"Sorted/5000000", "Sorted/1000000"}});
+  return kddc::runWithRatios(argc, argv, ratios,
+                             {{"Plain/5000000", "Plain/1000000"},
+                              {"Sorted/5000000", "Sorted/1000000"},
+                              {"Scan/5000000", "Scan/1000000"}});
 }
