@@ -4,29 +4,11 @@
 // What ApplyJournal itself costs: every allocation of this program is counted.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
+#include "tests/support/counted_allocations.h"
 #include "tests/support/journal_fixture.h"
 #include "tests/support/log_capture.h"
 
-namespace {
-std::atomic<int> allocations = 0;
-}  // namespace
-
-// Not inline: a compiler that sees only one of the pair takes it for a mismatch.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
+using kddc::test::allocations;
 
 namespace {
 
