@@ -110,7 +110,9 @@ class Watchman {
         {"watchman", "--foreground", "--no-save-state", socket(), "--logfile=" + folder + "/log",
          "--pidfile=" + folder + "/pid", "--statefile=" + folder + "/state"},
         folder + "/out");
-    for (int tries = 0; !std::filesystem::exists(folder + "/socket"); ++tries) {
+    // Its socket is there a moment before it listens.
+    const std::string question = "watchman --no-spawn " + socket() + " get-pid >/dev/null 2>&1";
+    for (int tries = 0; std::system(question.c_str()) != 0; ++tries) {
       if (tries == 1000) throw std::runtime_error("watchman does not start");
       usleep(10000);
     }
