@@ -17,8 +17,9 @@
 #include <utility>
 
 #include "agent/engine/quiet_folder.h"
-#include "agent/engine/stub_probe.h"
 #include "agent/errors.h"
+#include "platform/identity.h"
+#include "platform/stub_probe.h"
 
 namespace kddc {
 namespace {

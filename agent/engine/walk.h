@@ -71,15 +71,4 @@ struct WalkCounts {
 WalkCounts walkTree(UniqueFd root, const std::string& rootName, const WalkOptions& options,
                     const EntrySink& sink);
 
-// Attributes and identifier of what `fd` stands for.
-struct Identity {
-  struct stat st {};
-  fsf_fid fid{};
-  bool isMountRoot = false;
-};
-// 0, or a negative errno.
-int identityOf(int fd, Identity& identity);
-// The same of the entry `name` of a folder, in two calls: the name must not change hands meanwhile.
-int identityOf(int folder, const char* name, Identity& identity);
-
 }  // namespace kddc

@@ -1,5 +1,7 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
+#include "platform/identity.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -7,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "agent/engine/walk.h"
 #include "platform/file_handle.h"
 
 namespace kddc {

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
-#include "agent/engine/stub_probe.h"
+#include "platform/stub_probe.h"
 
 #include <fcntl.h>
 #include <sys/syscall.h>

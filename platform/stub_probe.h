@@ -1,10 +1,11 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether files met on a walk are stubs, asked cheaply.
+// Whether files that are looked at by the thousand are stubs, asked cheaply. Private.
 #pragma once
 
 #include <string>
+#include <utility>
 
 namespace kddc {
 
