@@ -1,0 +1,138 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// Follows one file system live: changes on it come out as encoded journal records.
+//
+//   kernel's queue ─► read ─► Translator ─► RecordStream ─► record sink (AddEntry)
+//   requests of other threads ───┘
+//
+// Changes are noted from the construction on, while nobody has called run() yet. All looks at the
+// disk are made by the thread in run(), and their records leave in the order of the looks: the last
+// record of a name or a file therefore says how it is, once the queue is empty.
+//
+// REQUESTS are questions whose answers come as records in the stream. They are numbered from 1 and
+// served first in first out between reads, long ones in slices; only a resolve() that has to be
+// asked again lets others pass. finished() tells how far they are served, and where in the stream
+// their answers end. A request that finds nothing to say gives no record.
+//
+// NOOP. When nothing was said for 100 ms, one NOOP follows, so that whoever applies the records
+// knows that it may commit; it follows requests that had nothing to say, too.
+//
+// DOUBT. What the records may have missed is reported: the kernel's queue overflowed, the file
+// system found an error in itself, a look failed. Only a comparison with the disk can mend it, and
+// it must start after the report: losses end there, not before.
+//
+// Threads: the constructor, run() and the destructor belong to one thread, or to one after the
+// other; all else may be called from any. The sinks are called by the thread in run(), with no lock
+// held, and may make requests. stop() may be called by a signal handler.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "driver/fanotify_group.h"
+#include "driver/live_disk.h"
+#include "driver/record_stream.h"
+#include "driver/translator.h"
+#include "platform/kd_monitor.h"
+
+namespace kddc {
+
+struct DriverOptions {
+  std::vector<std::string> roots;  // the volumes: folders on one file system, at least one
+  std::vector<fsf_fid> leaveOut;   // folders, with all below them; see translator.h and disk.h
+  std::string stubAttribute;
+  std::uint64_t firstSequence = 1;  // number of the first record
+  EventQueue queue = EventQueue::kUnlimited;
+};
+
+struct DriverSinks {
+  // Takes an encoded record. An exception of it leaves run(), see there.
+  RecordStream::Sink record;
+  // Takes one line that says what may have been missed. May come often.
+  std::function<void(const std::string&)> doubt;
+};
+
+// For people who want to know how it goes.
+struct DriverCounts {
+  std::uint64_t events = 0;
+  std::uint64_t records = 0;
+  std::uint64_t overflows = 0;
+  std::uint64_t failedLooks = 0;
+};
+
+class Driver {
+ public:
+  // All requests up to `request` are served, and their answers are records with numbers below
+  // `sequence`.
+  struct Served {
+    std::uint64_t request = 0;
+    std::uint64_t sequence = 0;
+  };
+  // Is given the number of the barrier's NOOP. Called by the thread in run().
+  using Reached = std::function<void(std::uint64_t sequence)>;
+
+  // Throws CannotWatch when the file system cannot be followed, std::system_error when a root
+  // cannot be opened.
+  Driver(DriverOptions options, DriverSinks sinks);
+  ~Driver();
+  Driver(const Driver&) = delete;
+  Driver& operator=(const Driver&) = delete;
+
+  // Works until stop(). Then takes no more events from the kernel, says what the queued ones give,
+  // and reaches the barriers that wait; other requests that wait are left unserved. May be called
+  // again when an exception of the record sink has ended it: what the batch under way had still to
+  // say was lost, so what the volumes hold is in doubt.
+  void run();
+  void stop() noexcept;
+
+  // Lists a folder with all below it: its names, each found by listing.
+  std::uint64_t list(const fsf_fid& folder);
+  // What a name stands for.
+  std::uint64_t look(const fsf_fid& folder, std::string name);
+  // How a file is.
+  std::uint64_t lookAt(const fsf_fid& fid);
+  // Whether a file without a known name is gone or has left the volumes. Looked at after everything
+  // that is queued now; while it lies inside, asked again for a while, because then an event with
+  // its name must be on the way. Answered with a link count of 0, unless such an event told more.
+  std::uint64_t resolve(const fsf_fid& fid);
+  // Says everything that happened before this call, and then a NOOP.
+  std::uint64_t barrier(Reached reached);
+  // The same, but first ends the taking of events: the last barrier before an end in good order.
+  // Requests are served after it as before.
+  std::uint64_t endCapture(Reached reached);
+
+  Served finished() const;
+  DriverCounts counts() const;
+  // The number of the next record: where the next driver of this volume begins.
+  std::uint64_t nextSequence() const { return stream_.nextSequence(); }
+  // st_dev of the file system: the devt of its records.
+  std::uint64_t device() const { return disk_.device(); }
+
+ private:
+  struct Request;
+  struct Waiting;
+
+  std::uint64_t ask(Request request);
+  void turn();
+  void wait();
+  void readSome();
+  void readQueued();
+  void serveSome();
+  bool serve(Request& request);
+  void resolveAgain();
+  void idle();
+  void drain();
+  // ...
+
+  LiveDisk disk_;
+  RecordStream stream_;
+};
+
+}  // namespace kddc

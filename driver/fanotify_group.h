@@ -1,0 +1,51 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// The kernel's queue of what changes on one file system.
+//
+// From its construction on every change raises an event, until unmark(). Events that are queued by
+// then can still be read. The group holds no descriptor on the file system, so it does not keep it
+// from being unmounted; the events then just end.
+#pragma once
+
+#include <cstddef>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include "platform/unique_fd.h"
+
+namespace kddc {
+
+// A volume that cannot be followed live. The text is one line: what, why, and what works instead.
+class CannotWatch : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+enum class EventQueue {
+  kUnlimited,
+  kLimited,  // overflows at fs.fanotify.max_queued_events; for tests
+};
+
+// Threads: one at a time. Failures: CannotWatch of the constructor, std::system_error of the rest.
+class FanotifyGroup {
+ public:
+  // Whether the file system at `path` can be followed is found out first: file handles, that fit
+  // into an identifier and open again; events that name a file system; the rights; the mark.
+  explicit FanotifyGroup(const std::string& path, EventQueue queue = EventQueue::kUnlimited);
+
+  // To be polled for POLLIN.
+  int fd() const { return fd_.get(); }
+  // Fills `buffer` with whole events and returns their length; 0 when there are none.
+  std::size_t read(std::span<unsigned char> buffer);
+  // How many events are queued now.
+  std::size_t queued() const;
+  // No events from now on.
+  void unmark();
+
+ private:
+  UniqueFd fd_;
+};
+
+}  // namespace kddc

@@ -1,0 +1,60 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// The disk as it is, reached by identifiers and never by paths.
+//
+// Attributes and identifier of a find are taken from one descriptor, so they belong together. Only
+// folders are opened for reading; all else as O_PATH, because a FIFO would block, a device act and
+// a stub bring its data back. Holds one descriptor for each root, which keeps the file system from
+// being unmounted, and between two calls of forget() one more.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "driver/disk.h"
+#include "platform/stub_probe.h"
+#include "platform/unique_fd.h"
+
+namespace kddc {
+
+struct LiveDiskOptions {
+  // The volumes: folders of one file system, open for reading (not O_PATH). At least one.
+  std::vector<UniqueFd> roots;
+  std::vector<fsf_fid> leaveOut;  // folders
+  std::string stubAttribute;
+};
+
+class LiveDisk : public Disk {
+ public:
+  // Throws std::system_error when a root cannot be looked at.
+  explicit LiveDisk(LiveDiskOptions options);
+
+  Look lookUp(const fsf_fid& folder, const std::string& name) override;
+  Look lookAt(const fsf_fid& fid) override;
+  std::unique_ptr<Listing> list(const fsf_fid& folder) override;
+  Whereabouts whereabouts(const fsf_fid& fid) override;
+  void forget() override { folder_.reset(); }
+
+  // st_dev of the file system's files.
+  dev_t device() const { return device_; }
+
+ private:
+  // A descriptor that stays this object's, or a negative errno.
+  int openFolder(const fsf_fid& folder);
+  int open(const fsf_fid& fid, int flags) const;
+  Look examine(UniqueFd fd, bool wantsFid) const;
+  Whereabouts climb(UniqueFd folder) const;
+
+  UniqueFd mount_;
+  std::vector<fsf_fid> roots_;
+  std::vector<fsf_fid> leaveOut_;
+  StubProbe stubs_;
+  dev_t device_ = 0;
+
+  // The folder opened last.
+  fsf_fid folderFid_{};
+  UniqueFd folder_;
+};
+
+}  // namespace kddc
