@@ -25,7 +25,8 @@
 //   a name that stands for none  REMOVE, or RMDIR when the event was a folder's, with the file that
 //                                the event spoke of and the links that this has left
 //   a RENAME that holds good     RENAME: the new name stands for the file, the old one does not. It
-//                                does not tell what was replaced: that the catalogue knows
+//                                does not tell what was replaced: that the catalogue knows. Only
+//                                when the batch has not yet spoken of either name
 //   any other RENAME             both names as above, the new one first
 //   the attributes of X          SETATTR with everything; of a regular file STUB after it when it
 //   is
@@ -83,6 +84,7 @@ struct TranslatorOutput {
 class Translator {
  public:
   Translator(Disk& disk, TranslatorOptions options, TranslatorOutput output);
+  ~Translator();
 
   // The events of one read. Overflows and errors of the file system are not its business.
   void translate(std::span<const Event> batch);
@@ -117,12 +119,15 @@ class Translator {
 
   void sayNames(const Event& event);
   void sayRename(const Event& event, const Name& from, const Name& to);
+  bool sayMove(const fsf_fid& file, const Name& from, const Name& to);
   void sayName(const Name& name, const fsf_fid& lost, bool wasFolder);
-  void sayPresent(const Name& name, const Look& look);
+  void sayPresent(const Name& name, const Look& look, unsigned int mask);
   void sayAbsent(const Name& name, const fsf_fid& lost, bool wasFolder);
   void sayObjects(const Event& event);
   void sayAttributes(const fsf_fid& fid);
+  void sayStub(const Look& look);
   void sayLinkCount(const fsf_fid& fid, unsigned int count, const Look& look);
+  std::size_t listMore();
   void emit(FlrJrnCommandRaw record, const Look& look);
 
   Disk& disk_;

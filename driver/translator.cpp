@@ -1,0 +1,358 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// A batch is said in two rounds: its names, each with the attributes of what it stands for right
+// behind, so that whoever coalesces records by file finds them together; then what else it spoke
+// of.
+#include "driver/translator.h"
+
+#include <sys/fanotify.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace kddc {
+namespace {
+
+constexpr std::uint64_t kNameBits = FAN_CREATE | FAN_DELETE;
+
+bool isNone(const fsf_fid& fid) {
+  return fid == fsf_fid{};
+}
+
+// A file that has lost its last name can still be looked at while someone has it open.
+bool isThere(const Look& look) {
+  return look.sight == Sight::kThere && look.st.st_nlink != 0;
+}
+
+bool isThere(const Look& look, const fsf_fid& fid) {
+  return isThere(look) && look.fid == fid;
+}
+
+unsigned int linksOf(const Look& look) {
+  if (!isThere(look)) return 0;
+  return static_cast<unsigned int>(std::min<nlink_t>(look.st.st_nlink, 0xffffffff));
+}
+
+FlrJrnCommandRaw recordOf(FlrJrnCmd cmd) {
+  FlrJrnCommandRaw record{};
+  record.cmd = cmd;
+  return record;
+}
+
+FlrJrnTime timeOf(const timespec& time) {
+  return {time.tv_sec, time.tv_nsec};
+}
+
+FlrJrnCommandRaw mkdirOf(const fsf_fid& folder, const char* name, const Look& look) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_MKDIR);
+  record.u.mkdir = {folder,
+                    look.fid,
+                    name,
+                    look.st.st_mode,
+                    look.st.st_uid,
+                    look.st.st_gid,
+                    timeOf(look.st.st_atim),
+                    timeOf(look.st.st_mtim)};
+  return record;
+}
+
+FlrJrnCommandRaw symlinkOf(const fsf_fid& folder, const char* name, const Look& look) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_SYMLINK);
+  record.u.symlink = {look.linkText.c_str(), folder,        name, look.fid,
+                      look.st.st_uid,        look.st.st_gid};
+  return record;
+}
+
+FlrJrnCommandRaw createOf(const fsf_fid& folder, const char* name, const Look& look) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_CREATE);
+  record.u.create = {folder,
+                     look.fid,
+                     name,
+                     look.st.st_mode,
+                     look.st.st_uid,
+                     look.st.st_gid,
+                     timeOf(look.st.st_atim),
+                     timeOf(look.st.st_mtim),
+                     look.st.st_rdev};
+  return record;
+}
+
+FlrJrnCommandRaw presentOf(const fsf_fid& folder, const char* name, const Look& look) {
+  if (S_ISDIR(look.st.st_mode)) return mkdirOf(folder, name, look);
+  if (S_ISLNK(look.st.st_mode)) return symlinkOf(folder, name, look);
+  return createOf(folder, name, look);
+}
+
+FlrJrnCommandRaw setAttrOf(const Look& look) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_SETATTR);
+  FlrJrnSetAttrRaw& all = record.u.setattr;
+  all.fid = look.fid;
+  all.mode_valid = all.uid_valid = all.gid_valid = 1;
+  all.atime_valid = all.mtime_valid = all.ctime_valid = 1;
+  all.size_valid = all.blocks_valid = 1;
+  all.mode = look.st.st_mode;
+  all.uid = look.st.st_uid;
+  all.gid = look.st.st_gid;
+  all.atime = timeOf(look.st.st_atim);
+  all.mtime = timeOf(look.st.st_mtim);
+  all.ctime = timeOf(look.st.st_ctim);
+  all.size = static_cast<unsigned long long>(look.st.st_size);
+  all.blocks = static_cast<unsigned long long>(look.st.st_blocks);
+  return record;
+}
+
+FlrJrnCommandRaw removeOf(const fsf_fid& folder, const char* name, const fsf_fid& file,
+                          unsigned int links) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_REMOVE);
+  record.u.remove = {folder, name, file, links};
+  return record;
+}
+
+FlrJrnCommandRaw rmdirOf(const fsf_fid& folder, const char* name, const fsf_fid& gone) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_RMDIR);
+  record.u.rmdir = {gone, folder, name};
+  return record;
+}
+
+}  // namespace
+
+// What was looked at and said in the batch under way.
+struct Translator::Said {
+  std::map<Name, Look> names;
+  std::map<fsf_fid, Look> objects;
+  std::set<Name> namesSaid;
+  std::set<fsf_fid> objectsSaid;
+  std::set<fsf_fid> attributesChanged;  // what had ATTRIB: may have been a stub until now
+};
+
+class Translator::Batch {
+ public:
+  explicit Batch(Translator& translator) : translator_(translator) {
+    translator_.said_ = std::make_unique<Said>();
+  }
+  ~Batch() {
+    translator_.said_.reset();
+    translator_.disk_.forget();
+  }
+  Batch(const Batch&) = delete;
+  Batch& operator=(const Batch&) = delete;
+
+ private:
+  Translator& translator_;
+};
+
+Translator::Translator(Disk& disk, TranslatorOptions options, TranslatorOutput output)
+    : disk_(disk), options_(std::move(options)), output_(std::move(output)) {}
+
+Translator::~Translator() = default;
+
+void Translator::translate(std::span<const Event> batch) {
+  const Batch life(*this);
+  std::vector<const Event*> events;
+  for (const Event& event : batch)
+    if (concernsUs(event)) events.push_back(&event);
+  for (const Event* event : events)
+    if ((event->mask & FAN_ATTRIB) != 0 && event->hasObject)
+      said_->attributesChanged.insert(event->object);
+  for (const Event* event : events) sayNames(*event);
+  for (const Event* event : events) sayObjects(*event);
+}
+
+bool Translator::concernsUs(const Event& event) const {
+  if (event.pid == options_.ownPid) return false;
+  if (event.hasObject && isLeftOut(event.object)) return false;
+  if (!event.hasName || !isLeftOut(event.folder)) return true;
+  return event.hasNewName && !isLeftOut(event.newFolder);
+}
+
+bool Translator::isLeftOut(const fsf_fid& folder) const {
+  return std::ranges::find(options_.leaveOut, folder) != options_.leaveOut.end();
+}
+
+// What a file lost is unknown for a request, and is then no file's identifier.
+void Translator::look(const fsf_fid& folder, const std::string& name) {
+  const Batch life(*this);
+  const Look& found = lookedUp({folder, name});
+  if (isThere(found)) said_->attributesChanged.insert(found.fid);
+  sayName({folder, name}, {}, false);
+}
+
+void Translator::lookAt(const fsf_fid& fid) {
+  const Batch life(*this);
+  said_->attributesChanged.insert(fid);
+  sayAttributes(fid);
+}
+
+bool Translator::resolve(const fsf_fid& fid) {
+  const Batch life(*this);
+  const Look& look = lookedAt(fid);
+  if (look.sight == Sight::kUnknown) return true;
+  const Whereabouts where = isThere(look) ? disk_.whereabouts(fid) : Whereabouts::kGone;
+  if (where == Whereabouts::kInside) return false;
+  if (where == Whereabouts::kUnknown)
+    output_.failedLook(EIO);
+  else
+    sayLinkCount(fid, 0, where == Whereabouts::kOutside ? look : Look());
+  return true;
+}
+
+void Translator::list(const fsf_fid& folder) {
+  toList_.push_back(folder);
+}
+
+bool Translator::listSome(std::size_t names) {
+  const Batch life(*this);
+  for (std::size_t done = 0; done < names; ++done) {
+    if (!listing_) {
+      if (toList_.empty()) return false;
+      listed_ = toList_.back();
+      toList_.pop_back();
+      listing_ = disk_.list(listed_);
+    }
+    done += listMore();
+  }
+  return listing_ != nullptr || !toList_.empty();
+}
+
+std::size_t Translator::listMore() {
+  std::vector<std::string> names;
+  const int result = listing_->read(names);
+  if (result < 0) output_.failedLook(-result);
+  if (names.empty()) listing_.reset();
+  for (const std::string& name : names) {
+    const Look& look = lookedUp({listed_, name});
+    if (!isThere(look)) continue;
+    if (S_ISDIR(look.st.st_mode)) toList_.push_back(look.fid);
+    sayPresent({listed_, name}, look, kListedInMask);
+  }
+  return names.size();
+}
+
+void Translator::noop() {
+  emit(recordOf(FLR_JRN_NOOP), Look());
+}
+
+const Look& Translator::lookedUp(const Name& name) {
+  const auto known = said_->names.find(name);
+  if (known != said_->names.end()) return known->second;
+  const Look& look = said_->names[name] = disk_.lookUp(name.first, name.second);
+  if (look.sight == Sight::kUnknown) output_.failedLook(look.error);
+  if (look.sight == Sight::kThere) said_->objects.emplace(look.fid, look);
+  return look;
+}
+
+const Look& Translator::lookedAt(const fsf_fid& fid) {
+  const auto known = said_->objects.find(fid);
+  if (known != said_->objects.end()) return known->second;
+  const Look& look = said_->objects[fid] = disk_.lookAt(fid);
+  if (look.sight == Sight::kUnknown) output_.failedLook(look.error);
+  return look;
+}
+
+void Translator::sayNames(const Event& event) {
+  const bool isFolder = (event.mask & FAN_ONDIR) != 0;
+  const Name name(event.folder, event.name);
+  if (event.hasName && event.hasNewName)
+    sayRename(event, name, {event.newFolder, event.newName});
+  else if (event.hasName && (event.mask & kNameBits) != 0)
+    sayName(name, event.object, isFolder);
+}
+
+void Translator::sayRename(const Event& event, const Name& from, const Name& to) {
+  const bool isFolder = (event.mask & FAN_ONDIR) != 0;
+  const bool leaves = isLeftOut(to.first), comes = isLeftOut(from.first);
+  if (!leaves && !comes && sayMove(event.object, from, to)) return;
+  if (!leaves) sayName(to, event.object, isFolder);
+  if (!comes) sayName(from, event.object, isFolder);
+}
+
+// False, and nothing said, unless the new name stands for the file and the old one does not. A name
+// that the batch has spoken of needs no more; and when the old one was said to be gone, the file
+// may be one that nobody has heard of yet: then the new name is better said with all that is known
+// of it.
+bool Translator::sayMove(const fsf_fid& file, const Name& from, const Name& to) {
+  if (said_->namesSaid.contains(to) || said_->namesSaid.contains(from)) return false;
+  const Look &after = lookedUp(to), &before = lookedUp(from);
+  if (!isThere(after, file) || isThere(before, file) || before.sight == Sight::kUnknown)
+    return false;
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_RENAME);
+  record.u.rename = {file, from.first, from.second.c_str(), 0, {}, to.first, to.second.c_str()};
+  emit(record, after);
+  said_->namesSaid.insert({from, to});
+  sayAttributes(file);
+  if (isThere(before)) sayPresent(from, before, 0);
+  return true;
+}
+
+void Translator::sayName(const Name& name, const fsf_fid& lost, bool wasFolder) {
+  if (!said_->namesSaid.insert(name).second) return;
+  const Look& look = lookedUp(name);
+  if (look.sight == Sight::kUnknown) return;
+  if (isThere(look))
+    sayPresent(name, look, 0);
+  else
+    sayAbsent(name, lost, wasFolder);
+}
+
+void Translator::sayPresent(const Name& name, const Look& look, unsigned int mask) {
+  FlrJrnCommandRaw record = presentOf(name.first, name.second.c_str(), look);
+  record.mask = mask;
+  emit(record, look);
+  sayAttributes(look.fid);
+}
+
+// Which file went is said only when its links are known: without them it would be taken for gone.
+void Translator::sayAbsent(const Name& name, const fsf_fid& lost, bool wasFolder) {
+  const Look nothing;
+  const Look& look = isNone(lost) ? nothing : lookedAt(lost);
+  const fsf_fid file = look.sight == Sight::kUnknown ? fsf_fid{} : lost;
+  if (wasFolder && !isNone(file))
+    emit(rmdirOf(name.first, name.second.c_str(), file), look);
+  else
+    emit(removeOf(name.first, name.second.c_str(), file, linksOf(look)), look);
+  if (!isThere(look)) said_->objectsSaid.insert(file);
+}
+
+void Translator::sayObjects(const Event& event) {
+  if (event.hasObject) sayAttributes(event.object);
+  if (event.hasName && (event.mask & (kNameBits | FAN_RENAME)) != 0 && !isLeftOut(event.folder))
+    sayAttributes(event.folder);
+  if (event.hasNewName && !isLeftOut(event.newFolder)) sayAttributes(event.newFolder);
+}
+
+void Translator::sayAttributes(const fsf_fid& fid) {
+  if (!said_->objectsSaid.insert(fid).second) return;
+  const Look& look = lookedAt(fid);
+  if (look.sight == Sight::kUnknown) return;
+  if (!isThere(look)) return sayLinkCount(fid, 0, look);
+  emit(setAttrOf(look), look);
+  sayStub(look);
+  if (linksOf(look) >= kMaxLinksInMask) sayLinkCount(fid, linksOf(look), look);
+}
+
+void Translator::sayStub(const Look& look) {
+  if (!S_ISREG(look.st.st_mode)) return;
+  FlrJrnCommandRaw record = recordOf(look.isStub ? FLR_JRN_STUB : FLR_JRN_UNSTUB);
+  if (look.isStub)
+    record.u.stub = {look.fid, ""};
+  else if (said_->attributesChanged.contains(look.fid))
+    record.u.unstub = {look.fid};
+  else
+    return;
+  emit(record, look);
+}
+
+void Translator::sayLinkCount(const fsf_fid& fid, unsigned int count, const Look& look) {
+  emit(removeOf({}, "", fid, count), look);
+}
+
+void Translator::emit(FlrJrnCommandRaw record, const Look& look) {
+  record.mask |= std::min(linksOf(look), kMaxLinksInMask);
+  record.timestamp = look.sight == Sight::kThere
+                         ? static_cast<std::uint32_t>(look.st.st_ctim.tv_sec)
+                         : options_.now();
+  output_.record(record);
+}
+
+}  // namespace kddc
