@@ -28,11 +28,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <list>
-#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -81,7 +82,6 @@ class Driver {
   // Throws CannotWatch when the file system cannot be followed, std::system_error when a root
   // cannot be opened.
   Driver(DriverOptions options, DriverSinks sinks);
-  ~Driver();
   Driver(const Driver&) = delete;
   Driver& operator=(const Driver&) = delete;
 
@@ -116,23 +116,74 @@ class Driver {
   std::uint64_t device() const { return disk_.device(); }
 
  private:
-  struct Request;
-  struct Waiting;
+  using Clock = std::chrono::steady_clock;
+  enum class Kind { kList, kLook, kLookAt, kResolve, kBarrier, kEndCapture };
+  struct Request {
+    Kind kind = Kind::kList;
+    fsf_fid fid{};
+    std::string name;
+    Reached reached;
+    std::uint64_t number = 0;
+  };
+  // A resolve() that is to be asked again.
+  struct Unresolved {
+    fsf_fid fid{};
+    std::uint64_t number = 0;
+    int timesLeft = 0;
+  };
 
   std::uint64_t ask(Request request);
+  bool hasRequests() const;
+  bool takeRequest();
+  void wake() noexcept;
+
+  // What one turn does.
   void turn();
   void wait();
-  void readSome();
+  int patience() const;
+  bool pollFor(int milliseconds, bool events);
+  std::size_t readBatch();
   void readQueued();
+  void readAll();
+  void examine(const std::vector<Event>& events);
   void serveSome();
   bool serve(Request& request);
+  bool listSome(const fsf_fid& folder);
   void resolveAgain();
-  void idle();
+  void publish();
+  void sayIdle();
+  std::uint64_t noop();
+  void endTaking();
   void drain();
-  // ...
+  void write(const FlrJrnCommandRaw& record);
+  void failedLook(int error);
 
+  DriverSinks sinks_;
+  FanotifyGroup group_;
   LiveDisk disk_;
   RecordStream stream_;
+  Translator translator_;
+  UniqueFd wake_;  // an eventfd
+  std::atomic<bool> stop_ = false;
+  std::atomic<std::uint64_t> events_ = 0, records_ = 0, overflows_ = 0, failedLooks_ = 0;
+
+  mutable KdMonitor monitor_;
+  std::deque<Request> requests_ GUARDED_BY(monitor_);
+  std::uint64_t lastNumber_ GUARDED_BY(monitor_) = 0;
+  Served finished_ GUARDED_BY(monitor_);
+
+  // Of the thread in run().
+  std::vector<unsigned char> buffer_;
+  std::vector<Event> batch_;
+  bool lastReadWasFull_ = false;
+  bool takesEvents_ = true;
+  std::optional<Request> current_;  // being served
+  bool isListing_ = false;
+  std::uint64_t served_ = 0;  // the last request that was served, or is unresolved
+  std::deque<Unresolved> unresolved_;
+  Clock::time_point lastTry_;
+  bool saidSomething_ = false;  // since the last NOOP
+  Clock::time_point lastSaid_;
 };
 
 }  // namespace kddc

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "driver/disk.h"
-#include "platform/stub_probe.h"
+#include "platform/identity.h"
 #include "platform/unique_fd.h"
 
 namespace kddc {
@@ -27,7 +27,8 @@ struct LiveDiskOptions {
 
 class LiveDisk : public Disk {
  public:
-  // Throws std::system_error when a root cannot be looked at.
+  // Throws std::system_error when a root cannot be looked at, std::invalid_argument when they lie
+  // on several file systems.
   explicit LiveDisk(LiveDiskOptions options);
 
   Look lookUp(const fsf_fid& folder, const std::string& name) override;
@@ -40,16 +41,19 @@ class LiveDisk : public Disk {
   dev_t device() const { return device_; }
 
  private:
-  // A descriptor that stays this object's, or a negative errno.
+  // The descriptor stays this object's; or a negative errno.
   int openFolder(const fsf_fid& folder);
-  int open(const fsf_fid& fid, int flags) const;
-  Look examine(UniqueFd fd, bool wantsFid) const;
+  // None, and errno, on failure.
+  UniqueFd open(const fsf_fid& fid, int flags) const;
+  Look examine(int fd) const;
+  bool isLeftOut(const Identity& identity) const;
+  UniqueFd folderOf(int file) const;
   Whereabouts climb(UniqueFd folder) const;
 
-  UniqueFd mount_;
+  std::vector<UniqueFd> mounts_;  // the roots, open
   std::vector<fsf_fid> roots_;
   std::vector<fsf_fid> leaveOut_;
-  StubProbe stubs_;
+  std::string stubAttribute_;
   dev_t device_ = 0;
 
   // The folder opened last.

@@ -184,16 +184,16 @@ void Translator::lookAt(const fsf_fid& fid) {
   sayAttributes(fid);
 }
 
-bool Translator::resolve(const fsf_fid& fid) {
+bool Translator::resolve(const fsf_fid& fid, bool lastTime) {
   const Batch life(*this);
   const Look& look = lookedAt(fid);
   if (look.sight == Sight::kUnknown) return true;
   const Whereabouts where = isThere(look) ? disk_.whereabouts(fid) : Whereabouts::kGone;
-  if (where == Whereabouts::kInside) return false;
+  if (where == Whereabouts::kInside && !lastTime) return false;
   if (where == Whereabouts::kUnknown)
     output_.failedLook(EIO);
   else
-    sayLinkCount(fid, 0, where == Whereabouts::kOutside ? look : Look());
+    sayLinkCount(fid, 0, where == Whereabouts::kGone ? Look() : look);
   return true;
 }
 

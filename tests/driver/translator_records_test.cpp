@@ -291,6 +291,11 @@ TEST_F(TranslatorRequest, ResolveOfAFileThatLiesInsideWaitsForItsEvent) {
   EXPECT_THAT(taken(), IsEmpty());
 }
 
+TEST_F(TranslatorRequest, ResolveIsAnsweredTheLastTimeAllTheSame) {
+  EXPECT_TRUE(make().resolve(volume.create("a"), true));
+  EXPECT_THAT(taken(), ElementsAre("LINKS A 0 x1"));
+}
+
 TEST_F(TranslatorRequest, ResolveThatFailsIsReported) {
   const fsf_fid a = volume.create("a");
   disk.unknownFiles = {a};

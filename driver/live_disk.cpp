@@ -1,0 +1,204 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+#include "driver/live_disk.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "platform/file_handle.h"
+#include "platform/stub_attribute.h"
+#include "records/fsf_fid.h"
+
+namespace kddc {
+namespace {
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kEntryFlags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+constexpr std::size_t kListBytes = 8192;  // some hundred names: a slice of a long listing
+
+// What is gone, or is not any more what it was, answers. EINVAL is for bytes that are no
+// identifier: no file ever had it.
+bool meansGone(int error) {
+  return error == ESTALE || error == ENOENT || error == ENOTDIR || error == ELOOP ||
+         error == EINVAL;
+}
+
+Look failed(int error) {
+  Look look;
+  look.sight = meansGone(error) ? Sight::kAbsent : Sight::kUnknown;
+  look.error = look.sight == Sight::kUnknown ? error : 0;
+  return look;
+}
+
+Identity identityOrThrow(int fd) {
+  Identity identity;
+  if (const int result = identityOf(fd, identity); result < 0)
+    throw std::system_error(-result, std::generic_category(), "cannot look at a volume's root");
+  return identity;
+}
+
+// 0, or a negative errno.
+int readLink(int fd, std::string& text) {
+  std::array<char, PATH_MAX> buffer;
+  const ssize_t length = readlinkat(fd, "", buffer.data(), buffer.size());
+  if (length < 0) return -errno;
+  text.assign(buffer.data(), static_cast<std::size_t>(length));
+  return 0;
+}
+
+bool contains(const std::vector<fsf_fid>& fids, const fsf_fid& fid) {
+  return std::ranges::find(fids, fid) != fids.end();
+}
+
+bool isDots(const char* name) {
+  return name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0));
+}
+
+class OpenListing : public Listing {
+ public:
+  // `error` is that of a folder that could not be opened.
+  OpenListing(UniqueFd folder, int error) : folder_(std::move(folder)), error_(error) {}
+
+  int read(std::vector<std::string>& names) override {
+    names.clear();
+    if (!folder_) return meansGone(error_) ? 0 : -error_;
+    // A block of names may hold nothing but "." and "..".
+    while (names.empty()) {
+      const ssize_t length = getdents64(folder_.get(), buffer_.data(), buffer_.size());
+      if (length == 0 || (length < 0 && meansGone(errno))) break;
+      if (length < 0) return -errno;
+      for (ssize_t at = 0; at < length;) {
+        const auto* entry = reinterpret_cast<const dirent64*>(buffer_.data() + at);
+        at += entry->d_reclen;
+        if (!isDots(entry->d_name)) names.emplace_back(entry->d_name);
+      }
+    }
+    return static_cast<int>(names.size());
+  }
+
+ private:
+  UniqueFd folder_;
+  int error_;
+  alignas(dirent64) std::array<char, kListBytes> buffer_;
+};
+
+}  // namespace
+
+LiveDisk::LiveDisk(LiveDiskOptions options)
+    : leaveOut_(std::move(options.leaveOut)), stubAttribute_(std::move(options.stubAttribute)) {
+  for (const UniqueFd& root : options.roots) {
+    const Identity identity = identityOrThrow(root.get());
+    if (!roots_.empty() && identity.st.st_dev != device_)
+      throw std::invalid_argument("the volumes lie on several file systems");
+    roots_.push_back(identity.fid);
+    device_ = identity.st.st_dev;
+  }
+  mounts_ = std::move(options.roots);
+}
+
+Look LiveDisk::lookUp(const fsf_fid& folder, const std::string& name) {
+  const int parent = openFolder(folder);
+  if (parent < 0) return failed(-parent);
+  const UniqueFd fd(openat(parent, name.c_str(), kEntryFlags));
+  return fd ? examine(fd.get()) : failed(errno);
+}
+
+Look LiveDisk::lookAt(const fsf_fid& fid) {
+  const UniqueFd fd = open(fid, kEntryFlags);
+  return fd ? examine(fd.get()) : failed(errno);
+}
+
+std::unique_ptr<Listing> LiveDisk::list(const fsf_fid& folder) {
+  UniqueFd fd = open(folder, kFolderFlags);
+  const int error = fd ? 0 : errno;
+  return std::make_unique<OpenListing>(std::move(fd), error);
+}
+
+int LiveDisk::openFolder(const fsf_fid& folder) {
+  if (!folder_ || !(folderFid_ == folder)) {
+    folder_ = open(folder, kFolderFlags);
+    if (!folder_) return -errno;
+    folderFid_ = folder;
+  }
+  return folder_.get();
+}
+
+UniqueFd LiveDisk::open(const fsf_fid& fid, int flags) const {
+  const int fd = openByFid(mounts_.front().get(), fid, flags);
+  if (fd < 0) errno = -fd;
+  return UniqueFd(fd);
+}
+
+Look LiveDisk::examine(int fd) const {
+  Identity identity;
+  if (const int result = identityOf(fd, identity); result < 0) return failed(-result);
+  if (isLeftOut(identity)) return {};
+  Look look;
+  look.sight = Sight::kThere;
+  look.fid = identity.fid;
+  look.st = identity.st;
+  if (S_ISLNK(look.st.st_mode)) {
+    if (const int result = readLink(fd, look.linkText); result < 0) return failed(-result);
+  }
+  const int isStub = carriesStubAttribute(fd, stubAttribute_);
+  if (isStub < 0) return failed(-isStub);
+  look.isStub = isStub == 1;
+  return look;
+}
+
+// A volume's own root may be the root of its mount.
+bool LiveDisk::isLeftOut(const Identity& identity) const {
+  if (identity.st.st_dev != device_ || contains(leaveOut_, identity.fid)) return true;
+  return identity.isMountRoot && !contains(roots_, identity.fid);
+}
+
+Whereabouts LiveDisk::whereabouts(const fsf_fid& fid) {
+  UniqueFd file = open(fid, kEntryFlags);
+  if (!file) return meansGone(errno) ? Whereabouts::kGone : Whereabouts::kUnknown;
+  struct stat st {};
+  if (fstat(file.get(), &st) != 0) return Whereabouts::kUnknown;
+  if (S_ISDIR(st.st_mode)) return climb(std::move(file));
+  UniqueFd folder = folderOf(file.get());
+  return folder ? climb(std::move(folder)) : Whereabouts::kOutside;
+}
+
+// The kernel knows the folder of a file only by the name that it was last reached by. It knows none
+// when no name was used of late, and says "/"; then none is being made, either.
+UniqueFd LiveDisk::folderOf(int file) const {
+  std::array<char, PATH_MAX> path;
+  const std::string link = "/proc/self/fd/" + std::to_string(file);
+  const ssize_t length = readlink(link.c_str(), path.data(), path.size());
+  const std::string_view text(path.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
+  const std::size_t slash = text.rfind('/');
+  if (slash == std::string_view::npos || text == "/") return {};
+  return UniqueFd(
+      ::open(std::string(text.substr(0, slash + 1)).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+// Upwards by "..": a path would end at 4096 bytes, and may speak of another mount.
+Whereabouts LiveDisk::climb(UniqueFd folder) const {
+  fsf_fid below{};
+  for (;;) {
+    Identity identity;
+    if (identityOf(folder.get(), identity) < 0) return Whereabouts::kUnknown;
+    if (identity.st.st_dev != device_ || identity.fid == below) return Whereabouts::kOutside;
+    if (contains(leaveOut_, identity.fid)) return Whereabouts::kOutside;
+    if (contains(roots_, identity.fid)) return Whereabouts::kInside;
+    below = identity.fid;
+    UniqueFd parent(openat(folder.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!parent) return meansGone(errno) ? Whereabouts::kOutside : Whereabouts::kUnknown;
+    folder = std::move(parent);
+  }
+}
+
+}  // namespace kddc
