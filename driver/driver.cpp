@@ -121,11 +121,11 @@ DriverCounts Driver::counts() const {
 
 void Driver::turn() {
   wait();
-  const std::uint64_t before = stream_.nextSequence();
+  const std::uint64_t before = stream_.nextSequence(), served = served_;
   readBatch();
   serveSome();
   resolveAgain();
-  if (stream_.nextSequence() != before) lastSaid_ = Clock::now();
+  if (stream_.nextSequence() != before || served_ != served) lastSaid_ = Clock::now();
   sayIdle();
 }
 
@@ -212,6 +212,7 @@ bool Driver::takeRequest() {
 void Driver::serveSome() {
   for (int i = 0; i < kRequestsAtOnce && takeRequest(); ++i) {
     if (!serve(*current_)) return;
+    if (!current_->reached) saidSomething_ = true;  // a barrier has its NOOP
     served_ = current_->number;
     current_.reset();
     publish();
@@ -257,18 +258,16 @@ void Driver::resolveAgain() {
   if (unresolved_.empty() || now - lastTry_ < std::chrono::milliseconds(kNapMilliseconds)) return;
   lastTry_ = now;
   for (Unresolved& file : unresolved_) --file.timesLeft;
-  std::erase_if(unresolved_, [&](const Unresolved& file) {
+  const auto resolved = std::erase_if(unresolved_, [&](const Unresolved& file) {
     return translator_.resolve(file.fid, file.timesLeft <= 0);
   });
-  publish();
+  if (resolved > 0) publish();
 }
 
 void Driver::publish() {
   const std::uint64_t number = unresolved_.empty() ? served_ : unresolved_.front().number - 1;
   const KdMonitor::Guard guard(monitor_);
-  if (number == finished_.request) return;
-  finished_ = {number, stream_.nextSequence()};
-  saidSomething_ = true;
+  if (number != finished_.request) finished_ = {number, stream_.nextSequence()};
 }
 
 void Driver::sayIdle() {
@@ -283,8 +282,8 @@ std::uint64_t Driver::noop() {
 }
 
 void Driver::endTaking() {
-  if (!std::exchange(takesEvents_, false)) return;
-  group_.unmark();
+  if (takesEvents_) group_.unmark();
+  takesEvents_ = false;
   readAll();
 }
 

@@ -124,9 +124,11 @@ FanotifyGroup::FanotifyGroup(const std::string& path, EventQueue queue) {
   const unsigned int limit = queue == EventQueue::kUnlimited ? FAN_UNLIMITED_QUEUE : 0;
   fd_.reset(fanotify_init(kReport | limit, O_RDONLY | O_CLOEXEC));
   if (!fd_) refuse(path, whyNoGroup(errno));
-  if (fanotify_mark(fd_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kChanges, root.get(), nullptr) !=
+  if (fanotify_mark(fd_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kChanges, root.get(), nullptr) ==
       0)
-    refuse(path, whyNoMark(errno, fsTypeAt(root.get())));
+    return;
+  const int error = errno;
+  refuse(path, whyNoMark(error, fsTypeAt(root.get())));
 }
 
 std::size_t FanotifyGroup::read(std::span<unsigned char> buffer) {

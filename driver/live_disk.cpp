@@ -110,12 +110,12 @@ Look LiveDisk::lookUp(const fsf_fid& folder, const std::string& name) {
   const int parent = openFolder(folder);
   if (parent < 0) return failed(-parent);
   const UniqueFd fd(openat(parent, name.c_str(), kEntryFlags));
-  return fd ? examine(fd.get()) : failed(errno);
+  return fd ? examine(fd.get(), true) : failed(errno);
 }
 
 Look LiveDisk::lookAt(const fsf_fid& fid) {
   const UniqueFd fd = open(fid, kEntryFlags);
-  return fd ? examine(fd.get()) : failed(errno);
+  return fd ? examine(fd.get(), false) : failed(errno);
 }
 
 std::unique_ptr<Listing> LiveDisk::list(const fsf_fid& folder) {
@@ -139,10 +139,12 @@ UniqueFd LiveDisk::open(const fsf_fid& fid, int flags) const {
   return UniqueFd(fd);
 }
 
-Look LiveDisk::examine(int fd) const {
+// By a name one may come to another mount, by an identifier never: what is the root of its mount is
+// then a volume.
+Look LiveDisk::examine(int fd, bool byName) const {
   Identity identity;
   if (const int result = identityOf(fd, identity); result < 0) return failed(-result);
-  if (isLeftOut(identity)) return {};
+  if (isLeftOut(identity) || (byName && identity.isMountRoot)) return {};
   Look look;
   look.sight = Sight::kThere;
   look.fid = identity.fid;
@@ -156,10 +158,8 @@ Look LiveDisk::examine(int fd) const {
   return look;
 }
 
-// A volume's own root may be the root of its mount.
 bool LiveDisk::isLeftOut(const Identity& identity) const {
-  if (identity.st.st_dev != device_ || contains(leaveOut_, identity.fid)) return true;
-  return identity.isMountRoot && !contains(roots_, identity.fid);
+  return identity.st.st_dev != device_ || contains(leaveOut_, identity.fid);
 }
 
 Whereabouts LiveDisk::whereabouts(const fsf_fid& fid) {

@@ -45,7 +45,7 @@ class LiveDisk : public Disk {
   int openFolder(const fsf_fid& folder);
   // None, and errno, on failure.
   UniqueFd open(const fsf_fid& fid, int flags) const;
-  Look examine(int fd) const;
+  Look examine(int fd, bool byName) const;
   bool isLeftOut(const Identity& identity) const;
   UniqueFd folderOf(int file) const;
   Whereabouts climb(UniqueFd folder) const;

@@ -1,0 +1,319 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+#include "driver/live_disk.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/file_handle.h"
+#include "records/fsf_fid.h"
+#include "tests/support/loop_mount.h"
+
+namespace kddc::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+fsf_fid fidAt(const std::string& path) {
+  fsf_fid fid{};
+  EXPECT_EQ(identify(AT_FDCWD, path.c_str(), fid), 0) << path;
+  return fid;
+}
+
+std::size_t openDescriptors() {
+  return static_cast<std::size_t>(
+      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+struct LiveDiskTest : testing::TestWithParam<const char*> {
+  std::unique_ptr<LoopMount> mount;
+
+  void SetUp() override {
+    if (const std::string why = LoopMount::whyNot(type()); !why.empty()) GTEST_SKIP() << why;
+    mount = std::make_unique<LoopMount>(type());
+  }
+  std::string type() const { return GetParam(); }
+  std::string path(const std::string& name) const { return *mount / name; }
+  std::string write(const std::string& name, const std::string& text = "") const {
+    std::ofstream(path(name), std::ios::binary) << text;
+    return path(name);
+  }
+  std::string folder(const std::string& name) const {
+    fs::create_directories(path(name));
+    return path(name);
+  }
+
+  // The disk of a volume: the whole file system, or a folder on it.
+  LiveDisk disk(const std::string& root = "", std::vector<fsf_fid> leaveOut = {}) const {
+    LiveDiskOptions options;
+    const std::string at = root.empty() ? mount->path() : path(root);
+    options.roots.emplace_back(open(at.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    options.leaveOut = std::move(leaveOut);
+    options.stubAttribute = "trusted.stub";
+    return LiveDisk(std::move(options));
+  }
+  fsf_fid root() const { return fidAt(mount->path()); }
+};
+// What does not depend on the file system.
+using LiveDiskAnywhere = LiveDiskTest;
+
+std::string typeOf(const testing::TestParamInfo<const char*>& info) {
+  return info.param;
+}
+INSTANTIATE_TEST_SUITE_P(On, LiveDiskTest, testing::Values("ext4", "xfs", "btrfs", "tmpfs"),
+                         typeOf);
+INSTANTIATE_TEST_SUITE_P(On, LiveDiskAnywhere, testing::Values("tmpfs"), typeOf);
+
+TEST_P(LiveDiskTest, FindsANameWithAllThatIsKnownOfItsFile) {
+  ASSERT_EQ(chmod(write("a", "12345").c_str(), 0640), 0);
+  const Look look = disk().lookUp(root(), "a");
+  struct stat st {};
+  ASSERT_EQ(stat(path("a").c_str(), &st), 0);
+  ASSERT_EQ(look.sight, Sight::kThere);
+  EXPECT_EQ(look.fid, fidAt(path("a")));
+  EXPECT_EQ(look.st.st_mode, 0100640u);
+  EXPECT_EQ(look.st.st_size, 5);
+  EXPECT_EQ(look.st.st_ino, st.st_ino);
+  EXPECT_EQ(look.st.st_nlink, 1u);
+  EXPECT_EQ(look.st.st_ctim.tv_sec, st.st_ctim.tv_sec);
+  EXPECT_EQ(look.st.st_ctim.tv_nsec, st.st_ctim.tv_nsec);
+  EXPECT_FALSE(look.isStub);
+}
+
+TEST_P(LiveDiskTest, LooksAtAFileByItsIdentifierWhereverItIs) {
+  const fsf_fid fid = fidAt(write("a", "12345"));
+  LiveDisk disk = this->disk();
+  folder("d");
+  fs::rename(path("a"), path("d/b"));
+  const Look look = disk.lookAt(fid);
+  ASSERT_EQ(look.sight, Sight::kThere);
+  EXPECT_EQ(look.fid, fid);
+  EXPECT_EQ(look.st.st_size, 5);
+}
+
+TEST_P(LiveDiskTest, AFileThatIsGoneIsAbsent) {
+  const fsf_fid fid = fidAt(write("a"));
+  const fsf_fid folderFid = fidAt(folder("d"));
+  LiveDisk disk = this->disk();
+  fs::remove(path("a"));
+  fs::remove(path("d"));
+  EXPECT_EQ(disk.lookAt(fid).sight, Sight::kAbsent);
+  EXPECT_EQ(disk.lookAt(folderFid).sight, Sight::kAbsent);
+  EXPECT_EQ(disk.lookUp(root(), "a").sight, Sight::kAbsent);
+  EXPECT_EQ(disk.lookUp(folderFid, "x").sight, Sight::kAbsent);
+  EXPECT_EQ(disk.whereabouts(fid), Whereabouts::kGone);
+}
+
+TEST_P(LiveDiskTest, AFileThatIsOpenWithoutANameIsAbsentOrHasNoLinks) {
+  const fsf_fid fid = fidAt(write("a"));
+  const UniqueFd held(open(path("a").c_str(), O_RDONLY));
+  fs::remove(path("a"));
+  const Look look = disk().lookAt(fid);
+  EXPECT_TRUE(look.sight == Sight::kAbsent || look.st.st_nlink == 0);
+}
+
+TEST_P(LiveDiskTest, AFolderThatIsOpenWithoutANameIsAbsentOrHasNoLinks) {
+  const fsf_fid fid = fidAt(folder("d"));
+  const UniqueFd held(open(path("d").c_str(), O_RDONLY));
+  fs::remove(path("d"));
+  const Look look = disk().lookAt(fid);
+  EXPECT_TRUE(look.sight == Sight::kAbsent || look.st.st_nlink == 0);
+}
+
+TEST_P(LiveDiskTest, ReadsTheTextOfASymbolicLinkAndNeverFollowsIt) {
+  const std::string text(4000, 't');
+  LiveDisk disk = this->disk();
+  fs::create_symlink("a", path("s"));
+  write("a");
+  const Look look = disk.lookUp(root(), "s");
+  EXPECT_EQ(look.linkText, "a");
+  EXPECT_TRUE(S_ISLNK(look.st.st_mode));
+  EXPECT_EQ(disk.lookAt(look.fid).linkText, "a");
+  if (type() != "xfs" && symlink(text.c_str(), path("long").c_str()) == 0) {
+    EXPECT_EQ(disk.lookUp(root(), "long").linkText, text);
+  }
+}
+
+TEST_P(LiveDiskTest, KnowsAStub) {
+  if (setxattr(write("a").c_str(), "trusted.stub", "", 0, 0) != 0)
+    GTEST_SKIP() << "no trusted attributes on " << type();
+  LiveDisk disk = this->disk();
+  EXPECT_TRUE(disk.lookUp(root(), "a").isStub);
+  EXPECT_TRUE(disk.lookAt(fidAt(path("a"))).isStub);
+}
+
+TEST_P(LiveDiskTest, TellsInsideFromOutside) {
+  folder("volume/own");
+  folder("outside");
+  LiveDisk disk = this->disk("volume", {fidAt(path("volume/own"))});
+  EXPECT_EQ(disk.whereabouts(fidAt(path("volume"))), Whereabouts::kInside);
+  EXPECT_EQ(disk.whereabouts(fidAt(folder("volume/d/e"))), Whereabouts::kInside);
+  EXPECT_EQ(disk.whereabouts(fidAt(write("volume/d/f"))), Whereabouts::kInside);
+  EXPECT_EQ(disk.whereabouts(fidAt(write("volume/f"))), Whereabouts::kInside);
+  EXPECT_EQ(disk.whereabouts(root()), Whereabouts::kOutside);
+  EXPECT_EQ(disk.whereabouts(fidAt(path("outside"))), Whereabouts::kOutside);
+  EXPECT_EQ(disk.whereabouts(fidAt(write("outside/f"))), Whereabouts::kOutside);
+  EXPECT_EQ(disk.whereabouts(fidAt(write("f"))), Whereabouts::kOutside);
+  EXPECT_EQ(disk.whereabouts(fidAt(write("volume/own/f"))), Whereabouts::kOutside);
+  EXPECT_EQ(disk.whereabouts(fidAt(folder("volume/own/d"))), Whereabouts::kOutside);
+}
+
+TEST_P(LiveDiskTest, ListsEveryNameOnce) {
+  folder("d");
+  std::set<std::string> expected;
+  for (int i = 0; i < 3000; ++i) {
+    write("d/file number " + std::to_string(i));
+    expected.insert("file number " + std::to_string(i));
+  }
+  LiveDisk disk = this->disk();
+  const auto listing = disk.list(fidAt(path("d")));
+  std::vector<std::string> all, some;
+  int reads = 0;
+  while (listing->read(some) > 0) {
+    EXPECT_LE(some.size(), 1000u);
+    all.insert(all.end(), some.begin(), some.end());
+    ++reads;
+  }
+  EXPECT_GT(reads, 3);
+  EXPECT_EQ(all.size(), expected.size());
+  EXPECT_EQ(std::set<std::string>(all.begin(), all.end()), expected);
+}
+
+TEST_P(LiveDiskAnywhere, ListingWhatIsGoneOrIsNoFolderGivesNoNames) {
+  const fsf_fid gone = fidAt(folder("d")), file = fidAt(write("f"));
+  fs::create_symlink("/", path("s"));
+  LiveDisk disk = this->disk();
+  fs::remove(path("d"));
+  std::vector<std::string> names = {"left over"};
+  for (const fsf_fid& fid : {gone, file, fidAt(path("s")), fsf_fid{}}) {
+    EXPECT_EQ(disk.list(fid)->read(names), 0);
+    EXPECT_THAT(names, testing::IsEmpty());
+  }
+}
+
+TEST_P(LiveDiskAnywhere, AFileIsNoFolderToLookIn) {
+  EXPECT_EQ(disk().lookUp(fidAt(write("f")), "x").sight, Sight::kAbsent);
+}
+
+TEST_P(LiveDiskAnywhere, BytesThatAreNoIdentifierStandForNoFile) {
+  LiveDisk disk = this->disk();
+  fsf_fid hostile{};
+  for (unsigned char& byte : hostile.data) byte = 0xff;
+  for (const fsf_fid& fid : {fsf_fid{}, hostile}) {
+    EXPECT_EQ(disk.lookAt(fid).sight, Sight::kAbsent);
+    EXPECT_EQ(disk.lookUp(fid, "x").sight, Sight::kAbsent);
+    EXPECT_EQ(disk.whereabouts(fid), Whereabouts::kGone);
+  }
+}
+
+TEST_P(LiveDiskAnywhere, AFifoIsLookedAtWithoutWaitingForItsOtherEnd) {
+  ASSERT_EQ(mkfifo(path("p").c_str(), 0600), 0);
+  LiveDisk disk = this->disk();
+  alarm(20);
+  EXPECT_TRUE(S_ISFIFO(disk.lookUp(root(), "p").st.st_mode));
+  EXPECT_TRUE(S_ISFIFO(disk.lookAt(fidAt(path("p"))).st.st_mode));
+  alarm(0);
+}
+
+TEST_P(LiveDiskAnywhere, NamesOfAnyByteAreFound) {
+  std::string name;
+  for (int byte = 1; byte < 256; ++byte) name += static_cast<char>(byte == '/' ? 'x' : byte);
+  write(name);
+  EXPECT_EQ(disk().lookUp(root(), name).sight, Sight::kThere);
+}
+
+TEST_P(LiveDiskAnywhere, WhatIsMountedBelowIsAbsent) {
+  folder("d");
+  folder("bound");
+  LiveDisk disk = this->disk();
+  ASSERT_EQ(::mount("none", path("d").c_str(), "tmpfs", 0, ""), 0);
+  ASSERT_EQ(::mount(mount->path().c_str(), path("bound").c_str(), nullptr, MS_BIND, nullptr), 0);
+  EXPECT_EQ(disk.lookUp(root(), "d").sight, Sight::kAbsent);
+  EXPECT_EQ(disk.lookUp(root(), "bound").sight, Sight::kAbsent);
+  umount2(path("bound").c_str(), MNT_DETACH);
+  umount2(path("d").c_str(), MNT_DETACH);
+  EXPECT_EQ(disk.lookUp(root(), "d").sight, Sight::kThere);
+}
+
+TEST_P(LiveDiskAnywhere, WhatIsLeftOutIsAbsent) {
+  folder("own");
+  LiveDisk disk = this->disk("", {fidAt(path("own"))});
+  EXPECT_EQ(disk.lookUp(root(), "own").sight, Sight::kAbsent);
+  EXPECT_EQ(disk.lookAt(fidAt(path("own"))).sight, Sight::kAbsent);
+}
+
+TEST_P(LiveDiskAnywhere, InsideIsToldAtAnyDepth) {
+  UniqueFd at(open(mount->path().c_str(), O_RDONLY | O_DIRECTORY));
+  for (int i = 0; i < 1200; ++i) {
+    ASSERT_EQ(mkdirat(at.get(), "1234567", 0755), 0);
+    at.reset(openat(at.get(), "1234567", O_RDONLY | O_DIRECTORY));
+  }
+  fsf_fid fid{};
+  ASSERT_EQ(identify(at.get(), fid), 0);
+  EXPECT_EQ(disk().whereabouts(fid), Whereabouts::kInside);
+}
+
+TEST_P(LiveDiskAnywhere, OneFolderStaysOpenUntilItIsForgotten) {
+  folder("d");
+  folder("e");
+  write("d/f");
+  LiveDisk disk = this->disk();
+  const std::size_t before = openDescriptors();
+  const fsf_fid d = fidAt(path("d")), e = fidAt(path("e")), f = fidAt(path("d/f"));
+  for (int i = 0; i < 50; ++i) {
+    disk.lookUp(d, "f");
+    disk.lookUp(d, "none");
+    disk.lookUp(e, "none");
+    disk.lookAt(f);
+    disk.whereabouts(f);
+    std::vector<std::string> names;
+    disk.list(d)->read(names);
+  }
+  EXPECT_EQ(openDescriptors(), before + 1);
+  disk.forget();
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_P(LiveDiskAnywhere, WithoutDescriptorsLeftNothingIsTakenForAbsent) {
+  const fsf_fid f = fidAt(write("f"));
+  const fsf_fid top = root();
+  LiveDisk disk = this->disk();
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  // Descriptors are numbered from the lowest that is free.
+  const rlimit none{static_cast<rlim_t>(UniqueFd(dup(0)).get()), saved.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const Look byName = disk.lookUp(top, "f"), byFid = disk.lookAt(f);
+  std::vector<std::string> names;
+  const int listed = disk.list(top)->read(names);
+  const Whereabouts where = disk.whereabouts(f);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  EXPECT_EQ(byName.sight, Sight::kUnknown);
+  EXPECT_EQ(byName.error, EMFILE);
+  EXPECT_EQ(byFid.sight, Sight::kUnknown);
+  EXPECT_EQ(listed, -EMFILE);
+  EXPECT_EQ(where, Whereabouts::kUnknown);
+}
+
+TEST_P(LiveDiskAnywhere, VolumesMustLieOnOneFileSystem) {
+  LiveDiskOptions options;
+  options.roots.emplace_back(open(mount->path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  options.roots.emplace_back(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  EXPECT_THROW(LiveDisk{std::move(options)}, std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace kddc::test
