@@ -52,7 +52,7 @@ Driver::Driver(DriverOptions options, DriverSinks sinks)
       disk_({openRoots(options.roots), options.leaveOut, options.stubAttribute}),
       stream_(disk_.device(), options.firstSequence, sinks_.record),
       translator_(disk_,
-                  {getpid(), options.leaveOut,
+                  {options.ownPid, options.leaveOut,
                    [] { return static_cast<std::uint32_t>(std::time(nullptr)); }},
                   {[this](const FlrJrnCommandRaw& record) { write(record); },
                    [this](int error) { failedLook(error); }}),

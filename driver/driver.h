@@ -27,6 +27,8 @@
 // held, and may make requests. stop() may be called by a signal handler.
 #pragma once
 
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -51,6 +53,7 @@ struct DriverOptions {
   std::string stubAttribute;
   std::uint64_t firstSequence = 1;  // number of the first record
   EventQueue queue = EventQueue::kUnlimited;
+  int ownPid = getpid();  // the process whose changes are dropped; -1: none is, for tests
 };
 
 struct DriverSinks {

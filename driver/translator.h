@@ -70,7 +70,7 @@ inline constexpr unsigned int kMaxLinksInMask = 16383;
 inline constexpr unsigned int kListedInMask = 0x4000;
 
 struct TranslatorOptions {
-  int ownPid = 0;                 // whose events are dropped
+  int ownPid = -1;                // whose events are dropped
   std::vector<fsf_fid> leaveOut;  // the folders whose events are dropped
   std::function<std::uint32_t()> now;
 };
