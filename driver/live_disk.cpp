@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,6 +25,7 @@ namespace {
 
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kEntryFlags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kTries = 100;
 constexpr std::size_t kListBytes = 8192;  // some hundred names: a slice of a long listing
 
 // What is gone, or is not any more what it was, answers. EINVAL is for bytes that are no
@@ -133,8 +135,13 @@ int LiveDisk::openFolder(const fsf_fid& folder) {
   return folder_.get();
 }
 
+// ext4 says ENOMEM for a moment while it makes a new file where the one asked for has been.
 UniqueFd LiveDisk::open(const fsf_fid& fid, int flags) const {
-  const int fd = openByFid(mounts_.front().get(), fid, flags);
+  int fd = -ENOMEM;
+  for (int tries = 0; fd == -ENOMEM && tries < kTries; ++tries) {
+    if (tries > 0) sched_yield();
+    fd = openByFid(mounts_.front().get(), fid, flags);
+  }
   if (fd < 0) errno = -fd;
   return UniqueFd(fd);
 }

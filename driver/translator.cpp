@@ -279,9 +279,11 @@ bool Translator::sayMove(const fsf_fid& file, const Name& from, const Name& to) 
   FlrJrnCommandRaw record = recordOf(FLR_JRN_RENAME);
   record.u.rename = {file, from.first, from.second.c_str(), 0, {}, to.first, to.second.c_str()};
   emit(record, after);
-  said_->namesSaid.insert({from, to});
+  said_->namesSaid.insert(to);
   sayAttributes(file);
-  if (isThere(before)) sayPresent(from, before, 0);
+  // That the old name stands for none was not said: a reader who takes it for another file's keeps
+  // it until the event comes that tells of it. That one may stand further back in the batch.
+  if (isThere(before)) sayName(from, file, false);
   return true;
 }
 

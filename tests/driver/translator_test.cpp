@@ -244,7 +244,7 @@ const Row kMerged[] = {
        v.rename("b", "a");
        v.rename("a", "b");
      },
-     {"RENAME A /:a -> /:b x1", "SETATTR A x1", "SETATTR / x2"}},
+     {"RENAME A /:a -> /:b x1", "SETATTR A x1", "REMOVE /:a A 1 x1", "SETATTR / x2"}},
     {"RenameThereAndBack",
      fileA,
      [](FakeVolume& v) {
@@ -416,6 +416,24 @@ TEST_P(TranslatorRow, GivesTheseRecords) {
   GetParam().happens(volume);
   EXPECT_EQ(translate(), GetParam().records);
   EXPECT_THAT(failures, testing::IsEmpty());
+}
+
+// A RENAME says that the old name does not stand for the file any more. It says nothing to a reader
+// who takes it for another one's, and here it comes before the events that do.
+TEST_F(TranslatorTest, RenameThatMergedBeforeAnOlderOneLeavesNoStaleName) {
+  volume.create("n");  // A
+  volume.create("g");  // B
+  forgetEvents();
+  volume.rename("n", "m");
+  volume.rename("g", "n");
+  make().look(volume.fid(""), "n");
+  EXPECT_EQ(taken(), Lines({"CREATE /:n=B x1", "SETATTR B x1", "UNSTUB B x1"}));
+  volume.rename("n", "h");
+  volume.rename("m", "n");
+  volume.rename("n", "m");  // merges into the first one
+  EXPECT_EQ(translate(),
+            Lines({"RENAME A /:n -> /:m x1", "SETATTR A x1", "REMOVE /:n B 1 x1",
+                   "REMOVE /:g B 1 x1", "CREATE /:h=B x1", "SETATTR B x1", "SETATTR / x2"}));
 }
 
 std::string nameOf(const testing::TestParamInfo<Row>& info) {
