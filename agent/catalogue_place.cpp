@@ -76,6 +76,10 @@ std::string realVolumePath(const std::string& volume) {
   return path.string();
 }
 
+std::string placeName(const std::string& volumePath) {
+  return fmt::format("{}-{:016x}", labelOf(volumePath), hashOf(volumePath));
+}
+
 std::string stateFolder(const Options& options) {
   if (!options.state.empty()) return settled(options.state);
   std::string configured;
@@ -85,8 +89,15 @@ std::string stateFolder(const Options& options) {
 
 std::string catalogueFolder(const Options& options, const std::string& volumePath) {
   if (!options.catalogue.empty()) return settled(options.catalogue);
-  return fmt::format("{}/catalogues/{}-{:016x}", stateFolder(options), labelOf(volumePath),
-                     hashOf(volumePath));
+  return stateFolder(options) + "/catalogues/" + placeName(volumePath);
+}
+
+std::string socketsFolder(const Options& options) {
+  return stateFolder(options) + "/sockets";
+}
+
+std::string controlSocket(const Options& options, const std::string& volumePath) {
+  return socketsFolder(options) + "/" + placeName(volumePath);
 }
 
 void makeFolders(const std::string& path) {

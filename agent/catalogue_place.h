@@ -1,12 +1,12 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where things lie: a volume's real path, the folder of its catalogue, the state folder.
+// Where things lie: a volume's real path, the folder of its catalogue, the state folder, the
+// sockets by which a process that watches is asked.
 //
-//   --catalogue DIR                                          that folder
-//   <state>/catalogues/<last part of the path>-<16 digits>   otherwise; the digits are a hash of
-//   the
-//                                                            real path, so that no two volumes meet
+//   --catalogue DIR            the folder of the catalogue, else
+//   <state>/catalogues/<name>  the same
+//   <state>/sockets/<name>     the socket of the process that watches the volume
 //
 // The state folder is --state DIR, else the key "StateDir" of section "DataClassification", else
 // /var/lib/kddc for root and $XDG_STATE_HOME/kddc or ~/.local/state/kddc for others.
@@ -24,10 +24,18 @@ namespace kddc {
 // The real path of a volume, which must be a folder.
 std::string realVolumePath(const std::string& volume);
 
+// The name, in the state folder, of what belongs to a volume, given by its real path: the last part
+// of the path, for people, and 16 digits, a hash of all of it, so that no two volumes meet.
+std::string placeName(const std::string& volumePath);
+
 std::string stateFolder(const Options& options);
 
 // The catalogue folder of a volume, given by its real path. Need not exist.
 std::string catalogueFolder(const Options& options, const std::string& volumePath);
+
+// The folder of all sockets, and the socket of one volume, given by its real path. Need not exist.
+std::string socketsFolder(const Options& options);
+std::string controlSocket(const Options& options, const std::string& volumePath);
 
 // Makes a folder and those above it that are missing, for this user alone (0700).
 void makeFolders(const std::string& path);

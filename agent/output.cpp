@@ -9,11 +9,11 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "agent/base64.h"
 #include "agent/errors.h"
 #include "agent/logging.h"
 #include "records/fsf_fid.h"
@@ -30,20 +30,6 @@ constexpr std::array kTypes = {"file", "folder", "symlink", "chardev", "blockdev
 const char* typeName(int type) {
   const auto index = static_cast<std::size_t>(type);
   return index < kTypes.size() ? kTypes[index] : "other";
-}
-
-std::string base64(std::string_view bytes) {
-  constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  for (std::size_t i = 0; i < bytes.size(); i += 3) {
-    std::uint32_t group = 0;
-    for (std::size_t k = i; k < i + 3; ++k)
-      group = group << 8 | (k < bytes.size() ? static_cast<unsigned char>(bytes[k]) : 0u);
-    for (const int shift : {18, 12, 6, 0}) out += kDigits[group >> shift & 63];
-  }
-  for (std::size_t padding = (3 - bytes.size() % 3) % 3, i = 1; i <= padding; ++i)
-    out[out.size() - i] = '=';
-  return out;
 }
 
 std::string fidMember(const std::optional<fsf_fid>& fid) {
@@ -79,7 +65,7 @@ std::string jsonMember(std::string_view name, std::string_view text) {
 }
 
 std::string base64Member(std::string_view name, std::string_view bytes) {
-  return fmt::format("\"{}_base64\":\"{}\"", name, base64(bytes));
+  return fmt::format("\"{}_base64\":\"{}\"", name, toBase64(bytes));
 }
 
 void RowPrinter::print(const CatalogueRow& row) {
