@@ -22,6 +22,7 @@ struct Words {
   Options options;
   std::string volume;
   std::string since;
+  bool noFlush = false;
   std::vector<std::string> files;
   ReplayOptions replay;
   std::string format;
@@ -48,6 +49,24 @@ CLI::App* addCommand(CLI::App& app, Words& words, const char* name, const char* 
   command->add_option("VOLUME", words.volume, "A folder, usually where a volume is mounted")
       ->required();
   return command;
+}
+
+CLI::App* addChanges(CLI::App& app, Words& words) {
+  CLI::App* changes = addCommand(app, words, "changes", "Print the entries changed since a time");
+  changes
+      ->add_option("--since", words.since,
+                   "Seconds since 1970, ISO 8601, or an age such as 15m, 2h, 3d")
+      ->option_text("WHEN")
+      ->required();
+  changes->add_flag("--no-flush", words.noFlush, "Do not ask the process that watches to catch up");
+  return changes;
+}
+
+CLI::App* addStatus(CLI::App& app, Words& words) {
+  CLI::App* status = app.add_subcommand("status", "Tell how catalogues are doing");
+  status->add_option("VOLUME", words.volume, "That volume alone");
+  status->add_flag("--json", words.json, "JSON Lines");
+  return status;
 }
 
 void addForms(CLI::App* command, Words& words) {
@@ -111,15 +130,13 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   addGlobalOptions(app, words.options);
   CLI::App* scan = addCommand(app, words, "scan", "Fill a fresh catalogue by a full scan");
   CLI::App* list = addCommand(app, words, "list", "Print every entry");
-  CLI::App* changes = addCommand(app, words, "changes", "Print the entries changed since a time");
+  CLI::App* changes = addChanges(app, words);
+  CLI::App* flush =
+      addCommand(app, words, "flush", "Wait until the catalogue holds all that happened so far");
+  CLI::App* status = addStatus(app, words);
   CLI::App* check = addCommand(app, words, "check", "Check the integrity of both databases");
   CLI::App* dumping = addDump(app, words);
   CLI::App* replaying = addReplay(app, words);
-  changes
-      ->add_option("--since", words.since,
-                   "Seconds since 1970, ISO 8601, or an age such as 15m, 2h, 3d")
-      ->option_text("WHEN")
-      ->required();
   addForms(list, words);
   addForms(changes, words);
 
@@ -134,9 +151,11 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   if (scan->parsed()) return runScan(words.options, words.volume);
   if (list->parsed()) return runList(words.options, words.volume, words.form());
   if (check->parsed()) return runCheck(words.options, words.volume);
+  if (flush->parsed()) return runFlush(words.options, words.volume);
+  if (status->parsed()) return runStatus(words.options, words.volume, words.json);
   if (replaying->parsed()) return replay(words);
   if (dumping->parsed()) return runDump(words.files, words.recordFormat(), words.json);
-  return runChanges(words.options, words.volume, since, words.form());
+  return runChanges(words.options, words.volume, {since, words.form(), !words.noFlush});
 }
 
 }  // namespace

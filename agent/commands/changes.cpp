@@ -7,11 +7,26 @@
 
 #include <cstdio>
 
+#include "agent/catalogue_place.h"
 #include "agent/commands/answer.h"
+#include "agent/control/client.h"
+#include "agent/errors.h"
 
 namespace kddc {
+namespace {
 
-int runChanges(const Options& options, const std::string& volume, long long since, Form form) {
+// An answer that may be old is not given unless it was asked for.
+void flushFirst(const Options& options, const std::string& volumePath) {
+  try {
+    flushWatched(options, volumePath);
+  } catch (const Failure& e) {
+    throw Failure(std::string(e.what()) + "; to see what is there all the same, add --no-flush");
+  }
+}
+
+}  // namespace
+
+int runChanges(const Options& options, const std::string& volume, const ChangesOptions& changes) {
   const auto note = [&](const CatalogueReader& reader) {
     if (options.quiet || reader.isKept()) return;
     fmt::print(stderr,
@@ -19,9 +34,11 @@ int runChanges(const Options& options, const std::string& volume, long long sinc
                "{:%Y-%m-%d %H:%M:%S}\n",
                fmt::localtime(reader.scanned()));
   };
+  if (changes.flush) flushFirst(options, realVolumePath(volume));
   answer(
-      options, volume, form,
-      [&](CatalogueReader& reader, const RowSink& sink) { reader.readSince(since, sink); }, note);
+      options, volume, changes.form,
+      [&](CatalogueReader& reader, const RowSink& sink) { reader.readSince(changes.since, sink); },
+      note);
   return kExitDone;
 }
 

@@ -40,8 +40,17 @@ struct ReplayOptions {
 
 int runScan(const Options& options, const std::string& volume);
 int runList(const Options& options, const std::string& volume, Form form);
-// `since`: seconds since 1970; entries whose change stamp is that or later are printed.
-int runChanges(const Options& options, const std::string& volume, long long since, Form form);
+struct ChangesOptions {
+  long long since =
+      0;  // seconds since 1970; entries whose change stamp is that or later are printed
+  Form form = Form::kLines;
+  bool flush = true;  // where the volume is watched, first wait until the catalogue is current
+};
+int runChanges(const Options& options, const std::string& volume, const ChangesOptions& changes);
+int runFlush(const Options& options, const std::string& volume);
+// Of one volume; of all that the state folder knows when `volume` is empty. As text, or as JSON
+// Lines.
+int runStatus(const Options& options, const std::string& volume, bool json);
 int runCheck(const Options& options, const std::string& volume);
 // As text, or as JSON Lines.
 int runDump(const std::vector<std::string>& files, RecordFormat format, bool json);

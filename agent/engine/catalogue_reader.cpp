@@ -64,6 +64,7 @@ class CatalogueReader::View {
   View(std::string folder, std::string volumePath, Columns columns);
 
   void read(const std::optional<long long>& since, const RowSink& sink);
+  std::uint64_t count();
   bool isKept() const { return !header_.graceful; }
   std::time_t scanned() const { return header_.scanned; }
 
@@ -167,6 +168,13 @@ void CatalogueReader::View::read(const std::optional<long long>& since, const Ro
   });
 }
 
+std::uint64_t CatalogueReader::View::count() {
+  return reading([&] {
+    Query query(*files_, "SELECT COUNT(*) FROM FILES");
+    return query.step() ? static_cast<std::uint64_t>(query.integer(0)) : 0;
+  });
+}
+
 void CatalogueReader::View::fill(const Query& query, CatalogueRow& row) {
   row.type = static_cast<int>(query.integer(3));
   row.mode = query.word(4);
@@ -217,6 +225,9 @@ void CatalogueReader::readAll(const RowSink& sink) {
 }
 void CatalogueReader::readSince(long long since, const RowSink& sink) {
   view_->read(since, sink);
+}
+std::uint64_t CatalogueReader::count() {
+  return view_->count();
 }
 bool CatalogueReader::isKept() const {
   return view_->isKept();

@@ -52,6 +52,9 @@ class CatalogueReader {
   // Calls `sink` for every entry whose change stamp is `since` or later.
   void readSince(long long since, const RowSink& sink);
 
+  // How many entries there are.
+  std::uint64_t count();
+
   // Whether a process keeps the catalogue current; if not, it is as of its last scan.
   bool isKept() const;
   // When the last full scan ended, seconds since 1970.
