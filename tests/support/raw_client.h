@@ -63,12 +63,15 @@ class RawClient {
     return line();
   }
   // Whether there is something to read, the end included, within that time.
-  bool isReadable(std::chrono::milliseconds within) {
-    pollfd polled{socket_.get(), POLLIN, 0};
-    return poll(&polled, 1, static_cast<int>(within.count())) > 0;
-  }
+  bool isReadable(std::chrono::milliseconds within) { return waitFor(POLLIN, within); }
+  // Whether the other end goes within that time, read or not.
+  bool isLeft(std::chrono::milliseconds within) { return waitFor(0, within); }
 
  private:
+  bool waitFor(short events, std::chrono::milliseconds within) {
+    pollfd polled{socket_.get(), events, 0};
+    return poll(&polled, 1, static_cast<int>(within.count())) > 0;
+  }
   bool readSome() {
     if (!isReadable(kWatchdog)) throw std::runtime_error("the other end is silent");
     std::array<char, 4096> bytes;
