@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <system_error>
 #include <utility>
@@ -19,8 +19,8 @@
 namespace kddc {
 namespace {
 
-// How long to wait where a connection is there and no room for its descriptor.
-constexpr int kRetryMilliseconds = 100;
+// How long to wait where a connection is there and no room for it.
+constexpr int kMomentMilliseconds = 100;
 
 // As long as it lives, the calling thread, and the threads that it starts, are sent no signals:
 // those are for the thread that waits for them.
@@ -44,17 +44,31 @@ bool isAllowed(const UniqueFd& client) {
   return user == 0 || user == geteuid();
 }
 
-bool isReadable(int fd, int milliseconds) {
-  pollfd polled{fd, POLLIN, 0};
-  return poll(&polled, 1, milliseconds) > 0;
+UniqueFd newEvent() {
+  UniqueFd event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!event) throw systemFailure("cannot make an eventfd", errno);
+  return event;
+}
+
+// Neither fails: an eventfd never has to wait for so few.
+void raise(const UniqueFd& event) {
+  eventfd_write(event.get(), 1);
+}
+void lower(const UniqueFd& event) {
+  eventfd_t ignored;
+  eventfd_read(event.get(), &ignored);
+}
+
+void waitAMoment(const UniqueFd& event, const UniqueFd& orEvent) {
+  pollfd polled[] = {{event.get(), POLLIN, 0}, {orEvent.get(), POLLIN, 0}};
+  poll(polled, std::size(polled), kMomentMilliseconds);
 }
 
 }  // namespace
 
 ControlServer::ControlServer(std::vector<ControlPlace> places, Handler handler,
                              ControlLimits limits)
-    : handler_(std::move(handler)), limits_(limits), stop_(eventfd(0, EFD_CLOEXEC)) {
-  if (!stop_) throw systemFailure("cannot make an eventfd", errno);
+    : handler_(std::move(handler)), limits_(limits), stop_(newEvent()), ended_(newEvent()) {
   for (ControlPlace& place : places)
     places_.push_back({std::move(place.volume), ListeningSocket(place.socket)});
   const SignalsBlocked blocked;
@@ -62,27 +76,28 @@ ControlServer::ControlServer(std::vector<ControlPlace> places, Handler handler,
 }
 
 ControlServer::~ControlServer() {
-  const std::uint64_t one = 1;
-  while (write(stop_.get(), &one, sizeof one) < 0 && errno == EINTR) {
-  }
+  raise(stop_);
   accepting_.join();
   places_.clear();
   for (Client& client : clients_) client.thread.join();
 }
 
 void ControlServer::acceptClients() {
-  std::vector<pollfd> polled = {{stop_.get(), POLLIN, 0}};
+  std::vector<pollfd> polled;
   for (const Place& place : places_) polled.push_back({place.socket.fd(), POLLIN, 0});
+  polled.push_back({ended_.get(), POLLIN, 0});
+  polled.push_back({stop_.get(), POLLIN, 0});
   for (;;) {
     if (poll(polled.data(), polled.size(), -1) < 0) continue;  // for want of memory
-    if (polled.front().revents != 0) return;
+    if (polled.back().revents != 0) return;
     forgetDone();
     for (std::size_t i = 0; i < places_.size(); ++i)
-      if (polled[i + 1].revents != 0) admit(places_[i]);
+      if (polled[i].revents != 0) admit(places_[i]);
   }
 }
 
 void ControlServer::forgetDone() {
+  lower(ended_);
   clients_.remove_if([](Client& client) {
     if (!client.isDone) return false;
     client.thread.join();
@@ -90,16 +105,26 @@ void ControlServer::forgetDone() {
   });
 }
 
+// One that has left may be on its way out still. While there is no room for one there is none for
+// others either, so waiting holds up nobody.
+bool ControlServer::hasRoom() {
+  if (clients_.size() >= limits_.clients) {
+    waitAMoment(ended_, stop_);
+    forgetDone();
+  }
+  return clients_.size() < limits_.clients;
+}
+
 void ControlServer::admit(const Place& place) {
   UniqueFd socket = place.socket.accept();
   if (!socket) {
-    // A connection without room for it stays ready: do not run in circles.
-    if (errno != EAGAIN && errno != ECONNABORTED) isReadable(stop_.get(), kRetryMilliseconds);
+    // A connection without room for its descriptor stays ready: do not run in circles.
+    if (errno != EAGAIN && errno != ECONNABORTED) waitAMoment(ended_, stop_);
     return;
   }
   if (!isAllowed(socket)) return;
   Channel channel(std::move(socket), stop_.get());
-  if (clients_.size() < limits_.clients)
+  if (hasRoom())
     start(place, std::move(channel));
   else  // fits into the socket, so nothing is waited for
     channel.write(refusalLine("kddc watch has too many clients; try again later"), {});
@@ -112,6 +137,7 @@ void ControlServer::start(const Place& place, Channel channel) {
         std::thread([this, &client, volume = place.volume, channel = std::move(channel)]() mutable {
           serve(volume, channel);
           client.isDone = true;
+          raise(ended_);
         });
   } catch (const std::system_error&) {  // no more threads; the client sees the connection end
     clients_.pop_back();

@@ -71,13 +71,15 @@ class ControlServer {
   void admit(const Place& place);
   void start(const Place& place, Channel channel);
   void forgetDone();
+  bool hasRoom();
   void serve(const std::string& volume, Channel& channel) const;
   std::string answer(const std::string& volume, const std::string& line, const Gone& gone) const;
   Channel::Clock::time_point deadline() const { return Channel::Clock::now() + limits_.patience; }
 
   Handler handler_;
   ControlLimits limits_;
-  UniqueFd stop_;  // an eventfd; readable from the destructor on
+  UniqueFd stop_;   // an eventfd; readable from the destructor on
+  UniqueFd ended_;  // an eventfd; readable when a client is done
   std::vector<Place> places_;
   std::list<Client> clients_;  // of the accepting thread, as long as there is one
   std::thread accepting_;

@@ -270,6 +270,11 @@ TEST_F(Control, TellsOneTooManyToComeAgain) {
   EXPECT_EQ(RawClient(path).ask(kStatus), kGood);
 }
 
+TEST_F(Control, OneWhoLeavesMakesRoomForTheNext) {
+  start({.clients = 1});
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(RawClient(path).ask(kStatus), kGood) << i;
+}
+
 TEST_F(Control, AnswersManyAtATime) {
   start();
   std::vector<std::thread> clients;
