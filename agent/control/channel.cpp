@@ -37,7 +37,7 @@ Channel::Result Channel::readLine(std::string& line, std::size_t most, Clock::ti
   return Result::kDone;
 }
 
-// Some more bytes. The deadline is looked at each time, so that a trickle does not defer it.
+// Some more bytes. The deadline is that of the whole line, so that a trickle does not defer it.
 Channel::Result Channel::receive(Clock::time_point deadline) {
   std::array<char, 16 * 1024> bytes;
   for (;;) {
@@ -80,8 +80,7 @@ Channel::Result Channel::waitFor(short events, Clock::time_point deadline) const
     if (ready < 0 && errno == EINTR) continue;
     if (ready < 0) return Result::kClosed;
     if (polled[1].revents != 0) return Result::kStopped;
-    // A trickle is always ready.
-    return ready == 0 || Clock::now() >= deadline ? Result::kTooLate : Result::kDone;
+    return ready == 0 ? Result::kTooLate : Result::kDone;
   }
 }
 
