@@ -11,11 +11,14 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <utility>
 
+#include "agent/engine/helping_hand.h"
 #include "agent/engine/quiet_folder.h"
 #include "agent/errors.h"
 #include "platform/identity.h"
@@ -27,6 +30,8 @@ namespace {
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kEntryFlags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::size_t kReadBytes = 256 * 1024;
+constexpr std::size_t kWorthHelp = 32;        // names: to wake the helper costs as much as a few
+constexpr std::size_t kPiece = 8;             // names that one of two takes at once
 constexpr std::size_t kStepsUpAtOnce = 1000;  // "../" a thousand times is a path the kernel takes
 
 // What an entry that is gone, or is not any more what it was, answers.
@@ -48,7 +53,6 @@ class PendingFolders {
   };
 
   bool empty() const { return folders_.empty(); }
-  std::size_t size() const { return folders_.size(); }
   // Folders of one parent are reported, and so numbered, one right after the other.
   void add(std::string_view name, const fsf_fid& fid, std::uint64_t number) {
     if (folders_.empty()) first_ = number;
@@ -61,10 +65,6 @@ class PendingFolders {
     Folder folder{names_.substr(last.begin), last.fid, first_ + folders_.size()};
     names_.resize(last.begin);
     return folder;
-  }
-  void clear() {
-    folders_ = {};
-    names_ = {};
   }
 
  private:
@@ -105,12 +105,15 @@ class TreeWalk {
   void enter(UniqueFd fd, PendingFolders::Folder folder);
   void readFolder(Frame& frame);
   bool meetByName(Frame& frame);
+  void look(int folder, std::size_t begin, std::size_t end, StubProbe& stubs);
+  void lookWithHelp(int folder);
   void meetByDescriptor(Frame& frame, const char* name);
   void accept(Frame& frame, const char* name, const Found& found);
   bool isLeftOut(const Identity& identity);
 
   void leave();
   void visitNext();
+  void lose(const PendingFolders::Folder& folder);
   UniqueFd openPending(Frame& frame, const PendingFolders::Folder& folder);
 
   UniqueFd openAt(int folder, const char* name, int flags);
@@ -139,6 +142,7 @@ class TreeWalk {
   std::vector<char> buffer_ = std::vector<char>(kReadBytes);
   std::vector<const char*> names_;  // those in the buffer
   std::vector<Found> found_;        // what they stand for
+  std::unique_ptr<HelpingHand> helper_;
 };
 
 // A quarter of what the process may open: databases, log and the rest need some as well.
@@ -153,7 +157,8 @@ TreeWalk::TreeWalk(const std::string& rootName, const WalkOptions& options, cons
       options_(options),
       sink_(sink),
       stubs_(options.stubAttribute),
-      maxOpen_(descriptorsAllowed(options.openFolders)) {}
+      maxOpen_(descriptorsAllowed(options.openFolders)),
+      helper_(options.helped ? std::make_unique<HelpingHand>() : nullptr) {}
 
 WalkCounts TreeWalk::run(UniqueFd root) {
   Identity identity;
@@ -179,6 +184,7 @@ void TreeWalk::enter(UniqueFd fd, PendingFolders::Folder folder) {
   while (open_ > maxOpen_ && giveUpOne()) {
   }
   readFolder(stack_.back());
+  if (options_.folderRead) options_.folderRead(stack_.back().number);
 }
 
 void TreeWalk::readFolder(Frame& frame) {
@@ -204,15 +210,32 @@ bool TreeWalk::meetByName(Frame& frame) {
   const QuietFolder quiet(folder);
   if (!quiet.atFirst()) return false;
   found_.resize(names_.size());
-  for (std::size_t i = 0; i < names_.size(); ++i) {
-    Found& found = found_[i];
-    found.error = -identityOf(folder, names_[i], found.identity);
-    found.isStub =
-        found.error == 0 && S_ISREG(found.identity.st.st_mode) && stubs_.isStub(folder, names_[i]);
-  }
+  if (helper_ && names_.size() >= kWorthHelp)
+    lookWithHelp(folder);
+  else
+    look(folder, 0, names_.size(), stubs_);
   if (!quiet.still()) return false;
   for (std::size_t i = 0; i < names_.size(); ++i) accept(frame, names_[i], found_[i]);
   return true;
+}
+
+void TreeWalk::look(int folder, std::size_t begin, std::size_t end, StubProbe& stubs) {
+  for (std::size_t i = begin; i < end; ++i) {
+    Found& found = found_[i];
+    found.error = -identityOf(folder, names_[i], found.identity);
+    found.isStub =
+        found.error == 0 && S_ISREG(found.identity.st.st_mode) && stubs.isStub(folder, names_[i]);
+  }
+}
+
+void TreeWalk::lookWithHelp(int folder) {
+  std::atomic<std::size_t> next = 0;
+  helper_->share([&] {
+    StubProbe stubs = stubs_;  // learns, so each thread has its own
+    const std::size_t all = names_.size();
+    for (std::size_t begin; (begin = next.fetch_add(kPiece)) < all;)
+      look(folder, begin, std::min(begin + kPiece, all), stubs);
+  });
 }
 
 void TreeWalk::meetByDescriptor(Frame& frame, const char* name) {
@@ -253,19 +276,20 @@ void TreeWalk::leave() {
   stack_.pop_back();
 }
 
+void TreeWalk::lose(const PendingFolders::Folder& folder) {
+  ++counts_.lostFolders;
+  if (options_.folderLost) options_.folderLost(folder.fid);
+}
+
 void TreeWalk::visitNext() {
   Frame& frame = stack_.back();
   if (!frame.fd && !reopen(stack_.size() - 1)) {
-    counts_.lostFolders += frame.pending.size();
-    frame.pending.clear();
+    while (!frame.pending.empty()) lose(frame.pending.take());
     return;
   }
   PendingFolders::Folder folder = frame.pending.take();
   UniqueFd fd = openPending(frame, folder);
-  if (!fd) {
-    ++counts_.lostFolders;
-    return;
-  }
+  if (!fd) return lose(folder);
   // The root's stays: it is where a way down begins when the way up is lost.
   if (frame.pending.empty() && stack_.size() > 1) {
     frame.fd.reset();

@@ -45,6 +45,13 @@ struct WalkOptions {
   std::string stubAttribute;      // regular files that carry it are stubs
   std::vector<FileKey> leaveOut;  // folders that are not reported and not entered
   std::size_t openFolders = 128;  // how many descriptors the walk may hold
+  // Whether a second thread helps to look at the entries of large folders.
+  bool helped = false;
+  // Told the number of each folder that was read to its end, right after its entries. One that is
+  // lost before it can be entered is not among them.
+  std::function<void(std::uint64_t folder)> folderRead = {};
+  // Called with each folder that was reported, but moved or gone before it could be entered.
+  std::function<void(const fsf_fid& folder)> folderLost = {};
 };
 
 // One entry, valid during the call of the sink.
