@@ -33,6 +33,9 @@ struct Batch {
     std::uint64_t parent;
     bool isStub;
     std::uint32_t nameEnd;  // in names; the name begins where the one before ends
+
+    // Not an entry, but the news that `parent` has no more of them.
+    bool isEndOfFolder() const { return st.st_mode == 0; }
   };
   std::vector<Entry> entries;
   std::string names;
