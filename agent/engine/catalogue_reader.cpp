@@ -157,10 +157,13 @@ void CatalogueReader::View::read(const std::optional<long long>& since, const Ro
     std::string path;
     while (query.step()) {
       const std::int64_t parent = query.integer(1);
-      if (parent == 0)
+      if (parent == 0) {
         path = ".";
-      else
-        path.assign(folders.prefixOf(parent)).append(query.text(2));
+      } else {
+        const std::string* prefix = folders.prefixOf(parent);
+        if (!prefix) continue;
+        path.assign(*prefix).append(query.text(2));
+      }
       row.path = path;
       if (columns_ == Columns::kAll) fill(query, row);
       sink(row);

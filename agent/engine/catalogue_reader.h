@@ -47,7 +47,7 @@ class CatalogueReader {
   CatalogueReader(const CatalogueReader&) = delete;
   CatalogueReader& operator=(const CatalogueReader&) = delete;
 
-  // Calls `sink` for every entry.
+  // Calls `sink` for every entry. Rows that wait for a name, and what lies below them, are none.
   void readAll(const RowSink& sink);
   // Calls `sink` for every entry whose change stamp is `since` or later.
   void readSince(long long since, const RowSink& sink);

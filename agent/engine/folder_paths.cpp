@@ -20,21 +20,24 @@ constexpr std::size_t kMostKnownBytes = 64 * 1024 * 1024;
 FolderPaths::FolderPaths(const ReadConnection& files)
     : parentOf_(files, "SELECT PINODE,NAME,FILE_TYPE FROM FILES WHERE INODE=?1") {}
 
-const std::string& FolderPaths::prefixOf(std::int64_t inode) {
-  if (inode == last_) return prefix_;
+const std::string* FolderPaths::prefixOf(std::int64_t inode) {
+  if (inode == kParkedParent) return nullptr;
+  if (inode == last_) return lastHasPath_ ? &prefix_ : nullptr;
   last_ = 0;
   if (knownBytes_ > kMostKnownBytes) {
     known_.clear();
     knownBytes_ = 0;
   }
-  descend(climb(inode));
+  const auto steps = climb(inode);
+  if (steps) descend(*steps);
+  lastHasPath_ = steps.has_value();
   last_ = inode;
-  return prefix_;
+  return lastHasPath_ ? &prefix_ : nullptr;
 }
 
 // Goes up to the root or to a folder whose path is known, which becomes the beginning of the
-// prefix; returns the folders passed, the lowest first.
-std::vector<FolderPaths::Step> FolderPaths::climb(std::int64_t inode) {
+// prefix; returns the folders passed, the lowest first. None when it comes to a parked row.
+std::optional<std::vector<FolderPaths::Step>> FolderPaths::climb(std::int64_t inode) {
   std::vector<Step> steps;
   std::unordered_set<std::int64_t> passed;
   prefix_.clear();
@@ -51,6 +54,7 @@ std::vector<FolderPaths::Step> FolderPaths::climb(std::int64_t inode) {
     if (parent != 0) steps.push_back({inode, std::string(parentOf_.text(1))});
     parentOf_.reset();
     if (parent == 0) return steps;
+    if (parent == kParkedParent) return std::nullopt;
     inode = parent;
   }
 }

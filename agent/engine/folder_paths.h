@@ -9,6 +9,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -18,15 +20,19 @@
 
 namespace kddc {
 
+// The parent of a row that has no name at present: its file has lost one and not yet got another.
+inline constexpr std::int64_t kParkedParent = std::numeric_limits<std::int64_t>::max();
+
 class FolderPaths {
  public:
   // `files` must outlive the object.
   explicit FolderPaths(const ReadConnection& files);
 
-  // What stands before the names in a folder: "" for the root, else its path with a "/" at the end.
-  // Valid until the next call. UDCException with SQLITE_CORRUPT when what is above the row is no
-  // chain of folders up to the root.
-  const std::string& prefixOf(std::int64_t inode);
+  // What stands before the names in a folder: "" for the root, else its path with a "/" at the end;
+  // null when the folder is parked, or one above it is: it has no path at present. Valid until the
+  // next call. UDCException with SQLITE_CORRUPT when what is above the row is no chain of folders
+  // up to the root.
+  const std::string* prefixOf(std::int64_t inode);
 
  private:
   struct Step {
@@ -34,7 +40,7 @@ class FolderPaths {
     std::string name;
   };
 
-  std::vector<Step> climb(std::int64_t inode);
+  std::optional<std::vector<Step>> climb(std::int64_t inode);
   void descend(const std::vector<Step>& steps);
 
   Query parentOf_;
@@ -42,6 +48,7 @@ class FolderPaths {
   std::size_t knownBytes_ = 0;
   // The answer given last: rows of one folder mostly follow each other.
   std::int64_t last_ = 0;
+  bool lastHasPath_ = false;
   std::string prefix_;
 };
 

@@ -42,10 +42,9 @@ Query::Query(const ReadConnection& connection, const char* sql) : connection_(co
   if (result != SQLITE_OK) connection.fail(result);
 }
 
-Query& Query::bind(std::int64_t value) {
-  const int result = sqlite3_bind_int64(statement_.get(), 1, value);
+void Query::bindAt(int parameter, std::int64_t value) {
+  const int result = sqlite3_bind_int64(statement_.get(), parameter, value);
   if (result != SQLITE_OK) connection_.fail(result);
-  return *this;
 }
 
 bool Query::step() {

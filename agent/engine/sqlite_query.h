@@ -41,7 +41,13 @@ class Query {
  public:
   Query(const ReadConnection& connection, const char* sql);
 
-  Query& bind(std::int64_t value);  // ?1
+  // ?1, ?2, ...
+  template <class... Values>
+  Query& bind(Values... values) {
+    int parameter = 0;
+    ((void)bindAt(++parameter, static_cast<std::int64_t>(values)), ...);
+    return *this;
+  }
   // Whether there is another row; after the last one the query is reset.
   bool step();
   void reset() { sqlite3_reset(statement_.get()); }
@@ -52,6 +58,8 @@ class Query {
   std::string_view text(int column) const;
 
  private:
+  void bindAt(int parameter, std::int64_t value);
+
   struct Finalize {
     void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
   };
