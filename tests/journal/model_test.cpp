@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <ctime>
 #include <utility>
 
 #include "tests/support/model_volume.h"
@@ -14,6 +15,12 @@ using kddc::test::Dice;
 using kddc::test::ModelCatalogue;
 using kddc::test::OwnedRecord;
 using kddc::test::RandomRecord;
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+extern "C" std::time_t time(std::time_t* out) noexcept {
+  if (out) *out = kddc::test::shown;
+  return kddc::test::shown;
+}
 
 namespace {
 

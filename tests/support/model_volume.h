@@ -4,8 +4,8 @@
 // Volumes whose catalogues are compared with models: any sequence of numbers becomes a sequence of
 // records that take the whole way from their bytes into rows.
 //
-// The wall clock shows `shown`, so that every time that a record leaves is known to the second:
-// this replaces time(), and only one file of a program may include it.
+// The wall clock shows `shown`: a test that uses this defines time() so that every time that a
+// record leaves is known to the second.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -31,16 +31,8 @@
 #include "tests/support/record_text.h"
 
 namespace kddc::test {
+
 inline std::time_t shown = 0;
-}  // namespace kddc::test
-
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
-extern "C" std::time_t time(std::time_t* out) noexcept {
-  if (out) *out = kddc::test::shown;
-  return kddc::test::shown;
-}
-
-namespace kddc::test {
 
 using Numbers = std::vector<std::uint64_t>;
 

@@ -1,0 +1,321 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/live/live_catalogue.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+#include <unordered_set>
+#include <utility>
+
+#include "catalogue/file_type.h"
+#include "journal/apply_journal.h"
+#include "platform/text.h"
+
+namespace kddc {
+namespace {
+
+constexpr std::size_t kMostFolders = 20'000;
+
+constexpr Sql kRowOf{
+    .tag = "LiveCatalogue :: rowOf",
+    .text = "SELECT INODE,FID_ROWID,PINODE,FILE_TYPE,NAME FROM FILES WHERE INODE=?1",
+    .cannotPrepare = "Could not prepare the query for a row",
+    .cannotBind = {"INODE Bind failed"},
+};
+constexpr Sql kNamesIn{
+    .tag = "LiveCatalogue :: learnNames",
+    .text = "SELECT INODE,NAME FROM FILES WHERE PINODE=?1",
+    .cannotPrepare = "Could not prepare the query for the names of a folder",
+    .cannotBind = {"PINODE Bind failed"},
+};
+constexpr Sql kChildrenOf{
+    .tag = "LiveCatalogue :: childrenOf",
+    .text = "SELECT INODE,FID_ROWID,PINODE,FILE_TYPE,NAME FROM FILES WHERE PINODE=?1",
+    .cannotPrepare = "Could not prepare the query for the rows of a folder",
+    .cannotBind = {"PINODE Bind failed"},
+};
+constexpr Sql kPairsOf{
+    .tag = "LiveCatalogue :: namesOf",
+    .text =
+        "SELECT FIDS_ROWID,FILES_ROWID FROM FIDS WHERE FID1=?1 AND FID2=?2 AND FID3=?3 AND "
+        "FID4=?4 LIMIT ?5",
+    .cannotPrepare = "Could not prepare the query for the names of a file",
+    .cannotBind = {"FID1 Bind failed", "FID2 Bind failed", "FID3 Bind failed", "FID4 Bind failed",
+                   "LIMIT Bind failed"},
+};
+constexpr Sql kPark{
+    .tag = "LiveCatalogue :: park",
+    .text = "UPDATE FILES SET PINODE=?1,NAME='' WHERE INODE=?2",
+    .cannotPrepare = "Could not prepare the parking of a row",
+    .cannotBind = {"PINODE Bind failed", "INODE Bind failed"},
+};
+constexpr Sql kMoveRow{
+    .tag = "LiveCatalogue :: moveRow",
+    .text = "UPDATE FILES SET PINODE=?1 WHERE INODE=?2",
+    .cannotPrepare = "Could not prepare the moving of a row",
+    .cannotBind = {"PINODE Bind failed", "INODE Bind failed"},
+};
+constexpr Sql kRestamp{
+    .tag = "LiveCatalogue :: stampNow",
+    .text = "UPDATE FILES SET TIME=?1 WHERE INODE=?2",
+    .cannotPrepare = "Could not prepare the stamping of a row",
+    .cannotBind = {"TIME Bind failed", "INODE Bind failed"},
+};
+
+unsigned long long column64(sqlite3_stmt* row, int column) {
+  return static_cast<unsigned long long>(sqlite3_column_int64(row, column));
+}
+
+std::string_view columnText(sqlite3_stmt* row, int column) {
+  const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(row, column));
+  return {text ? text : "", static_cast<std::size_t>(sqlite3_column_bytes(row, column))};
+}
+
+}  // namespace
+
+std::size_t LiveCatalogue::FidHash::operator()(const fsf_fid& fid) const {
+  return std::hash<std::string_view>()({reinterpret_cast<const char*>(fid.data), sizeof fid.data});
+}
+
+std::optional<unsigned long long> LiveCatalogue::folderOf(const fsf_fid& fid) {
+  if (const auto known = folders_.find(fid); known != folders_.end()) return known->second;
+  for (const Name& name : namesOf(fid, 2)) {
+    if (name.type != kFolder) continue;
+    if (folders_.size() >= kMostFolders) folders_.clear();
+    folders_[fid] = name.inode;
+    return name.inode;
+  }
+  return std::nullopt;
+}
+
+std::vector<Name> LiveCatalogue::namesOf(const fsf_fid& fid, int most) {
+  for (;;) {
+    bool mended = false;
+    std::vector<Name> names = tryNamesOf(fid, most, mended);
+    if (!mended) return names;
+  }
+}
+
+// Stops short where it finds, and mends, what a crash left.
+std::vector<Name> LiveCatalogue::tryNamesOf(const fsf_fid& fid, int most, bool& mended) {
+  std::vector<std::pair<unsigned long long, unsigned long long>> pairs;
+  const auto& [fid1, fid2, fid3, fid4] = columnsOf(fid);
+  run(pairsOf_, fidDb, kPairsOf).bind(fid1, fid2, fid3, fid4, most).read([&](sqlite3_stmt* row) {
+    pairs.emplace_back(column64(row, 0), column64(row, 1));
+  });
+  std::vector<Name> names;
+  for (const auto& [fidsRowId, inode] : pairs) {
+    auto row = rowOf(inode);
+    mended = !row || row->fidsRowId != fidsRowId;
+    if (mended) {
+      DeleteFidGivenRowId(fidsRowId);
+      break;
+    }
+    row->fid = fid;
+    names.push_back(std::move(*row));
+  }
+  return names;
+}
+
+Name LiveCatalogue::nameFrom(sqlite3_stmt* row) {
+  return {.inode = column64(row, 0),
+          .fidsRowId = column64(row, 1),
+          .parent = column64(row, 2),
+          .type = sqlite3_column_int(row, 3),
+          .name = std::string(columnText(row, 4))};
+}
+
+std::optional<Name> LiveCatalogue::rowOf(unsigned long long inode) {
+  std::optional<Name> name;
+  run(rowOf_, filesDb, kRowOf).bind(inode).readFirst([&](sqlite3_stmt* row) {
+    name = nameFrom(row);
+  });
+  return name;
+}
+
+std::optional<Name> LiveCatalogue::rowAt(unsigned long long inode) {
+  auto name = rowOf(inode);
+  if (name) identify(*name);
+  return name;
+}
+
+// The identifier of a row, if the two rows speak of each other.
+void LiveCatalogue::identify(Name& name) {
+  unsigned long long inode = 0;
+  if (GetFidAndFilesRowId(name.fidsRowId, &name.fid, &inode) && inode == name.inode) return;
+  name.fid = {};
+  name.fidsRowId = 0;
+}
+
+void LiveCatalogue::learnNames(unsigned long long folder) {
+  names_.learn(folder);
+  run(namesIn_, filesDb, kNamesIn).bind(folder).read([&](sqlite3_stmt* row) {
+    names_.add(folder, columnText(row, 1), {.inode = column64(row, 0)});
+  });
+  for (const auto& [fid, entry] : journalMap)
+    if (entry.created && entry.parentInode == folder)
+      names_.add(folder, mbeToUtf(entry.name.c_str()), {.fid = fid});
+}
+
+std::optional<Name> LiveCatalogue::bearerOf(unsigned long long folder, const char* name) {
+  if (!names_.knows(folder)) learnNames(folder);
+  const std::string wanted = mbeToUtf(name);
+  Name found;
+  const bool borne = names_.find(folder, wanted, [&](NameIndex::Bearer& bearer) {
+    return isBearer(bearer, folder, wanted, found);
+  });
+  return borne ? std::optional(found) : std::nullopt;
+}
+
+bool LiveCatalogue::isBearer(NameIndex::Bearer& bearer, unsigned long long folder,
+                             const std::string& name, Name& found) {
+  const auto matches = [&](const Name& row) { return row.parent == folder && row.name == name; };
+  if (bearer.inode != 0) {
+    const auto row = rowOf(bearer.inode);
+    if (!row || !matches(*row)) return false;
+    found = *row;
+    identify(found);
+    return true;
+  }
+  if (const DCJrn* entry = createdOf(bearer.fid)) {
+    if (entry->parentInode != folder || mbeToUtf(entry->name.c_str()) != name) return false;
+    found = {.fid = bearer.fid, .parent = folder, .name = name};
+    return true;
+  }
+  const auto names = namesOf(bearer.fid);  // written meanwhile; once for each name
+  const auto row = std::ranges::find_if(names, matches);
+  if (row == names.end()) return false;
+  found = *row;
+  bearer.inode = row->inode;
+  return true;
+}
+
+const DCJrn* LiveCatalogue::createdOf(const fsf_fid& fid) const {
+  const auto entry = journalMap.find(fid);
+  return entry != journalMap.end() && entry->second.created ? &entry->second : nullptr;
+}
+
+std::vector<Name> LiveCatalogue::childrenOf(unsigned long long folder) {
+  std::vector<Name> children;
+  run(childrenOf_, filesDb, kChildrenOf).bind(folder).read([&](sqlite3_stmt* row) {
+    children.push_back(nameFrom(row));
+  });
+  for (Name& child : children) identify(child);
+  return children;
+}
+
+std::vector<Name> LiveCatalogue::parkedRows() {
+  return childrenOf(kParked);
+}
+
+std::string LiveCatalogue::pathOf(unsigned long long folder, const std::string& name) {
+  if (folder == 0) return ".";
+  std::string path = name;
+  std::unordered_set<unsigned long long> passed;
+  while (passed.insert(folder).second) {
+    const auto row = rowOf(folder);
+    if (!row || row->parked()) break;
+    if (row->parent == 0) return path;
+    path = row->name + "/" + path;
+    folder = row->parent;
+  }
+  return {};
+}
+
+bool LiveCatalogue::apply(const FlrJrnCommandRaw& record) {
+  return ApplyJournal(this, record);
+}
+
+void LiveCatalogue::noteName(unsigned long long folder, const char* name, const fsf_fid& fid,
+                             unsigned long long inode) {
+  names_.add(folder, mbeToUtf(name), {inode, fid});
+}
+
+void LiveCatalogue::forgetName(const Name& name) {
+  names_.remove(name.parent, name.name, name.inode, name.fid);
+}
+
+unsigned long long LiveCatalogue::insertRow(StatFidName_s& entry, unsigned long long folder,
+                                            int type) {
+  DCSqliteDB::Insert(&entry, folder, type);
+  return filesDb->LastInsertRowId();
+}
+
+void LiveCatalogue::park(const Name& name) {
+  forgetName(name);
+  run(park_, filesDb, kPark).bind(kParked, name.inode).write();
+}
+
+void LiveCatalogue::forget(const Name& name) {
+  forgetName(name);
+  if (name.type != kFolder) return;
+  folders_.erase(name.fid);
+  names_.forget(name.inode);
+}
+
+void LiveCatalogue::drop(const Name& name) {
+  forget(name);
+  DeleteEntry(name.inode, name.fidsRowId);
+}
+
+void LiveCatalogue::moveRow(const Name& name, unsigned long long folder) {
+  forgetName(name);
+  run(moveRow_, filesDb, kMoveRow).bind(folder, name.inode).write();
+  names_.add(folder, name.name, {.inode = name.inode});
+}
+
+// What lies below may be pending, and is remembered by name. Not RemoveFolderGivenInode: it
+// believes what rows say of their identifiers. A row goes before what is below it is looked up, so
+// that rows in a circle are met once.
+std::uint64_t LiveCatalogue::dropTree(const Name& folder) {
+  FlushAllJournals();
+  names_.clear();
+  folders_.clear();
+  std::uint64_t rows = 0;
+  for (std::vector<Name> left = {folder}; !left.empty(); ++rows) {
+    const Name name = std::move(left.back());
+    left.pop_back();
+    DeleteEntry(name.inode, name.fidsRowId);
+    if (name.type != kFolder) continue;
+    std::ranges::move(childrenOf(name.inode), std::back_inserter(left));
+  }
+  return rows;
+}
+
+void LiveCatalogue::forgetUnlessBorne(unsigned long long fidsRowId) {
+  unsigned long long inode = 0;
+  if (!GetFidAndFilesRowId(fidsRowId, nullptr, &inode)) return;
+  const auto row = rowOf(inode);
+  if (!row || row->fidsRowId != fidsRowId) DeleteFidGivenRowId(fidsRowId);
+}
+
+void LiveCatalogue::adopt(Name& name, const fsf_fid& fid) {
+  InsertFid(&fid, name.inode, name.type);
+  name.fid = fid;
+  name.fidsRowId = fidDb->LastInsertRowId();
+  UpdateFidRowIdInFilesDB(name.inode, name.fidsRowId);
+}
+
+void LiveCatalogue::readopt(Name& name, const fsf_fid& fid) {
+  if (name.hasFid()) DeleteFidGivenRowId(name.fidsRowId);
+  adopt(name, fid);
+}
+
+void LiveCatalogue::stampNow(unsigned long long inode) {
+  const auto now = static_cast<int>(std::time(nullptr));
+  run(restamp_, filesDb, kRestamp).bind(now, inode).write();
+}
+
+void LiveCatalogue::CloseHandle(unsigned long refTime, bool keepUngraceful) {
+  FlushAllJournals();
+  for (Statement* statement :
+       {&rowOf_, &namesIn_, &childrenOf_, &pairsOf_, &park_, &moveRow_, &restamp_})
+    *statement = {};
+  names_.clear();
+  folders_.clear();
+  CumulativeJournal::CloseHandle(refTime, keepUngraceful);
+}
+
+}  // namespace kddc
