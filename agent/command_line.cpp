@@ -129,6 +129,8 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   Words words;
   addGlobalOptions(app, words.options);
   CLI::App* scan = addCommand(app, words, "scan", "Fill a fresh catalogue by a full scan");
+  CLI::App* rescan = addCommand(app, words, "rescan", "Correct a catalogue where the disk differs");
+  rescan->add_flag("--json", words.json, "The counts as JSON");
   CLI::App* list = addCommand(app, words, "list", "Print every entry");
   CLI::App* changes = addChanges(app, words);
   CLI::App* flush =
@@ -149,6 +151,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   const long long since = changes->parsed() ? readWhen(words.since) : 0;
   startLogging(words.options.verbosity);
   if (scan->parsed()) return runScan(words.options, words.volume);
+  if (rescan->parsed()) return runRescan(words.options, words.volume, words.json);
   if (list->parsed()) return runList(words.options, words.volume, words.form());
   if (check->parsed()) return runCheck(words.options, words.volume);
   if (flush->parsed()) return runFlush(words.options, words.volume);

@@ -39,6 +39,8 @@ struct ReplayOptions {
 };
 
 int runScan(const Options& options, const std::string& volume);
+// Prints counts as a line, or as JSON.
+int runRescan(const Options& options, const std::string& volume, bool json);
 int runList(const Options& options, const std::string& volume, Form form);
 struct ChangesOptions {
   long long since =

@@ -104,6 +104,40 @@ TEST_F(ProgramTest, AScanSaysHowManyEntriesItFoundAndNothingElse) {
   EXPECT_EQ(run("scan", {"-q"}).err, "");
 }
 
+TEST_F(ProgramTest, ARescanPrintsCountsAsALineOrAsJson) {
+  write("a");
+  write("b");
+  scan();
+  write("c");
+  std::filesystem::remove(volume + "/b");
+  change("UPDATE FILES SET MTIME=1 WHERE PINODE=0");  // within one second the root need not change
+  const Outcome outcome = run("rescan");
+  EXPECT_EQ(outcome.exitCode, 0) << outcome;
+  EXPECT_THAT(outcome.out, MatchesRegex("added 1, changed 1, moved 0, removed 1; "
+                                        "compared 3 in [0-9.]+ s\n"));
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_THAT(run("rescan", {"--json"}).out,
+              MatchesRegex("\\{\"added\":0,\"changed\":0,\"moved\":0,\"removed\":0,\"compared\":3,"
+                           "\"seconds\":[0-9.]+\\}\n"));
+  EXPECT_THAT(lines(run("list").out), UnorderedElementsAre(".", "a", "c"));
+}
+
+TEST_F(ProgramTest, ARescanNeedsACatalogueThatCanBeTrustedAndThatNobodyUses) {
+  const std::string scanIt = "; make a new one with: kddc scan " + volume;
+  expectFailure(run("rescan"), "there is no catalogue for " + volume + " in " + catalogue + scanIt);
+  scan();
+  {
+    DCSqliteDB other(catalogue);
+    ASSERT_TRUE(other.OpenHandle(false, false));
+    const Outcome outcome = run("rescan");
+    EXPECT_EQ(outcome.exitCode, 3);
+    EXPECT_THAT(outcome.err,
+                MatchesRegex("kddc: .* is in use by process [0-9]+ .*; stop it first\n"));
+  }
+  expectFailure(run("rescan"),
+                "the catalogue in " + catalogue + " was not closed properly" + scanIt);
+}
+
 TEST_F(ProgramTest, ListPrintsEveryPathRelativeToTheVolume) {
   write("one");
   write("sub/two");
