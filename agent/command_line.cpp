@@ -26,6 +26,8 @@ struct Words {
   std::vector<std::string> files;
   ReplayOptions replay;
   std::string format;
+  std::vector<std::string> volumes;
+  bool print = false;
   bool nul = false;
   bool json = false;
 
@@ -102,6 +104,20 @@ CLI::App* addReplay(CLI::App& app, Words& words) {
   return replay;
 }
 
+CLI::App* addWatch(CLI::App& app, Words& words) {
+  CLI::App* watch = app.add_subcommand("watch", "Keep catalogues current until Ctrl-C");
+  watch->add_option("VOLUME", words.volumes, "Folders, usually where volumes are mounted")
+      ->required();
+  watch->add_flag("--print", words.print, "Print what changes, as it is applied");
+  return watch;
+}
+
+int watch(const Words& words) {
+  if (words.volumes.size() > 1 && !words.options.catalogue.empty())
+    throw CLI::ValidationError("--catalogue", "names the catalogue of one volume only");
+  return runWatch(words.options, words.volumes, words.print);
+}
+
 int replay(Words& words) {
   if (words.options.catalogue.empty()) throw CLI::RequiredError("--catalogue");
   words.replay.format = words.recordFormat();
@@ -139,6 +155,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   CLI::App* check = addCommand(app, words, "check", "Check the integrity of both databases");
   CLI::App* dumping = addDump(app, words);
   CLI::App* replaying = addReplay(app, words);
+  CLI::App* watching = addWatch(app, words);
   addForms(list, words);
   addForms(changes, words);
 
@@ -157,6 +174,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   if (flush->parsed()) return runFlush(words.options, words.volume);
   if (status->parsed()) return runStatus(words.options, words.volume, words.json);
   if (replaying->parsed()) return replay(words);
+  if (watching->parsed()) return watch(words);
   if (dumping->parsed()) return runDump(words.files, words.recordFormat(), words.json);
   return runChanges(words.options, words.volume, {since, words.form(), !words.noFlush});
 }

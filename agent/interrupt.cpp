@@ -2,7 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/interrupt.h"
 
+#include <semaphore.h>
+
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 
 namespace kddc {
@@ -11,8 +14,16 @@ namespace {
 std::atomic<bool> came{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may use nothing else");
 
+// What else a handler may use: posts wake the thread that waits for interrupts.
+sem_t posted;
+std::atomic<bool> isWaiting{false};
+std::atomic<bool> isOver{false};
+
 void note(int) {
+  const int error = errno;
   came.store(true, std::memory_order_relaxed);
+  if (isWaiting) sem_post(&posted);
+  errno = error;
 }
 
 }  // namespace
@@ -25,6 +36,29 @@ void noteInterrupts() {
 
 bool interrupted() {
   return came.load(std::memory_order_relaxed);
+}
+
+InterruptThread::InterruptThread(std::function<void()> onInterrupt) {
+  sem_init(&posted, 0, 0);
+  isOver = false;
+  isWaiting = true;
+  noteInterrupts();
+  thread_ = std::thread([call = std::move(onInterrupt)] {
+    for (;;) {
+      while (sem_wait(&posted) != 0) {
+      }
+      if (isOver) return;
+      call();
+    }
+  });
+}
+
+InterruptThread::~InterruptThread() {
+  isWaiting = false;
+  isOver = true;
+  sem_post(&posted);
+  thread_.join();
+  sem_destroy(&posted);
 }
 
 }  // namespace kddc

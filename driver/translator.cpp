@@ -190,7 +190,9 @@ bool Translator::resolve(const fsf_fid& fid, bool lastTime) {
   if (look.sight == Sight::kUnknown) return true;
   const Whereabouts where = isThere(look) ? disk_.whereabouts(fid) : Whereabouts::kGone;
   if (where == Whereabouts::kInside && !lastTime) return false;
-  if (where == Whereabouts::kUnknown)
+  if (where == Whereabouts::kInside)  // the event that has to come did not
+    output_.failedLook(ETIMEDOUT);
+  else if (where == Whereabouts::kUnknown)
     output_.failedLook(EIO);
   else
     sayLinkCount(fid, 0, where == Whereabouts::kGone ? Look() : look);

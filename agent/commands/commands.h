@@ -56,6 +56,8 @@ int runStatus(const Options& options, const std::string& volume, bool json);
 int runCheck(const Options& options, const std::string& volume);
 // As text, or as JSON Lines.
 int runDump(const std::vector<std::string>& files, RecordFormat format, bool json);
+// Until an interrupt. `print`: a line for each change, as it is applied.
+int runWatch(const Options& options, const std::vector<std::string>& volumes, bool print);
 int runReplay(const Options& options, const ReplayOptions& replayOptions);
 
 }  // namespace kddc

@@ -18,7 +18,8 @@ namespace {
 using std::chrono::milliseconds;
 using Result = Channel::Result;
 
-constexpr milliseconds kFlushPatience = std::chrono::seconds(60);
+// A scan may have to end first.
+constexpr milliseconds kFlushPatience = std::chrono::hours(24);
 
 // "60 s", "250 ms"
 std::string textOf(milliseconds time) {

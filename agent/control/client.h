@@ -26,8 +26,8 @@ std::optional<nlohmann::json> askSocket(const std::string& socket, const Control
 std::optional<nlohmann::json> ask(const Options& options, const ControlRequest& request,
                                   std::chrono::milliseconds timeout);
 
-// Waits until everything that happened on the volume before the call is in its catalogue, a minute
-// at most. False when nobody watches it.
+// Waits until everything that happened on the volume before the call is in its catalogue. False
+// when nobody watches it.
 bool flushWatched(const Options& options, const std::string& volumePath);
 
 }  // namespace kddc

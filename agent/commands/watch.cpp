@@ -1,0 +1,109 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// kddc watch VOLUME...: keeps catalogues current until it is told to stop.
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "agent/catalogue_place.h"
+#include "agent/commands/commands.h"
+#include "agent/control/server.h"
+#include "agent/control/volume_status.h"
+#include "agent/errors.h"
+#include "agent/interrupt.h"
+#include "agent/live/watch_session.h"
+#include "agent/output.h"
+#include "agent/progress.h"
+#include "platform/stub_attribute.h"
+
+namespace kddc {
+namespace {
+
+const char* wordFor(CatalogueChange::Kind kind) {
+  switch (kind) {
+    case CatalogueChange::Kind::kAdded:
+      return "added";
+    case CatalogueChange::Kind::kChanged:
+      return "changed";
+    case CatalogueChange::Kind::kMoved:
+      return "moved";
+    default:
+      return "removed";
+  }
+}
+
+WatchPlan planFor(const Options& options, const std::vector<std::string>& volumes) {
+  WatchPlan plan;
+  plan.stateFolder = stateFolder(options);
+  plan.stubAttribute = stubAttribute();
+  for (const std::string& volume : volumes) {
+    const std::string path = realVolumePath(volume);
+    plan.volumes.push_back({path, catalogueFolder(options, path)});
+  }
+  const std::string own = plan.stateFolder + "/queues/" + placeName(plan.volumes.front().path);
+  plan.queueFolder = own;
+  plan.numbersFile = own + ".numbers";
+  return plan;
+}
+
+std::vector<ControlPlace> placesFor(const Options& options, const WatchPlan& plan) {
+  std::vector<ControlPlace> places;
+  for (const WatchPlan::Volume& volume : plan.volumes)
+    places.push_back({volume.path, controlSocket(options, volume.path)});
+  return places;
+}
+
+nlohmann::json toJson(const SettleCounts& counts) {
+  return {{"added", counts.added},
+          {"changed", counts.changed},
+          {"moved", counts.moved},
+          {"removed", counts.removed}};
+}
+
+nlohmann::json answer(WatchSession& session, const ControlRequest& request,
+                      const ControlServer::Gone& gone) {
+  switch (request.command) {
+    case ControlCommand::kStatus:
+      return toJson(session.status(request.volume));
+    case ControlCommand::kFlush:
+      if (session.flush(request.volume, gone)) return nlohmann::json::object();
+      break;
+    case ControlCommand::kRescan:
+      if (const auto counts = session.rescan(request.volume, gone)) return toJson(*counts);
+      break;
+  }
+  throw Failure("the process that watches " + request.volume + " is stopping");
+}
+
+void say(const std::string& line) {
+  fmt::print("{}\n", line);
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+int runWatch(const Options& options, const std::vector<std::string>& volumes, bool print) {
+  Progress progress(!options.quiet && options.verbosity == 0);
+  WatchListeners listeners;
+  listeners.note = [&](const std::string& line) {
+    if (!options.quiet) complain(line);
+  };
+  listeners.progress = [&](std::uint64_t entries) { progress.update(entries); };
+  if (print)
+    listeners.change = [](CatalogueChange::Kind kind, const std::string& path) {
+      say(fmt::format("{} {}", wordFor(kind), path));
+    };
+  const WatchPlan plan = planFor(options, volumes);
+  WatchSession session(plan, std::move(listeners));
+  const InterruptThread interrupts([&] { session.stop(); });
+  const ControlServer server(placesFor(options, plan),
+                             [&](const ControlRequest& request, const ControlServer::Gone& gone) {
+                               return answer(session, request, gone);
+                             });
+  session.run([] { say("ready"); });
+  return kExitDone;
+}
+
+}  // namespace kddc

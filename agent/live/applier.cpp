@@ -1,0 +1,165 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/live/applier.h"
+
+#include <fmt/format.h>
+
+#include "platform/ev_debug.h"
+#include "records/journal_record.h"
+
+namespace kddc {
+namespace {
+
+constexpr char kTag[] = "Applier";
+constexpr std::chrono::milliseconds kPause(1000), kPatience(20);
+
+}  // namespace
+
+Applier::Applier(PersistentDCRawBuffer& queue, std::vector<VolumeRows*> volumes,
+                 unsigned long long first, Doubt doubt)
+    : queue_(queue),
+      volumes_(std::move(volumes)),
+      doubt_(std::move(doubt)),
+      expected_(first),
+      committed_(first - 1) {
+  counts_.expected = first;
+}
+
+void Applier::run() {
+  while (!isFinished()) {
+    readSome();
+    reportLosses();
+  }
+  const std::lock_guard lock(mutex_);
+  ended_ = true;
+  changed_.notify_all();
+}
+
+// Nothing is taken also between two blocks, and when the queue was told to let us go.
+void Applier::readSome() {
+  unsigned char* data = nullptr;
+  int length = 0;
+  try {
+    if (queue_.ReadEntry(&data, &length)) take({data, static_cast<std::size_t>(length)});
+  } catch (const std::exception&) {  // logged; the queue tries the same file again
+    doubt_(nullptr, "a swap file cannot be read");
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, kPause, [&] { return finished_; });
+  }
+}
+
+bool Applier::isFinished() const {
+  const std::lock_guard lock(mutex_);
+  return finished_;
+}
+
+bool Applier::hasEnded() const {
+  const std::lock_guard lock(mutex_);
+  return ended_;
+}
+
+void Applier::finishAtNextNoop() {
+  const std::lock_guard lock(mutex_);
+  finishing_ = true;
+}
+
+// A reader that begins to wait just now does not notice the first time.
+void Applier::abandon() {
+  std::unique_lock lock(mutex_);
+  finished_ = true;
+  do {
+    lock.unlock();
+    queue_.Abort();
+    lock.lock();
+  } while (!changed_.wait_for(lock, kPatience, [&] { return ended_; }));
+}
+
+void Applier::take(std::span<unsigned char> bytes) {
+  if (!isWellFormedRecord(bytes.data(), bytes.size())) {
+    count(bytes.size(), &Counts::refused);
+    dbg.Error(kTag, "a record of %zu bytes is damaged and was left out", bytes.size());
+    return doubt_(nullptr, "a record was damaged");
+  }
+  count(bytes.size());
+  FlrJrnCommandRaw record;
+  decodeRawCmd(bytes.data(), &record);
+  checkNumber(record.seq_num);
+  if (record.cmd == FLR_JRN_NOOP)
+    checkpoint(record.seq_num);
+  else
+    applyToVolumes(record);
+}
+
+void Applier::checkNumber(unsigned long long number) {
+  if (number != expected_) {
+    dbg.Error(kTag, "record %llu came where %llu was expected", number, expected_);
+    count(0, &Counts::gaps);
+    doubt_(nullptr, number > expected_ ? fmt::format("{} records are missing", number - expected_)
+                                       : "records came twice or out of order");
+  }
+  expected_ = number + 1;
+  const std::lock_guard lock(mutex_);
+  counts_.expected = expected_;
+}
+
+void Applier::applyToVolumes(const FlrJrnCommandRaw& record) {
+  for (VolumeRows* volume : volumes_)
+    if (volume->devt() == record.devt && volume->take(record) == Settle::Result::kFailed)
+      doubt_(volume, "a record could not be applied");
+}
+
+void Applier::checkpoint(unsigned long long number) {
+  for (VolumeRows* volume : volumes_) {
+    try {
+      volume->checkpoint();
+    } catch (const std::exception& e) {
+      dbg.Error(kTag, "eRRoR -- %s", e.what());
+      doubt_(volume, "the catalogue could not be written");
+    }
+  }
+  const std::lock_guard lock(mutex_);
+  committed_ = number;
+  finished_ = finished_ || finishing_;
+  changed_.notify_all();
+}
+
+// The queue itself counts what it could not read back.
+void Applier::reportLosses() {
+  const unsigned long long damaged = queue_.DamagedBlocks();
+  if (damaged == damagedBlocks_) return;
+  damagedBlocks_ = damaged;
+  doubt_(nullptr, "a swap file was damaged");
+}
+
+void Applier::measureRate() {
+  ++rateRecords_;
+  const auto now = std::chrono::steady_clock::now();
+  const std::chrono::duration<double> passed = now - rateBegan_;
+  if (passed.count() < 1) return;
+  counts_.rate = static_cast<double>(rateRecords_) / passed.count();
+  rateBegan_ = now;
+  rateRecords_ = 0;
+}
+
+void Applier::count(std::size_t bytes, std::uint64_t Counts::*what) {
+  const std::lock_guard lock(mutex_);
+  if (bytes > 0) {
+    ++counts_.records;
+    measureRate();
+  }
+  counts_.bytes += bytes;
+  if (what) ++(counts_.*what);
+}
+
+Applier::Counts Applier::counts() const {
+  const std::lock_guard lock(mutex_);
+  return counts_;
+}
+
+bool Applier::waitFor(unsigned long long number, std::chrono::milliseconds patience) {
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, patience, [&] { return committed_ >= number || ended_; });
+  return committed_ >= number;
+}
+
+}  // namespace kddc

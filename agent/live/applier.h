@@ -1,0 +1,93 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// The database thread: takes records out of the queue, checks and decodes them, settles and applies
+// them to the catalogues of their volumes, and commits.
+//
+//   ReadEntry ─► well formed? ─► decodeRawCmd ─► number as expected? ─► Settle::take, for each
+//   catalogue of the record's devt (volumes on one file system share it)
+//
+// A NOOP is where the driver had nothing more to say: there pending entries are written, the
+// catalogues committed, and whoever waits for that number is woken. Under load SQLite commits in
+// groups by itself.
+//
+// Nothing that goes wrong is passed over: a record that is refused, a number that is missing or
+// comes again, records that the queue lost, one that could not be applied. Each is counted, logged
+// and reported as a doubt, upon which the volumes are compared with the disk.
+//
+// Threads: `run` on the database thread; the other functions from any.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "agent/live/volume_rows.h"
+#include "buffer/persistent_raw_buffer.h"
+
+namespace kddc {
+
+class Applier {
+ public:
+  // What makes a comparison with the disk necessary; none of the volumes in particular when null.
+  using Doubt = std::function<void(const VolumeRows*, const std::string& reason)>;
+
+  // All must outlive the object. `first` is the number of the first record that is expected.
+  Applier(PersistentDCRawBuffer& queue, std::vector<VolumeRows*> volumes, unsigned long long first,
+          Doubt doubt);
+
+  // Works until a NOOP after finishAtNextNoop, or until `abandon`.
+  void run();
+  void finishAtNextNoop();
+  // Stops after the record in hand and waits for that. What is left stays in the queue.
+  void abandon();
+
+  // Waits until the record of that number is applied and committed; false when time is up or the
+  // thread has ended before.
+  bool waitFor(unsigned long long number, std::chrono::milliseconds patience);
+  bool hasEnded() const;
+
+  struct Counts {
+    std::uint64_t records = 0;  // taken out of the queue
+    std::uint64_t bytes = 0;
+    std::uint64_t refused = 0;   // not well formed
+    std::uint64_t gaps = 0;      // numbers that did not follow each other
+    std::uint64_t expected = 0;  // the number of the next record
+    double rate = 0;             // records in the last whole second in which there were any
+  };
+  Counts counts() const;
+
+ private:
+  void readSome();
+  void take(std::span<unsigned char> bytes);
+  void checkNumber(unsigned long long number);
+  void applyToVolumes(const FlrJrnCommandRaw& record);
+  void checkpoint(unsigned long long number);
+  void reportLosses();
+  void measureRate();
+  void count(std::size_t bytes, std::uint64_t Counts::*what = nullptr);
+  bool isFinished() const;
+
+  PersistentDCRawBuffer& queue_;
+  std::vector<VolumeRows*> volumes_;
+  Doubt doubt_;
+  unsigned long long expected_;
+  unsigned long long damagedBlocks_ = 0;
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  Counts counts_;
+  unsigned long long committed_ = 0;  // every record up to here is applied and committed
+  std::chrono::steady_clock::time_point rateBegan_;
+  std::uint64_t rateRecords_ = 0;
+  bool finishing_ = false;
+  bool finished_ = false;
+  bool ended_ = false;
+};
+
+}  // namespace kddc

@@ -1,0 +1,59 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// The driver of one file system on its thread, and what a volume asks of it.
+//
+// The thread works until `end`; what leaves the driver as an exception (the queue cannot take a
+// record) is reported as a doubt, and the driver goes on with what the kernel has queued.
+//
+// Threads: `lastQuestion`, the questions and `barrier` from any; the rest from the owner's.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "agent/live/volume_rows.h"
+#include "driver/driver.h"
+
+namespace kddc {
+
+class DriverPort : public DriverQuestions {
+ public:
+  // Marks the file system: from now on no change is missed. Throws CannotWatch.
+  DriverPort(DriverOptions options, DriverSinks sinks);
+  ~DriverPort() override { end(); }
+
+  // Starts the thread; `begun` is called on it first.
+  void start(std::function<void()> begun);
+  // Ends the thread: what the kernel has queued is still said.
+  void end();
+
+  void list(const fsf_fid& folder) override { note(driver_.list(folder)); }
+  void look(const fsf_fid& folder, const std::string& name) override {
+    note(driver_.look(folder, name));
+  }
+  void lookAt(const fsf_fid& file) override { note(driver_.lookAt(file)); }
+  std::uint64_t resolve(const fsf_fid& file) override { return note(driver_.resolve(file)); }
+  bool isAnswered(std::uint64_t question) const override {
+    return driver_.finished().request >= question;
+  }
+
+  // The number of the last question.
+  std::uint64_t lastQuestion() const { return lastQuestion_; }
+  Driver& driver() { return driver_; }
+
+ private:
+  void run();
+  std::uint64_t note(std::uint64_t question);
+
+  std::function<void(const std::string&)> doubt_;
+  Driver driver_;
+  std::atomic<std::uint64_t> lastQuestion_ = 0;
+  std::atomic<bool> ending_ = false;
+  std::thread thread_;
+};
+
+}  // namespace kddc

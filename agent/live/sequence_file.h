@@ -1,0 +1,30 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// The numbers of records over restarts: they rise by one from record to record, also from one run
+// to the next. One line of text, "<next> <expected>":
+//
+//   next       the number that the driver gives the next record
+//   expected   the number of the first record that has not been applied; lower than `next` when
+//              records were saved with the queue
+//
+// While a run lasts the file holds numbers far ahead, so that after a crash no number that may have
+// been given comes again; the jump is noticed, and the volumes are compared with the disk anyway.
+//
+// Failures: Failure. A file that cannot be understood counts as one that is not there.
+#pragma once
+
+#include <string>
+
+namespace kddc {
+
+struct RecordNumbers {
+  unsigned long long next = 1, expected = 1;
+};
+
+// The numbers with which a run begins; leaves the numbers for a crash in the file, durably.
+RecordNumbers beginNumbering(const std::string& file);
+// At the end of a run.
+void keepNumbers(const std::string& file, const RecordNumbers& numbers);
+
+}  // namespace kddc
