@@ -4,17 +4,16 @@
 // workload: everything that can be done to a tree, at random, by several processes at once. A seed
 // fixes what each process tries; how they come between each other is the scheduler's.
 #include <fcntl.h>
-#include <sys/resource.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <numeric>
 #include <stdexcept>
 #include <vector>
 
@@ -82,6 +81,7 @@ int runWorkload(const Options& options) {
     const pid_t child = fork();
     if (child < 0) throw std::runtime_error("cannot fork");
     if (child > 0) continue;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     work(options, index);
     _exit(0);
   }
