@@ -166,8 +166,8 @@ std::span<const Operation> nameOperations() {
 void makeManyLinks(Worker& worker) {
   constexpr int kLinks = 16500, kTakenAway = 300;
   const UniqueFd root = worker.root();
-  mkdirat(root.get(), "keep-links", 0755);
-  const UniqueFd folder = openFolder(root.get(), "keep-links");
+  mkdirat(root.get(), kManyLinks, 0755);
+  const UniqueFd folder = openFolder(root.get(), kManyLinks);
   const UniqueFd file(openat(folder.get(), "0", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
   const auto nameOf = [](int i) { return std::to_string(i); };
   for (int i = 1; i < kLinks; ++i) linkat(folder.get(), "0", folder.get(), nameOf(i).c_str(), 0);

@@ -111,6 +111,7 @@ UniqueFd Worker::folder() {
   for (int depth = 0; depth < kDeepest && (toTheBottom || !random.oneIn(3)); ++depth) {
     auto folders = entriesOf(at.get());
     keepOnly(folders, Kind::kFolder, Kept::kToo);
+    std::erase_if(folders, [](const Entry& entry) { return entry.name == kManyLinks; });
     if (folders.empty()) break;
     UniqueFd next = openFolder(at.get(), random.pick(folders).name);
     if (!next) break;

@@ -35,6 +35,9 @@ inline bool isKept(std::string_view name) {
   return name.starts_with(kKept);
 }
 
+// Holds one file under thousands of names; nobody else works there, for listing it takes long.
+inline constexpr char kManyLinks[] = "keep-links";
+
 struct Place {
   UniqueFd folder;
   std::string name;
