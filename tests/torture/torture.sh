@@ -2,7 +2,7 @@
 # SPDX-FileCopyrightText: The kddc authors
 # SPDX-License-Identifier: Apache-2.0
 #
-# torture.sh [--short] [--scan] BUILD [RUNS] [SEED]: is a live catalogue exact, whatever is done to
+# torture.sh BUILD [--short] [--scan] [RUNS] [SEED]: is a live catalogue exact, whatever is done to
 # the volume?
 #
 # A run is fixed by its seed: SEED, SEED + 1, and so on; `torture.sh BUILD 1 137` does run 137 again.
@@ -44,6 +44,8 @@ variants=(
 runs=200
 operations=${KDDC_TORTURE_OPERATIONS:-20000}
 engine=watch
+build=$(realpath "$1")
+shift
 while [[ ${1:-} == --* ]]; do
   case $1 in
     --short) runs=${#variants[@]} operations=3000 ;;
@@ -52,9 +54,8 @@ while [[ ${1:-} == --* ]]; do
   esac
   shift
 done
-build=$(realpath "$1")
-runs=${2:-$runs}
-first_seed=${3:-1}
+runs=${1:-$runs}
+first_seed=${2:-1}
 
 kddc=$build/agent/kddc
 workload=$build/tests/torture/workload
@@ -66,8 +67,17 @@ evidence=$(dirname "$build")/torture
 work=$(mktemp -d "${KDDC_TORTURE_DIR:-/tmp}/kddc-torture-XXXXXX")
 log=$work/log
 runner=
+# All that belongs to the run at hand.
+end_runner() {
+  [ -n "$runner" ] || return 0
+  {
+    kill -KILL -- "-$runner"
+    wait "$runner"
+  } 2>/dev/null || true
+  runner=
+}
 clean_up() {
-  [ -z "$runner" ] || kill -KILL -- "-$runner" 2>/dev/null || true
+  end_runner
   local fs
   for fs in "${file_systems[@]}"; do
     ! mountpoint -q "$work/$fs" || umount --lazy "$work/$fs"
@@ -254,8 +264,7 @@ run_apart() {
   set +m
   wait "$runner" 2>/dev/null && result=exact ||
     result=$(cat "$log/why" 2>/dev/null || tail -n 1 "$log/run.log")
-  kill -KILL -- "-$runner" 2>/dev/null || true
-  runner=
+  end_runner
 }
 
 for fs in "${file_systems[@]}"; do
