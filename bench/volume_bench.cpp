@@ -9,70 +9,29 @@
 //   volume_bench [--smoke | --files N]
 //
 // Works in $KDDC_BENCH_DIR (default /var/tmp); a million files take 2 GB there until the end.
-#include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "bench/measured_command.h"
+
 namespace {
 
-using Command = std::vector<std::string>;
-
-struct Cost {
-  double seconds = 1e9;
-  long mebibytes = 0;  // at its largest
-};
-
-[[noreturn]] void become(const Command& command, const std::string& output) {
-  const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  dup2(fd, STDOUT_FILENO);
-  std::vector<char*> words;
-  for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
-  words.push_back(nullptr);
-  execvp(words[0], words.data());
-  _exit(127);
-}
-
-using Clock = std::chrono::steady_clock;
-
-pid_t start(const Command& command, const std::string& output) {
-  const pid_t child = fork();
-  if (child == 0) become(command, output);
-  return child;
-}
-
-// Waits for the end of a program that was started then.
-Cost finish(pid_t child, const std::string& name, Clock::time_point began) {
-  int status = 0;
-  rusage usage{};
-  wait4(child, &status, 0, &usage);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error(name + " failed");
-  const std::chrono::duration<double> took = Clock::now() - began;
-  return {took.count(), usage.ru_maxrss / 1024};
-}
-
-Cost run(const Command& command, const std::string& output) {
-  const auto began = Clock::now();
-  return finish(start(command, output), command[0], began);
-}
-
-void keepBest(Cost& best, const Cost& cost) {
-  best = {std::min(best.seconds, cost.seconds), std::max(best.mebibytes, cost.mebibytes)};
-}
+using kddc::Command;
+using kddc::Cost;
+using kddc::finish;
+using kddc::keepBest;
+using kddc::run;
+using kddc::start;
 
 std::vector<std::string> sortedLines(const std::string& path) {
   std::ifstream in(path);
@@ -110,9 +69,7 @@ class Watchman {
         {"watchman", "--foreground", "--no-save-state", socket(), "--logfile=" + folder + "/log",
          "--pidfile=" + folder + "/pid", "--statefile=" + folder + "/state"},
         folder + "/out");
-    // Its socket is there a moment before it listens.
-    const std::string question = "watchman --no-spawn " + socket() + " get-pid >/dev/null 2>&1";
-    for (int tries = 0; std::system(question.c_str()) != 0; ++tries) {
+    for (int tries = 0; !std::filesystem::exists(folder + "/socket"); ++tries) {
       if (tries == 1000) throw std::runtime_error("watchman does not start");
       usleep(10000);
     }
