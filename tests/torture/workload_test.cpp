@@ -47,6 +47,14 @@ struct WorkloadTest : testing::Test {
                          facts.type == 1 ? 0 : facts.size);
     return shape;
   }
+  std::set<std::string> identifiers(const std::string& folder) const {
+    std::set<std::string> identifiers;
+    for (const auto& [path, facts] : TreeWalk::of(temp / folder)) identifiers.insert(facts.fid);
+    return identifiers;
+  }
+  static bool meet(const std::set<std::string>& a, const std::set<std::string>& b) {
+    return std::ranges::any_of(a, [&](const std::string& fid) { return b.contains(fid); });
+  }
   std::set<std::string> survivors(const std::string& file) const {
     std::ifstream list(temp / file);
     return {std::istream_iterator<std::string>(list), {}};
@@ -67,8 +75,7 @@ TEST_F(WorkloadTest, AnotherSeedMakesAnotherTree) {
 
 TEST_F(WorkloadTest, WhatLivesThroughoutIsThereAtTheEnd) {
   work("a", "--seed 7 --operations 6000 --processes 3 --survivors " + temp / "survivors");
-  std::set<std::string> atTheEnd;
-  for (const auto& [path, facts] : TreeWalk::of(temp / "a")) atTheEnd.insert(facts.fid);
+  const auto atTheEnd = identifiers("a");
   const auto listed = survivors("survivors");
   EXPECT_EQ(listed.size(), 46u);  // 30 files, 10 with further links, 6 folders
   EXPECT_TRUE(std::ranges::includes(atTheEnd, listed));
@@ -80,10 +87,13 @@ TEST_F(WorkloadTest, ASecondWorkloadFindsThoseThatLive) {
   EXPECT_EQ(survivors("first"), survivors("second"));
 }
 
-TEST_F(WorkloadTest, ThingsMoveToTheFolderOutside) {
-  std::filesystem::create_directory(temp / "outside");
-  work("a", "--operations 3000 --outside " + temp / "outside");
-  EXPECT_GT(shapeOf("outside").size(), 50u);
+TEST_F(WorkloadTest, ThingsMoveToTheFolderOutsideAndBack) {
+  work("a", "--operations 1000");
+  work("outside", "--operations 1000 --seed 2");
+  const auto inside = identifiers("a"), outside = identifiers("outside");
+  work("a", "--operations 4000 --seed 3 --outside " + temp / "outside");
+  EXPECT_TRUE(meet(inside, identifiers("outside")));
+  EXPECT_TRUE(meet(outside, identifiers("a")));
 }
 
 TEST_F(WorkloadTest, OneFileHasMoreLinksThanARecordsHeaderCanTell) {

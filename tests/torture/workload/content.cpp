@@ -23,9 +23,14 @@ constexpr int kOpen = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::uint64_t kMostBytes = 20000;
 constexpr off_t kFarOffset = off_t{1} << 33;  // a size that needs more than 32 bits
 
+// Not everything can be opened: a link, a socket, a node without a driver.
 UniqueFd openExisting(Worker& w, int flags = 0) {
-  const Place at = w.existing(Kind::kOther, Kept::kToo);
-  return UniqueFd(openat(at.folder.get(), at.name.c_str(), kOpen | flags));
+  UniqueFd fd;
+  for (int tries = 0; tries < 3 && !fd; ++tries) {
+    const Place at = w.existing(Kind::kOther, Kept::kToo);
+    fd.reset(openat(at.folder.get(), at.name.c_str(), kOpen | flags));
+  }
+  return fd;
 }
 
 off_t someOffset(Worker& w) {

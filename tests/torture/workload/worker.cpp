@@ -13,6 +13,7 @@ namespace kddc::torture {
 namespace {
 
 constexpr int kDeepest = 300;
+constexpr int kTries = 4;  // folders looked into for an entry of the wanted kind
 constexpr std::size_t kMostHeld = 24;
 constexpr std::size_t kLongestName = 255;
 
@@ -134,14 +135,13 @@ std::string Worker::name() {
 
 Place Worker::existing(Kind kind, Kept kept) {
   UniqueFd in = folder();
-  std::string name = existingIn(in.get(), kind, kept);
-  return {std::move(in), std::move(name)};
-}
-
-std::string Worker::existingIn(int folder, Kind kind, Kept kept) {
-  auto entries = entriesOf(folder);
-  keepOnly(entries, kind, kept);
-  return entries.empty() || random.oneIn(20) ? name() : random.pick(entries).name;
+  for (int tries = 0; tries < kTries && !random.oneIn(20); ++tries) {
+    auto entries = entriesOf(in.get());
+    keepOnly(entries, kind, kept);
+    if (!entries.empty()) return {std::move(in), random.pick(entries).name};
+    in = folder();
+  }
+  return {std::move(in), name()};
 }
 
 UniqueFd Worker::keptFolder() {

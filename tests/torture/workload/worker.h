@@ -71,10 +71,8 @@ class Worker {
   std::string name();
   // Any name in any folder; it may stand for something or not.
   Place place() { return {folder(), name()}; }
-  // An entry that existed a moment ago; any name where there was none.
+  // An entry that existed a moment ago; now and then, or where none is found, any name.
   Place existing(Kind kind = Kind::kAny, Kept kept = Kept::kNever);
-  // The same in a folder at hand.
-  std::string existingIn(int folder, Kind kind, Kept kept);
 
   // A folder that lives throughout, and an entry in one whose name begins with `prefix`.
   UniqueFd keptFolder();
