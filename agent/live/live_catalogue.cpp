@@ -79,15 +79,16 @@ std::size_t LiveCatalogue::FidHash::operator()(const fsf_fid& fid) const {
   return std::hash<std::string_view>()({reinterpret_cast<const char*>(fid.data), sizeof fid.data});
 }
 
+// Of the two rows of a folder that moved while it was scanned the last one, which is where the
+// operations of the journal put what a record says to be in it.
 std::optional<unsigned long long> LiveCatalogue::folderOf(const fsf_fid& fid) {
   if (const auto known = folders_.find(fid); known != folders_.end()) return known->second;
-  for (const Name& name : namesOf(fid, 2)) {
-    if (name.type != kFolder) continue;
-    if (folders_.size() >= kMostFolders) folders_.clear();
-    folders_[fid] = name.inode;
-    return name.inode;
-  }
-  return std::nullopt;
+  std::optional<unsigned long long> inode;
+  for (const Name& name : namesOf(fid))
+    if (name.type == kFolder) inode = name.inode;
+  if (inode && folders_.size() >= kMostFolders) folders_.clear();
+  if (inode) folders_[fid] = *inode;
+  return inode;
 }
 
 std::vector<Name> LiveCatalogue::namesOf(const fsf_fid& fid, int most) {

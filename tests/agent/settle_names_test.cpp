@@ -59,6 +59,20 @@ TEST_F(SettleTest, AFileWithOneLinkAtANewNameHasMovedAndKeepsItsRow) {
   expectPaired();
 }
 
+// A scan that meets a folder and a file again, at the places that they moved to meanwhile, gives
+// each two rows.
+TEST_F(SettleTest, AFileThatMovedIntoAFolderWithTwoRowsStandsThereOnce) {
+  StatFidName_s before = entry("d", 'D', kDirectory), after = entry("e", 'D', kDirectory);
+  StatFidName_s left = entry("a", 'A', kRegular), arrived = entry("n", 'A', kRegular);
+  db.Insert(&before, 1, 7);
+  db.Insert(&after, 1, 7);
+  db.Insert(&left, 1, 7);
+  db.Insert(&arrived, 3, 7);
+  renamed('A', 'R', "a", 'D', "n");
+  EXPECT_THAT(written(), ElementsAre(kRoot, "2|1|d", "3|1|e", "5|3|n"));
+  expectPaired();
+}
+
 TEST_F(SettleTest, AFileWithTwoLinksAtANewNameGetsAFurtherRow) {
   present('R', "a", 'A');
   present('R', "b", 'A', {.links = 2});

@@ -60,8 +60,10 @@ class ScannedVolume {
   UniqueFd open() const {
     return UniqueFd(::open(volume_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   }
-  // Every row gets the stamp 1000, as if the scan had been long ago.
+  // As if the folders had been changed for the last time long ago, and the scan too: every row gets
+  // the stamp 1000.
   void scan() {
+    ageFolders();
     NewCatalogue fresh(catalogue(), volume_);
     fullScan(open(), volume_, options, fresh.rows(), [](std::uint64_t) {});
     fresh.publish(std::time(nullptr));
@@ -122,6 +124,15 @@ class ScannedVolume {
   }
 
  private:
+  void ageFolders() const {
+    const timespec old[2] = {{0, UTIME_OMIT}, {1000, 0}};
+    const auto age = [&](const std::string& path) {
+      EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), old, 0), 0) << path;
+    };
+    age(volume_);
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(volume_))
+      if (entry.is_directory() && !entry.is_symlink()) age(entry.path());
+  }
   struct Row {
     long long parent = 0;
     std::string name, text;
