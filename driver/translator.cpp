@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "driver/record_mask.h"
+
 namespace kddc {
 namespace {
 
@@ -226,7 +228,7 @@ std::size_t Translator::listMore() {
     const Look& look = lookedUp({listed_, name});
     if (!isThere(look)) continue;
     if (S_ISDIR(look.st.st_mode)) toList_.push_back(look.fid);
-    sayPresent({listed_, name}, look, kListedInMask);
+    sayPresent({listed_, name}, look, true);
   }
   return names.size();
 }
@@ -294,14 +296,14 @@ void Translator::sayName(const Name& name, const fsf_fid& lost, bool wasFolder) 
   const Look& look = lookedUp(name);
   if (look.sight == Sight::kUnknown) return;
   if (isThere(look))
-    sayPresent(name, look, 0);
+    sayPresent(name, look, false);
   else
     sayAbsent(name, lost, wasFolder);
 }
 
-void Translator::sayPresent(const Name& name, const Look& look, unsigned int mask) {
+void Translator::sayPresent(const Name& name, const Look& look, bool listed) {
   FlrJrnCommandRaw record = presentOf(name.first, name.second.c_str(), look);
-  record.mask = mask;
+  if (listed) record.mask = RecordMask::kListed;
   emit(record, look);
   sayAttributes(look.fid);
 }
@@ -332,7 +334,7 @@ void Translator::sayAttributes(const fsf_fid& fid) {
   if (!isThere(look)) return sayLinkCount(fid, 0, look);
   emit(setAttrOf(look), look);
   sayStub(look);
-  if (linksOf(look) >= kMaxLinksInMask) sayLinkCount(fid, linksOf(look), look);
+  if (linksOf(look) >= RecordMask::kManyLinks) sayLinkCount(fid, linksOf(look), look);
 }
 
 void Translator::sayStub(const Look& look) {
@@ -352,7 +354,7 @@ void Translator::sayLinkCount(const fsf_fid& fid, unsigned int count, const Look
 }
 
 void Translator::emit(FlrJrnCommandRaw record, const Look& look) {
-  record.mask |= std::min(linksOf(look), kMaxLinksInMask);
+  record.mask |= RecordMask::of(linksOf(look), false).value();
   record.timestamp = look.sight == Sight::kThere
                          ? static_cast<std::uint32_t>(look.st.st_ctim.tv_sec)
                          : options_.now();

@@ -19,9 +19,8 @@
 //
 // WHAT IT SAYS. One batch (what one read gave) looks at each name and each file once, and says of
 //   a name that stands for L     MKDIR, SYMLINK or else CREATE of L: whether L is new or this is
-//   one
-//                                more name of it, only the catalogue knows. Then the attributes of
-//                                L
+//                                one more name of it, only the catalogue knows. Then the attributes
+//                                of L
 //   a name that stands for none  REMOVE, or RMDIR when the event was a folder's, with the file that
 //                                the event spoke of and the links that this has left
 //   a RENAME that holds good     RENAME: the new name stands for the file, the old one does not. It
@@ -29,18 +28,15 @@
 //                                when the batch has not yet spoken of either name
 //   any other RENAME             both names as above, the new one first
 //   the attributes of X          SETATTR with everything; of a regular file STUB after it when it
-//   is
-//                                one, UNSTUB when it is none and may have been (its event had
+//                                is one, UNSTUB when it is none and may have been (its event had
 //                                ATTRIB)
 //   an X that is gone            a link count: REMOVE in no folder (zero) and without a name, whose
 //                                nlink is 0. A count of 16383 or more is told so, too
 // After the names of a batch come the attributes of the files that its events spoke of and of the
 // folders of its names, because no event tells that a folder changed along with its names.
 //
-// MASK of a record: bits 0 to 13 the link count of the object that it speaks of (for 16383 read "or
-// more"), 0 when that is gone; bit 14 set on a name that was found by listing a folder, so that
-// whoever reads it knows that what lies below is listed, too. TIMESTAMP: the low 32 bits of the
-// object's ctime, in seconds; the present time when it is gone.
+// MASK of a record: RecordMask; the link count is 0 when the object is gone. TIMESTAMP: the low 32
+// bits of the object's ctime, in seconds; the present time when it is gone.
 //
 // Dropped are events of our own process and those on names in folders that are left out (also
 // changes of files through such names). A look that fails gives no record and is reported instead.
@@ -65,9 +61,6 @@
 #include "records/journal_record.h"
 
 namespace kddc {
-
-inline constexpr unsigned int kMaxLinksInMask = 16383;
-inline constexpr unsigned int kListedInMask = 0x4000;
 
 struct TranslatorOptions {
   int ownPid = -1;                // whose events are dropped
@@ -123,7 +116,7 @@ class Translator {
   void sayRename(const Event& event, const Name& from, const Name& to);
   bool sayMove(const fsf_fid& file, const Name& from, const Name& to);
   void sayName(const Name& name, const fsf_fid& lost, bool wasFolder);
-  void sayPresent(const Name& name, const Look& look, unsigned int mask);
+  void sayPresent(const Name& name, const Look& look, bool listed);
   void sayAbsent(const Name& name, const fsf_fid& lost, bool wasFolder);
   void sayObjects(const Event& event);
   void sayAttributes(const fsf_fid& fid);

@@ -9,10 +9,10 @@
 
 #include "agent/engine/catalogue_folder.h"
 #include "agent/errors.h"
-#include "agent/live/found_records.h"
-#include "agent/live/record_mask.h"
 #include "agent/live/record_spool.h"
 #include "agent/live/strays.h"
+#include "driver/found_records.h"
+#include "driver/record_mask.h"
 
 namespace kddc {
 namespace {

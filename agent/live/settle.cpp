@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "agent/live/record_mask.h"
+#include "driver/record_mask.h"
 #include "catalogue/file_type.h"
 #include "platform/exceptions.h"
 #include "platform/logged.h"

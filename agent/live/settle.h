@@ -39,7 +39,7 @@
 #include <vector>
 
 #include "agent/live/live_catalogue.h"
-#include "agent/live/record_mask.h"
+#include "driver/record_mask.h"
 #include "records/journal_record.h"
 
 namespace kddc {

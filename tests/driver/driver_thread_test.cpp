@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "driver/driver.h"
+#include "driver/record_mask.h"
 #include "platform/file_handle.h"
 #include "tests/support/loop_mount.h"
 
@@ -54,7 +55,7 @@ struct Record {
 // "CREATE a", "REMOVE a", "SETATTR", ...: the command, and the name where it has one.
 std::string lineOf(const Record& record) {
   const FlrJrnCommandRaw raw = record.decoded();
-  const std::string listed = (raw.mask & kListedInMask) != 0 ? " listed" : "";
+  const std::string listed = RecordMask(raw.mask).listed() ? " listed" : "";
   switch (raw.cmd) {
     case FLR_JRN_NOOP:
       return "NOOP";
@@ -396,7 +397,7 @@ class Reader {
     if (record.cmd == FLR_JRN_SYMLINK)
       set(u.symlink.dst_par_fid, u.symlink.dst_short_name, u.symlink.dst_fid);
     if (record.cmd == FLR_JRN_SETATTR) modes[u.setattr.fid] = u.setattr.mode;
-    if (record.cmd == FLR_JRN_SETATTR) links[u.setattr.fid] = record.mask & kMaxLinksInMask;
+    if (record.cmd == FLR_JRN_SETATTR) links[u.setattr.fid] = RecordMask(record.mask).links();
     if (record.cmd == FLR_JRN_REMOVE) names.erase({u.remove.par_fid, u.remove.short_name});
     if (record.cmd == FLR_JRN_RMDIR) names.erase({u.rmdir.par_fid, u.rmdir.short_name});
     if (record.cmd == FLR_JRN_RENAME) {
@@ -407,7 +408,7 @@ class Reader {
     if (record.cmd != FLR_JRN_MKDIR) return nullptr;
     set(u.mkdir.par_fid, u.mkdir.short_name, u.mkdir.fid);
     const bool isNew = folders.insert(u.mkdir.fid).second;
-    return isNew && (record.mask & kListedInMask) == 0 ? &u.mkdir.fid : nullptr;
+    return isNew && !RecordMask(record.mask).listed() ? &u.mkdir.fid : nullptr;
   }
   // "path fid mode links" of everything below a folder.
   void tell(const fsf_fid& folder, const std::string& path, std::set<std::string>& out) const {

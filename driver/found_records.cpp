@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
-#include "agent/live/found_records.h"
+#include "driver/found_records.h"
 
-#include "agent/live/record_mask.h"
+#include "driver/record_mask.h"
 
 namespace kddc {
 namespace {
