@@ -2,28 +2,36 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "driver/found_records.h"
 
-#include "driver/record_mask.h"
+#include <algorithm>
+#include <cstdint>
 
 namespace kddc {
 namespace {
+
+constexpr fsf_fid kNobody{};
 
 FlrJrnTime timeOf(const timespec& time) {
   return {time.tv_sec, time.tv_nsec};
 }
 
-FlrJrnCommandRaw recordOf(FlrJrnCmd cmd, const FoundFile& file) {
+FlrJrnCommandRaw recordOf(FlrJrnCmd cmd) {
   FlrJrnCommandRaw record{};
   record.cmd = cmd;
-  record.timestamp = static_cast<unsigned>(file.st.st_ctim.tv_sec);
-  record.mask = RecordMask::of(file.st.st_nlink, false).value();
   return record;
 }
 
-FlrJrnCommandRaw folderRecord(const fsf_fid& folder, const char* name, const FoundFile& file) {
-  FlrJrnCommandRaw record = recordOf(FLR_JRN_MKDIR, file);
-  record.u.mkdir = {.par_fid = folder,
+FlrJrnCommandRaw recordOf(FlrJrnCmd cmd, const FoundFile& file, bool listed = false) {
+  FlrJrnCommandRaw record = recordOf(cmd);
+  record.timestamp = static_cast<std::uint32_t>(file.st.st_ctim.tv_sec);
+  record.mask = RecordMask::of(file.st.st_nlink, listed).value();
+  return record;
+}
+
+FlrJrnCommandRaw mkdirRecord(const FoundName& name, const FoundFile& file, bool listed) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_MKDIR, file, listed);
+  record.u.mkdir = {.par_fid = name.folder,
                     .fid = file.fid,
-                    .short_name = name,
+                    .short_name = name.name,
                     .mode = file.st.st_mode,
                     .uid = file.st.st_uid,
                     .gid = file.st.st_gid,
@@ -32,33 +40,48 @@ FlrJrnCommandRaw folderRecord(const fsf_fid& folder, const char* name, const Fou
   return record;
 }
 
-FlrJrnCommandRaw symbolicLinkRecord(const fsf_fid& folder, const char* name,
-                                    const FoundFile& file) {
-  FlrJrnCommandRaw record = recordOf(FLR_JRN_SYMLINK, file);
+FlrJrnCommandRaw symlinkRecord(const FoundName& name, const FoundFile& file, bool listed) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_SYMLINK, file, listed);
   record.u.symlink = {.src_name = file.linkText,
-                      .dst_par_fid = folder,
-                      .dst_short_name = name,
+                      .dst_par_fid = name.folder,
+                      .dst_short_name = name.name,
                       .dst_fid = file.fid,
                       .uid = file.st.st_uid,
                       .gid = file.st.st_gid};
   return record;
 }
 
-}  // namespace
-
-FlrJrnCommandRaw presentRecord(const fsf_fid& folder, const char* name, const FoundFile& file) {
-  if (S_ISDIR(file.st.st_mode)) return folderRecord(folder, name, file);
-  if (S_ISLNK(file.st.st_mode)) return symbolicLinkRecord(folder, name, file);
-  FlrJrnCommandRaw record = recordOf(FLR_JRN_CREATE, file);
-  record.u.create = {.par_fid = folder,
+FlrJrnCommandRaw createRecord(const FoundName& name, const FoundFile& file, bool listed) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_CREATE, file, listed);
+  record.u.create = {.par_fid = name.folder,
                      .fid = file.fid,
-                     .short_name = name,
+                     .short_name = name.name,
                      .mode = file.st.st_mode,
                      .uid = file.st.st_uid,
                      .gid = file.st.st_gid,
                      .atime = timeOf(file.st.st_atim),
                      .mtime = timeOf(file.st.st_mtim),
                      .rdev = file.st.st_rdev};
+  return record;
+}
+
+}  // namespace
+
+FlrJrnCommandRaw presentRecord(const FoundName& name, const FoundFile& file, bool listed) {
+  if (S_ISDIR(file.st.st_mode)) return mkdirRecord(name, file, listed);
+  if (S_ISLNK(file.st.st_mode)) return symlinkRecord(name, file, listed);
+  return createRecord(name, file, listed);
+}
+
+FlrJrnCommandRaw renameRecord(const FoundFile& file, const FoundName& from, const FoundName& to) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_RENAME, file);
+  record.u.rename = {.src_fid = file.fid,
+                     .src_par_fid = from.folder,
+                     .src_short_name = from.name,
+                     .dst_fid_valid = 0,
+                     .dst_fid = kNobody,
+                     .dst_par_fid = to.folder,
+                     .dst_short_name = to.name};
   return record;
 }
 
@@ -95,17 +118,27 @@ FlrJrnCommandRaw stubRecord(const FoundFile& file, bool isStub) {
 
 FlrJrnCommandRaw linkCountRecord(const FoundFile& file) {
   FlrJrnCommandRaw record = recordOf(FLR_JRN_REMOVE, file);
-  record.u.remove = {.par_fid = {},
+  record.u.remove = {.par_fid = kNobody,
                      .short_name = "",
                      .file_fid = file.fid,
-                     .nlink = static_cast<unsigned>(file.st.st_nlink)};
+                     .nlink = static_cast<unsigned>(std::min<nlink_t>(file.st.st_nlink, ~0U))};
   return record;
 }
 
-FlrJrnCommandRaw absentRecord(const fsf_fid& folder, const char* name) {
-  FlrJrnCommandRaw record{};
-  record.cmd = FLR_JRN_REMOVE;
-  record.u.remove = {.par_fid = folder, .short_name = name, .file_fid = {}, .nlink = 0};
+FlrJrnCommandRaw noLinksRecord(const fsf_fid& file) {
+  return absentRecord({kNobody, ""}, file);
+}
+
+FlrJrnCommandRaw absentRecord(const FoundName& name, const fsf_fid& lost, unsigned links) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_REMOVE);
+  record.u.remove = {
+      .par_fid = name.folder, .short_name = name.name, .file_fid = lost, .nlink = links};
+  return record;
+}
+
+FlrJrnCommandRaw absentFolderRecord(const FoundName& name, const fsf_fid& lost) {
+  FlrJrnCommandRaw record = recordOf(FLR_JRN_RMDIR);
+  record.u.rmdir = {.dir_fid = lost, .par_fid = name.folder, .short_name = name.name};
   return record;
 }
 

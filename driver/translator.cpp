@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "driver/record_mask.h"
+#include "driver/found_records.h"
 
 namespace kddc {
 namespace {
@@ -36,85 +36,12 @@ unsigned int linksOf(const Look& look) {
   return static_cast<unsigned int>(std::min<nlink_t>(look.st.st_nlink, 0xffffffff));
 }
 
-FlrJrnCommandRaw recordOf(FlrJrnCmd cmd) {
-  FlrJrnCommandRaw record{};
-  record.cmd = cmd;
-  return record;
+FoundFile fileOf(const Look& look) {
+  return {look.fid, look.st, look.linkText.c_str()};
 }
 
-FlrJrnTime timeOf(const timespec& time) {
-  return {time.tv_sec, time.tv_nsec};
-}
-
-FlrJrnCommandRaw mkdirOf(const fsf_fid& folder, const char* name, const Look& look) {
-  FlrJrnCommandRaw record = recordOf(FLR_JRN_MKDIR);
-  record.u.mkdir = {folder,
-                    look.fid,
-                    name,
-                    look.st.st_mode,
-                    look.st.st_uid,
-                    look.st.st_gid,
-                    timeOf(look.st.st_atim),
-                    timeOf(look.st.st_mtim)};
-  return record;
-}
-
-FlrJrnCommandRaw symlinkOf(const fsf_fid& folder, const char* name, const Look& look) {
-  FlrJrnCommandRaw record = recordOf(FLR_JRN_SYMLINK);
-  record.u.symlink = {look.linkText.c_str(), folder,        name, look.fid,
-                      look.st.st_uid,        look.st.st_gid};
-  return record;
-}
-
-FlrJrnCommandRaw createOf(const fsf_fid& folder, const char* name, const Look& look) {
-  FlrJrnCommandRaw record = recordOf(FLR_JRN_CREATE);
-  record.u.create = {folder,
-                     look.fid,
-                     name,
-                     look.st.st_mode,
-                     look.st.st_uid,
-                     look.st.st_gid,
-                     timeOf(look.st.st_atim),
-                     timeOf(look.st.st_mtim),
-                     look.st.st_rdev};
-  return record;
-}
-
-FlrJrnCommandRaw presentOf(const fsf_fid& folder, const char* name, const Look& look) {
-  if (S_ISDIR(look.st.st_mode)) return mkdirOf(folder, name, look);
-  if (S_ISLNK(look.st.st_mode)) return symlinkOf(folder, name, look);
-  return createOf(folder, name, look);
-}
-
-FlrJrnCommandRaw setAttrOf(const Look& look) {
-  FlrJrnCommandRaw record = recordOf(FLR_JRN_SETATTR);
-  FlrJrnSetAttrRaw& all = record.u.setattr;
-  all.fid = look.fid;
-  all.mode_valid = all.uid_valid = all.gid_valid = 1;
-  all.atime_valid = all.mtime_valid = all.ctime_valid = 1;
-  all.size_valid = all.blocks_valid = 1;
-  all.mode = look.st.st_mode;
-  all.uid = look.st.st_uid;
-  all.gid = look.st.st_gid;
-  all.atime = timeOf(look.st.st_atim);
-  all.mtime = timeOf(look.st.st_mtim);
-  all.ctime = timeOf(look.st.st_ctim);
-  all.size = static_cast<unsigned long long>(look.st.st_size);
-  all.blocks = static_cast<unsigned long long>(look.st.st_blocks);
-  return record;
-}
-
-FlrJrnCommandRaw removeOf(const fsf_fid& folder, const char* name, const fsf_fid& file,
-                          unsigned int links) {
-  FlrJrnCommandRaw record = recordOf(FLR_JRN_REMOVE);
-  record.u.remove = {folder, name, file, links};
-  return record;
-}
-
-FlrJrnCommandRaw rmdirOf(const fsf_fid& folder, const char* name, const fsf_fid& gone) {
-  FlrJrnCommandRaw record = recordOf(FLR_JRN_RMDIR);
-  record.u.rmdir = {gone, folder, name};
-  return record;
+FoundName foundName(const std::pair<fsf_fid, std::string>& name) {
+  return {name.first, name.second.c_str()};
 }
 
 }  // namespace
@@ -197,7 +124,7 @@ bool Translator::resolve(const fsf_fid& fid, bool lastTime) {
   else if (where == Whereabouts::kUnknown)
     output_.failedLook(EIO);
   else
-    sayLinkCount(fid, 0, where == Whereabouts::kGone ? Look() : look);
+    tell(noLinksRecord(fid), where == Whereabouts::kGone ? Look() : look);
   return true;
 }
 
@@ -234,7 +161,9 @@ std::size_t Translator::listMore() {
 }
 
 void Translator::noop() {
-  emit(recordOf(FLR_JRN_NOOP), Look());
+  FlrJrnCommandRaw record{};
+  record.cmd = FLR_JRN_NOOP;
+  tell(record, Look());
 }
 
 const Look& Translator::lookedUp(const Name& name) {
@@ -280,9 +209,7 @@ bool Translator::sayMove(const fsf_fid& file, const Name& from, const Name& to) 
   const Look &after = lookedUp(to), &before = lookedUp(from);
   if (!isThere(after, file) || isThere(before, file) || before.sight == Sight::kUnknown)
     return false;
-  FlrJrnCommandRaw record = recordOf(FLR_JRN_RENAME);
-  record.u.rename = {file, from.first, from.second.c_str(), 0, {}, to.first, to.second.c_str()};
-  emit(record, after);
+  output_.record(renameRecord(fileOf(after), foundName(from), foundName(to)));
   said_->namesSaid.insert(to);
   sayAttributes(file);
   // That the old name stands for none was not said: a reader who takes it for another file's keeps
@@ -302,9 +229,7 @@ void Translator::sayName(const Name& name, const fsf_fid& lost, bool wasFolder) 
 }
 
 void Translator::sayPresent(const Name& name, const Look& look, bool listed) {
-  FlrJrnCommandRaw record = presentOf(name.first, name.second.c_str(), look);
-  if (listed) record.mask = RecordMask::kListed;
-  emit(record, look);
+  output_.record(presentRecord(foundName(name), fileOf(look), listed));
   sayAttributes(look.fid);
 }
 
@@ -314,9 +239,9 @@ void Translator::sayAbsent(const Name& name, const fsf_fid& lost, bool wasFolder
   const Look& look = isNone(lost) ? nothing : lookedAt(lost);
   const fsf_fid file = look.sight == Sight::kUnknown ? fsf_fid{} : lost;
   if (wasFolder && !isNone(file))
-    emit(rmdirOf(name.first, name.second.c_str(), file), look);
+    tell(absentFolderRecord(foundName(name), file), look);
   else
-    emit(removeOf(name.first, name.second.c_str(), file, linksOf(look)), look);
+    tell(absentRecord(foundName(name), file, linksOf(look)), look);
   if (!isThere(look)) said_->objectsSaid.insert(file);
 }
 
@@ -331,30 +256,21 @@ void Translator::sayAttributes(const fsf_fid& fid) {
   if (!said_->objectsSaid.insert(fid).second) return;
   const Look& look = lookedAt(fid);
   if (look.sight == Sight::kUnknown) return;
-  if (!isThere(look)) return sayLinkCount(fid, 0, look);
-  emit(setAttrOf(look), look);
+  if (!isThere(look)) return tell(noLinksRecord(fid), look);
+  output_.record(attributesRecord(fileOf(look)));
   sayStub(look);
-  if (linksOf(look) >= RecordMask::kManyLinks) sayLinkCount(fid, linksOf(look), look);
+  if (linksOf(look) >= RecordMask::kManyLinks) output_.record(linkCountRecord(fileOf(look)));
 }
 
 void Translator::sayStub(const Look& look) {
   if (!S_ISREG(look.st.st_mode)) return;
-  FlrJrnCommandRaw record = recordOf(look.isStub ? FLR_JRN_STUB : FLR_JRN_UNSTUB);
-  if (look.isStub)
-    record.u.stub = {look.fid, ""};
-  else if (said_->attributesChanged.contains(look.fid))
-    record.u.unstub = {look.fid};
-  else
-    return;
-  emit(record, look);
+  if (look.isStub || said_->attributesChanged.contains(look.fid))
+    output_.record(stubRecord(fileOf(look), look.isStub));
 }
 
-void Translator::sayLinkCount(const fsf_fid& fid, unsigned int count, const Look& look) {
-  emit(removeOf({}, "", fid, count), look);
-}
-
-void Translator::emit(FlrJrnCommandRaw record, const Look& look) {
-  record.mask |= RecordMask::of(linksOf(look), false).value();
+// What is not at a name, or not any more, may still be elsewhere.
+void Translator::tell(FlrJrnCommandRaw record, const Look& look) {
+  record.mask = RecordMask::of(linksOf(look), false).value();
   record.timestamp = look.sight == Sight::kThere
                          ? static_cast<std::uint32_t>(look.st.st_ctim.tv_sec)
                          : options_.now();

@@ -121,9 +121,8 @@ class Translator {
   void sayObjects(const Event& event);
   void sayAttributes(const fsf_fid& fid);
   void sayStub(const Look& look);
-  void sayLinkCount(const fsf_fid& fid, unsigned int count, const Look& look);
   std::size_t listMore();
-  void emit(FlrJrnCommandRaw record, const Look& look);
+  void tell(FlrJrnCommandRaw record, const Look& look);
 
   Disk& disk_;
   TranslatorOptions options_;

@@ -50,13 +50,13 @@ class Differences : public Suspicions {
   }
   void name(const fsf_fid& folder, const WalkedEntry& entry) override {
     name_ = entry.name;
-    found_.add(presentRecord(folder, name_.c_str(), {entry.fid, entry.st}));
+    found_.add(presentRecord({folder, name_.c_str()}, {entry.fid, entry.st}));
     addAttributes(entry);
   }
   void attributes(const WalkedEntry& entry) override { addAttributes(entry); }
   void absent(const fsf_fid& folder, std::string_view name) override {
     name_ = name;
-    absent_.add(absentRecord(folder, name_.c_str()));
+    absent_.add(absentRecord({folder, name_.c_str()}));
   }
   void row(std::int64_t inode) override { rows_.push_back(static_cast<unsigned long long>(inode)); }
 
