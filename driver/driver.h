@@ -103,7 +103,8 @@ class Driver {
   std::uint64_t lookAt(const fsf_fid& fid);
   // Whether a file without a known name is gone or has left the volumes. Looked at after everything
   // that is queued now; while it lies inside, asked again for a while, because then an event with
-  // its name must be on the way. Answered with a link count of 0, unless such an event told more.
+  // its name must be on the way. Answered with a link count of 0, or, when it still lies inside at
+  // the end of that while, with a doubt.
   std::uint64_t resolve(const fsf_fid& fid);
   // Says everything that happened before this call, and then a NOOP.
   std::uint64_t barrier(Reached reached);

@@ -89,8 +89,8 @@ class Translator {
   // Says that a file is gone, or that none of its names lies in a volume: a link count of 0, while
   // the mask tells the links it has elsewhere. False, and nothing said, when it lies inside: then
   // an event that gives it a name is on its way, or its record is, and the question is to be asked
-  // again after that. The last time it is answered all the same; the answer, a mask with links and
-  // a count of none, therefore means something only for a file that has no known name by then.
+  // again after that. The last time that is reported as a failed look (ETIMEDOUT) instead: a name
+  // was missed.
   bool resolve(const fsf_fid& fid, bool lastTime = false);
 
   // Lists a folder with all below it, in slices, so that events are not kept waiting. list() puts a
