@@ -16,7 +16,7 @@
 //   RENAME          as "(D2,n2) is F", with the row of (D,n) as the one that moves
 //   SETATTR         nothing, when the row says so; a SETXATTR when only the change time moved
 //   link count      0 removes the rows of the file: it is gone, whatever names it is thought to
-//   have
+//                   have
 //
 // Why that converges: the looks at one name come in the order in which they were made, and each
 // change of a name is followed by a look. So the last record of a name says what is on the disk,
@@ -26,68 +26,36 @@
 // a folder that has still to be listed: when the catalogue learns of a folder that the driver has
 // not listed by itself, it asks for a list, and everything in it is looked at after that.
 //
+// The parts: names that come, names that go, and how files are; `Settling` is what they share.
+//
 // Threads: one. Failures: an operation that fails is logged, counted, and makes `take` answer
 // kFailed; the row is then in doubt until the volume is compared with the disk.
 #pragma once
 
-#include <cstdint>
 #include <functional>
-#include <list>
-#include <map>
-#include <optional>
-#include <string>
-#include <vector>
+#include <utility>
 
-#include "agent/live/live_catalogue.h"
-#include "driver/record_mask.h"
-#include "records/journal_record.h"
+#include "agent/live/settle_attributes.h"
+#include "agent/live/settle_coming.h"
+#include "agent/live/settle_going.h"
+#include "agent/live/settling.h"
 
 namespace kddc {
 
-// What the catalogue wants to know of the disk. The answers come as records.
-class DiskQuestions {
- public:
-  virtual ~DiskQuestions() = default;
-  // All that lies below a folder.
-  virtual void list(const fsf_fid& folder) = 0;
-  virtual void look(const fsf_fid& folder, const std::string& name) = 0;
-  // How a file is, or that it is gone.
-  virtual void lookAt(const fsf_fid& file) = 0;
-};
-
-struct SettleCounts {
-  std::uint64_t added = 0, changed = 0, moved = 0, removed = 0;  // rows
-  std::uint64_t unchanged = 0;  // records that said what the rows said
-  std::uint64_t outside = 0;    // records about folders that the catalogue does not know
-  std::uint64_t failed = 0;
-
-  friend SettleCounts operator-(const SettleCounts& a, const SettleCounts& b) {
-    return {a.added - b.added,     a.changed - b.changed,     a.moved - b.moved,
-            a.removed - b.removed, a.unchanged - b.unchanged, a.outside - b.outside,
-            a.failed - b.failed};
-  }
-};
-
-// What has happened to an entry; `name` in the folder of that inode.
-struct CatalogueChange {
-  enum class Kind { kAdded, kChanged, kMoved, kRemoved } kind;
-  unsigned long long folder;
-  std::string name;
-};
-
 class Settle {
  public:
-  enum class Result { kApplied, kNothing, kFailed };
+  using Result = SettleResult;
   using Observer = std::function<void(const CatalogueChange&)>;
 
   // Both must outlive the object.
-  Settle(LiveCatalogue& rows, DiskQuestions& disk) : rows_(rows), disk_(disk) {}
+  Settle(LiveCatalogue& rows, DiskQuestions& disk) : work_(rows, disk) {}
+  Settle(const Settle&) = delete;
+  Settle& operator=(const Settle&) = delete;
 
   // The record's strings must live during the call.
   Result take(const FlrJrnCommandRaw& record);
-  // Writes what was held back: link counts, which stand in every row of a file and may change with
-  // each of its names.
-  void writeHeldBack();
+  // Writes the link counts, which are held back.
+  void writeHeldBack() { attributes_.writeHeldBack(); }
 
   // A row that no record can speak of loses its name, as if that were absent.
   Result unname(unsigned long long inode);
@@ -95,74 +63,17 @@ class Settle {
   // name again by now.
   void dropParked();
 
-  const SettleCounts& counts() const { return counts_; }
-  void observe(Observer observer) { observer_ = std::move(observer); }
+  const SettleCounts& counts() const { return work_.counts; }
+  void observe(Observer observer) { work_.observer = std::move(observer); }
 
  private:
-  struct Found;
-
   Result guarded(const std::function<void()>& work);
   void settle(const FlrJrnCommandRaw& record);
-  void present(const Found& found, const FlrJrnCommandRaw& record);
-  std::vector<Name> namesOf(const Found& found, const FlrJrnCommandRaw& record);
-  bool makeWay(unsigned long long folder, const Found& found, bool mayAdopt);
-  void keepOneRow(std::vector<Name>& names);
-  void takeNameFrom(Name bearer);
-  void drop(const Name& name);
-  void handOver(const Name& child, unsigned long long folder);
-  std::optional<Name> otherRowOf(const Name& name);
-  void takeUnknown(const Found& found, unsigned long long folder, const FlrJrnCommandRaw& record);
-  void correctType(const fsf_fid& fid, unsigned mode);
-  void addRow(const Found& found, unsigned long long folder, const Name& other, unsigned time);
-  void giveName(const Found& found, unsigned long long folder, const std::vector<Name>& names,
-                const FlrJrnCommandRaw& record);
-  void move(const Name& row, unsigned long long folder, const FlrJrnCommandRaw& record);
-  void link(const Found& found, unsigned long long folder, const std::vector<Name>& names,
-            const FlrJrnCommandRaw& record);
 
-  void absent(const fsf_fid& folder, const char* name, const fsf_fid& file, unsigned links,
-              const FlrJrnCommandRaw& record);
-  std::optional<Name> bearerOf(unsigned long long folder, const char* name, const fsf_fid& hint);
-  void remove(const Name& name, const FlrJrnCommandRaw& record);
-  void askBelow(const std::vector<Name>& children);
-  void rename(const FlrJrnCommandRaw& record);
-
-  void linkCount(const FlrJrnCommandRaw& record);
-  void removeAll(const fsf_fid& file, const FlrJrnCommandRaw& record);
-  void noteLinks(const fsf_fid& fid, RecordMask mask, unsigned time);
-  void noteLinks(const fsf_fid& fid, unsigned links, unsigned time);
-  void writeLinks(const fsf_fid& fid, unsigned links, unsigned time);
-  void stampAsNew(const fsf_fid& fid, unsigned time);
-  void attributes(const FlrJrnCommandRaw& record);
-  void compareAttributes(const FlrJrnCommandRaw& record);
-  bool changesLinks(const fsf_fid& fid, nlink_t stored, RecordMask mask) const;
-  void changeTimeAlone(const FlrJrnCommandRaw& record, struct stat& st, unsigned long stamp);
-  void stampListed(const fsf_fid& fid);
-  void stub(const FlrJrnCommandRaw& record);
-
-  void write(const fsf_fid& fid) { rows_.FindAndFlushJournal(fid); }
-  void apply(const FlrJrnCommandRaw& record);
-  void noteAdded(const fsf_fid& fid, unsigned long long folder, const std::string& name,
-                 const FlrJrnCommandRaw& record);
-  void noteChanged(const fsf_fid& fid, const FlrJrnCommandRaw& record);
-  void tell(CatalogueChange::Kind kind, unsigned long long folder, const std::string& name);
-  void tellOf(const fsf_fid& fid, CatalogueChange::Kind kind);
-
-  LiveCatalogue& rows_;
-  DiskQuestions& disk_;
-  Observer observer_;
-  SettleCounts counts_;
-  struct Links {
-    unsigned count, time;
-  };
-  std::map<fsf_fid, Links> links_;  // to be written
-  Result result_ = Result::kNothing;
-  // The file that the record before brought in by a listing: its attributes follow.
-  fsf_fid justListed_{};
-  // The file that was added last, by the record of that number: what the next two say of it is no
-  // change.
-  fsf_fid added_{};
-  unsigned long long addedBy_ = 0;
+  Settling work_;
+  SettleAttributes attributes_{work_};
+  SettleGoing going_{work_, attributes_};
+  SettleComing coming_{work_, attributes_, going_};
 };
 
 }  // namespace kddc

@@ -1,0 +1,160 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/live/settle_attributes.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <list>
+#include <utility>
+
+#include "catalogue/file_type.h"
+
+namespace kddc {
+namespace {
+
+constexpr std::size_t kMostHeldBack = 1000;
+
+// Times and identities are stored as 32 bits.
+bool differ(long long stored, long long seen) {
+  return static_cast<std::uint32_t>(stored) != static_cast<std::uint32_t>(seen);
+}
+
+// Only rows that speak of the file, too: what a crash left may name the row of another.
+std::list<unsigned long long> rowsOf(LiveCatalogue& rows, const fsf_fid& fid) {
+  std::list<unsigned long long> inodes;
+  for (const Name& name : rows.namesOf(fid)) inodes.push_back(name.inode);
+  return inodes;
+}
+
+bool differsInContent(const struct stat& row, const FlrJrnSetAttrRaw& seen) {
+  return row.st_mode != seen.mode || differ(row.st_uid, static_cast<long long>(seen.uid)) ||
+         differ(row.st_gid, static_cast<long long>(seen.gid)) ||
+         row.st_size != static_cast<off_t>(seen.size) || differ(row.st_mtime, seen.mtime.tv_sec);
+}
+
+FlrJrnCommandRaw accessTimeAlone(FlrJrnCommandRaw record) {
+  FlrJrnSetAttrRaw& r = record.u.setattr;
+  r.mode_valid = r.uid_valid = r.gid_valid = r.mtime_valid = r.ctime_valid = r.size_valid =
+      r.blocks_valid = 0;
+  return record;
+}
+
+}  // namespace
+
+void SettleAttributes::attributes(const FlrJrnCommandRaw& record) {
+  const FlrJrnSetAttrRaw& r = record.u.setattr;
+  if (rows_.isPending(r.fid)) {
+    noteLinks(r.fid, RecordMask(record.mask), record.timestamp);
+    work_.apply(record);
+  } else {
+    compare(record);
+  }
+  if (justListed_ != kNobody && justListed_ == r.fid) stampListed(r.fid);
+}
+
+void SettleAttributes::compare(const FlrJrnCommandRaw& record) {
+  const FlrJrnSetAttrRaw& r = record.u.setattr;
+  const auto names = rows_.namesOf(r.fid, 1);
+  struct stat st {};
+  unsigned long stamp = 0;
+  if (names.empty() || !rows_.GetStatInfo(names[0].inode, &st, &stamp)) {
+    ++work_.counts.outside;
+    return;
+  }
+  const bool isRelinked = changesLinks(r.fid, st.st_nlink, RecordMask(record.mask));
+  if (isRelinked) noteLinks(r.fid, RecordMask(record.mask), record.timestamp);
+  if (differsInContent(st, r)) {
+    work_.noteChanged(r.fid, record);
+    return work_.apply(record);
+  }
+  if (st.st_blocks != static_cast<blkcnt_t>(r.blocks))  // by the file system's own doing
+    for (const unsigned long long inode : rowsOf(rows_, r.fid))
+      rows_.UpdateSizeAndBlocks(inode, r.size, r.blocks);
+  if (isRelinked) return;  // which brings the change time, too
+  if (differ(st.st_ctime, r.ctime.tv_sec)) return changeTimeAlone(record, st, stamp);
+  if (differ(st.st_atime, r.atime.tv_sec)) return work_.apply(accessTimeAlone(record));
+  ++work_.counts.unchanged;
+}
+
+bool SettleAttributes::changesLinks(const fsf_fid& fid, nlink_t stored, RecordMask mask) const {
+  const auto held = links_.find(fid);
+  return !mask.hasManyLinks() &&
+         (held == links_.end() ? stored : held->second.count) != mask.links();
+}
+
+// An access control list or an extended attribute changed; the events do not tell which.
+void SettleAttributes::changeTimeAlone(const FlrJrnCommandRaw& record, struct stat& st,
+                                       unsigned long stamp) {
+  const FlrJrnSetAttrRaw& r = record.u.setattr;
+  work_.noteChanged(r.fid, record);
+  // The stamp must not go back, nor stay behind what readers have asked for.
+  if (record.timestamp < static_cast<std::uint32_t>(stamp) || !rows_.wasOpenAt(record.timestamp)) {
+    st.st_ctime = r.ctime.tv_sec;
+    for (const unsigned long long inode : rowsOf(rows_, r.fid)) rows_.Update(inode, &st, 0);
+    work_.noteApplied();
+    return;
+  }
+  FlrJrnCommandRaw changed = record;
+  changed.cmd = FLR_JRN_SETXATTR;
+  changed.u.setxattr = {.fid = r.fid, .flags = 0, .attr_name = "", .attr_len = 0, .value = nullptr};
+  work_.apply(changed);
+}
+
+// What a listing finds may be older than its coming into the volume, which is what counts.
+void SettleAttributes::stampListed(const fsf_fid& fid) {
+  justListed_ = kNobody;
+  work_.write(fid);
+  for (const unsigned long long inode : rowsOf(rows_, fid)) rows_.stampNow(inode);
+}
+
+void SettleAttributes::stub(const FlrJrnCommandRaw& record) {
+  const bool isStub = record.cmd == FLR_JRN_STUB;
+  const fsf_fid& fid = isStub ? record.u.stub.fid : record.u.unstub.fid;
+  if (!isStub && rows_.createdOf(fid)) return;
+  work_.write(fid);
+  const auto names = rows_.namesOf(fid);
+  const auto isRight = [&](const Name& name) { return (name.type == kStub) == isStub; };
+  if (std::ranges::all_of(names, isRight)) {
+    ++work_.counts.unchanged;
+    return;
+  }
+  work_.noteChanged(fid, record);
+  work_.apply(record);
+}
+
+void SettleAttributes::noteLinks(const fsf_fid& fid, RecordMask mask, unsigned time) {
+  if (!mask.hasManyLinks()) noteLinks(fid, mask.links(), time);
+}
+
+void SettleAttributes::noteLinks(const fsf_fid& fid, unsigned links, unsigned time) {
+  if (rows_.createdOf(fid)) {
+    if (links == 1) return;
+    work_.write(fid);
+  }
+  links_[fid] = {links, time};
+  work_.noteApplied();
+  if (links_.size() >= kMostHeldBack) writeHeldBack();
+}
+
+void SettleAttributes::writeHeldBack() {
+  for (const auto& [fid, links] : std::exchange(links_, {})) writeLinks(fid, links);
+}
+
+void SettleAttributes::writeLinks(const fsf_fid& fid, const Links& links) {
+  for (const unsigned long long inode : rowsOf(rows_, fid)) {
+    struct stat st {};
+    unsigned long stamp = 0;
+    if (!rows_.GetStatInfo(inode, &st, &stamp) || st.st_nlink == links.count) continue;
+    st.st_nlink = links.count;
+    st.st_ctime = links.time;
+    const auto later = std::max<unsigned long>(links.time, static_cast<std::uint32_t>(stamp));
+    rows_.Update(inode, &st, rows_.wasOpenAt(links.time) ? later : 0);
+  }
+}
+
+void SettleAttributes::stampAsNew(const fsf_fid& fid, unsigned time) {
+  if (rows_.wasOpenAt(time)) return;
+  for (const unsigned long long inode : rowsOf(rows_, fid)) rows_.stampNow(inode);
+}
+
+}  // namespace kddc
