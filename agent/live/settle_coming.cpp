@@ -12,8 +12,7 @@ void SettleComing::present(const NamedFile& found, const FlrJrnCommandRaw& recor
     ++work_.counts.outside;
     return;
   }
-  const auto bearer = rows_.bearerOf(*folder, found.name);
-  if (bearer && bearer->hasFid() && bearer->fid == found.file) {
+  if (isBorneBy(*folder, found)) {
     ++work_.counts.unchanged;
     return;
   }
@@ -27,6 +26,13 @@ void SettleComing::present(const NamedFile& found, const FlrJrnCommandRaw& recor
     giveName(found, *folder, names, record);
 }
 
+// Identifiers made of inode numbers come again for another file. A pending entry has no type yet.
+bool SettleComing::isBorneBy(unsigned long long folder, const NamedFile& found) {
+  const auto bearer = rows_.bearerOf(folder, found.name);
+  return bearer && bearer->hasFid() && bearer->fid == found.file &&
+         (bearer->pending() || found.isOfType(bearer->type));
+}
+
 void SettleComing::keepOneRow(std::vector<Name>& names) {
   while (names.size() > 1) {
     going_.takeNameFrom(names.back());
@@ -34,7 +40,6 @@ void SettleComing::keepOneRow(std::vector<Name>& names) {
   }
 }
 
-// Identifiers made of inode numbers come again for another file.
 std::vector<Name> SettleComing::namesOf(const NamedFile& found, const FlrJrnCommandRaw& record) {
   const auto isAnothers = [&](const Name& name) { return !found.isOfType(name.type); };
   for (;;) {
@@ -52,6 +57,7 @@ bool SettleComing::makeWay(unsigned long long folder, const NamedFile& found, bo
   if (!bearer) return false;
   if (mayAdopt && !bearer->hasFid() && found.isOfType(bearer->type)) {
     rows_.adopt(*bearer, found.file);
+    work_.noteApplied();
     return true;
   }
   going_.takeNameFrom(*bearer);

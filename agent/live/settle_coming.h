@@ -41,6 +41,7 @@ class SettleComing {
   void rename(const FlrJrnCommandRaw& record);
 
  private:
+  bool isBorneBy(unsigned long long folder, const NamedFile& found);
   std::vector<Name> namesOf(const NamedFile& found, const FlrJrnCommandRaw& record);
   void keepOneRow(std::vector<Name>& names);
   bool makeWay(unsigned long long folder, const NamedFile& found, bool mayAdopt);

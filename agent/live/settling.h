@@ -68,6 +68,7 @@ class Settling {
   void apply(const FlrJrnCommandRaw& record);
   // Writes what is pending of a file.
   void write(const fsf_fid& fid) { rows.FindAndFlushJournal(fid); }
+  bool hasApplied() const { return result == SettleResult::kApplied; }
   bool hasFailed() const { return result == SettleResult::kFailed; }
   // Something was written besides.
   void noteApplied();

@@ -294,7 +294,7 @@ TEST_F(SettleTest, ARowThatHasLostItsIdentifierGetsItBack) {
   db.CloseHandle(0, false);
   DatabaseView(fidsPath).rows("DELETE FROM FIDS WHERE FILES_ROWID=2");
   ASSERT_TRUE(db.OpenHandle(false, false));
-  present('R', "a", 'A');
+  EXPECT_EQ(present('R', "a", 'A'), Result::kApplied);
   EXPECT_THAT(written(), ElementsAre(kRoot, "2|1|a"));
   expectPaired();
 }
