@@ -67,13 +67,18 @@ void SettleAttributes::compare(const FlrJrnCommandRaw& record) {
     work_.noteChanged(r.fid, record);
     return work_.apply(record);
   }
-  if (st.st_blocks != static_cast<blkcnt_t>(r.blocks))  // by the file system's own doing
-    for (const unsigned long long inode : rowsOf(rows_, r.fid))
-      rows_.UpdateSizeAndBlocks(inode, r.size, r.blocks);
+  if (st.st_blocks != static_cast<blkcnt_t>(r.blocks)) updateBlocks(r);
   if (isRelinked) return;  // which brings the change time, too
   if (differ(st.st_ctime, r.ctime.tv_sec)) return changeTimeAlone(record, st, stamp);
   if (differ(st.st_atime, r.atime.tv_sec)) return work_.apply(accessTimeAlone(record));
-  ++work_.counts.unchanged;
+  if (!work_.hasApplied()) ++work_.counts.unchanged;
+}
+
+// The file system's own doing, and no change of the file.
+void SettleAttributes::updateBlocks(const FlrJrnSetAttrRaw& seen) {
+  for (const unsigned long long inode : rowsOf(rows_, seen.fid))
+    rows_.UpdateSizeAndBlocks(inode, seen.size, seen.blocks);
+  work_.noteApplied();
 }
 
 bool SettleAttributes::changesLinks(const fsf_fid& fid, nlink_t stored, RecordMask mask) const {

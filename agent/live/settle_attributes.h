@@ -41,6 +41,7 @@ class SettleAttributes {
   };
 
   void compare(const FlrJrnCommandRaw& record);
+  void updateBlocks(const FlrJrnSetAttrRaw& seen);
   bool changesLinks(const fsf_fid& fid, nlink_t stored, RecordMask mask) const;
   void changeTimeAlone(const FlrJrnCommandRaw& record, struct stat& st, unsigned long stamp);
   void stampListed(const fsf_fid& fid);
