@@ -43,6 +43,9 @@ FlrJrnCommandRaw accessTimeAlone(FlrJrnCommandRaw record) {
 
 void SettleAttributes::attributes(const FlrJrnCommandRaw& record) {
   const FlrJrnSetAttrRaw& r = record.u.setattr;
+  // Written later, an older time must not replace the one that this record brings.
+  if (const auto held = links_.find(r.fid); held != links_.end())
+    held->second.time = record.timestamp;
   if (rows_.isPending(r.fid)) {
     noteLinks(r.fid, RecordMask(record.mask), record.timestamp);
     work_.apply(record);
@@ -149,7 +152,8 @@ void SettleAttributes::writeLinks(const fsf_fid& fid, const Links& links) {
   for (const unsigned long long inode : rowsOf(rows_, fid)) {
     struct stat st {};
     unsigned long stamp = 0;
-    if (!rows_.GetStatInfo(inode, &st, &stamp) || st.st_nlink == links.count) continue;
+    if (!rows_.GetStatInfo(inode, &st, &stamp)) continue;
+    if (st.st_nlink == links.count && !differ(st.st_ctime, links.time)) continue;
     st.st_nlink = links.count;
     st.st_ctime = links.time;
     const auto later = std::max<unsigned long>(links.time, static_cast<std::uint32_t>(stamp));

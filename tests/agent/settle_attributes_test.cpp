@@ -176,9 +176,19 @@ TEST_F(SettleAttributesTest, ALinkCountIsHeldBackAndWrittenOnce) {
 }
 
 TEST_F(SettleAttributesTest, ALinkCountThatIsAsBeforeInTheEndIsNotWritten) {
-  attributesOf('A', {.links = 2, .ctime = 4000});
-  attributesOf('A', {.links = 1, .ctime = 3000});
+  run("CREATE TABLE WRITTEN(NLINK)");
+  run("CREATE TRIGGER noteLinks AFTER UPDATE ON FILES BEGIN INSERT INTO WRITTEN "
+      "VALUES(NEW.NLINK); END");
+  attributesOf('A', {.links = 2});
+  attributesOf('A', {.links = 1});
   EXPECT_THAT(everything(), ElementsAre("33188|1|501|20|10|8|1000|2000|3000|3500"));
+  EXPECT_THAT(DatabaseView(filesPath).rows("SELECT * FROM WRITTEN"), IsEmpty());
+}
+
+TEST_F(SettleAttributesTest, AChangeTimeIsNotLostWithALinkCountThatIsAsBeforeInTheEnd) {
+  attributesOf('A', {.links = 2, .ctime = 4000});
+  attributesOf('A', {.links = 1, .ctime = 4001});
+  EXPECT_THAT(everything(), ElementsAre("33188|1|501|20|10|8|1000|2000|4001|4001"));
 }
 
 TEST_F(SettleAttributesTest, ALinkCountBringsItsTimeWhichNeverFalls) {
@@ -212,6 +222,18 @@ TEST_F(SettleAttributesTest, AMaskThatSaysManyLinksWaitsForTheirCount) {
   EXPECT_EQ(linkCount(fidOf('A'), 16383), Result::kApplied);
   written();
   EXPECT_THAT(links(), ElementsAre("16383"));
+}
+
+TEST_F(SettleAttributesTest, AMaskThatSaysManyLinksHidesNoOtherChange) {
+  linkCount(fidOf('A'), 20'000);
+  EXPECT_EQ(attributesOf('A', {.links = 16383, .ctime = 4100}), Result::kApplied);
+  EXPECT_THAT(everything(), ElementsAre("33188|20000|501|20|10|8|1000|2000|4100|4100"));
+}
+
+TEST_F(SettleAttributesTest, AMaskThatSaysManyLinksOfAPendingFileWaitsForTheirCountToo) {
+  present('R', "b", 'B', {.links = 16383});
+  written();
+  EXPECT_THAT(links(), ElementsAre("1", "1"));
 }
 
 TEST_F(SettleAttributesTest, ALinkCountOfAPendingFileWritesIt) {
