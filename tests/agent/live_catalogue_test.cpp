@@ -128,6 +128,7 @@ TEST_F(LiveCatalogueTest, ARowIsGivenAnotherIdentifierInPlaceOfItsOwn) {
   insert("a", 'A', 1);
   Name name = row(2);
   db.readopt(name, fidOf('B'));
+  EXPECT_EQ(pairs(), "1,2");
   EXPECT_THAT(db.namesOf(fidOf('A')), IsEmpty());
   EXPECT_THAT(inodesOf(db.namesOf(fidOf('B'))), ElementsAre(2u));
   EXPECT_EQ(row(2).fid, fidOf('B'));

@@ -60,10 +60,12 @@ class ScannedVolume {
   UniqueFd open() const {
     return UniqueFd(::open(volume_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   }
-  // As if the folders had been changed for the last time long ago, and the scan too: every row gets
-  // the stamp 1000.
+  // As if the scan had been long ago: every row gets the stamp 1000, and all on the disk an old
+  // modification time, so that a change in this very second shows.
   void scan() {
-    ageFolders();
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(volume_))
+      age(entry.path());
+    age(volume_);
     NewCatalogue fresh(catalogue(), volume_);
     fullScan(open(), volume_, options, fresh.rows(), [](std::uint64_t) {});
     fresh.publish(std::time(nullptr));
@@ -124,21 +126,16 @@ class ScannedVolume {
   }
 
  private:
-  void ageFolders() const {
-    const timespec old[2] = {{0, UTIME_OMIT}, {1000, 0}};
-    const auto age = [&](const std::string& path) {
-      EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), old, 0), 0) << path;
-    };
-    age(volume_);
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(volume_))
-      if (entry.is_directory() && !entry.is_symlink()) age(entry.path());
-  }
   struct Row {
     long long parent = 0;
     std::string name, text;
   };
   using Rows = std::map<long long, Row>;
 
+  static void age(const std::string& path) {
+    const timespec times[2] = {{0, UTIME_OMIT}, {1'000'000'000, 0}};
+    EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+  }
   static std::string nameIn(const std::string& hex) {
     std::string name;
     for (std::size_t i = 0; i < hex.size(); i += 2)
