@@ -268,7 +268,9 @@ TEST_F(RescanTest, StubsComeAndGo) {
   EXPECT_EQ(volume.number("FILE_TYPE", "NAME='a'"), 8);
   EXPECT_EQ(text(volume.rescan().settled), "0 0 0 0");
   removexattr((volume / "a").c_str(), "user.stub");
-  EXPECT_EQ(rescan(), "0 1 0 0");
+  // Twice when the change time is another second by now.
+  EXPECT_THAT(rescan(), testing::AnyOf("0 1 0 0", "0 2 0 0"));
+  EXPECT_EQ(volume.number("FILE_TYPE", "NAME='a'"), 0);
   volume.file("away");
   setxattr((volume / "away").c_str(), "user.stub", "1", 1, 0);
   volume.rescan();
