@@ -1,17 +1,20 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// kddc rescan VOLUME: compares disk and catalogue and corrects what differs.
+// kddc rescan VOLUME: compares disk and catalogue and corrects what differs; where somebody watches
+// the volume, by asking that process, because only it may write the catalogue.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "agent/catalogue_place.h"
 #include "agent/commands/commands.h"
 #include "agent/commands/volume.h"
+#include "agent/control/client.h"
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/catalogue_reader.h"
 #include "agent/errors.h"
@@ -23,11 +26,8 @@
 namespace kddc {
 namespace {
 
-// Where somebody keeps the catalogue current, only he can correct it. Nobody can be asked yet.
-void refuseWhileWatched(const std::string& folder) {
-  if (const auto user = userOf(folder))
-    throw Failure(fmt::format("{} is in use by {}; stop it first", folder, *user));
-}
+constexpr std::chrono::hours kPatience(
+    24);  // a scan may have to end first, and the volume be large
 
 void requireGood(const std::string& folder, const std::string& volume) {
   const CatalogueReader sentence(folder, volume, CatalogueReader::Columns::kPath);
@@ -46,24 +46,34 @@ constexpr char kJson[] =
     R"({{"added":{},"changed":{},"moved":{},"removed":{},"compared":{},"seconds":{:.3f}}})"
     "\n";
 
-void print(const RescanCounts& counts, double seconds, bool json) {
-  const SettleCounts& settled = counts.settled;
-  fmt::print(fmt::runtime(json ? kJson : kLine), settled.added, settled.changed, settled.moved,
-             settled.removed, counts.compared.walk.entries, seconds);
+// The same members come from a process that watches.
+struct Answer {
+  std::uint64_t added, changed, moved, removed, compared;
+};
+
+Answer answerFrom(const nlohmann::json& members) {
+  try {
+    const auto member = [&](const char* name) { return members.at(name).get<std::uint64_t>(); };
+    return {member("added"), member("changed"), member("moved"), member("removed"),
+            member("compared")};
+  } catch (const nlohmann::json::exception&) {
+    throw Failure("the process that watches gave an answer that cannot be understood");
+  }
 }
 
-}  // namespace
+Answer answerFrom(const RescanCounts& counts) {
+  const SettleCounts& settled = counts.settled;
+  return {settled.added, settled.changed, settled.moved, settled.removed,
+          counts.compared.walk.entries};
+}
 
-int runRescan(const Options& options, const std::string& volume, bool json) {
-  const std::string path = realVolumePath(volume);
+Answer rescanHere(const Options& options, const std::string& path, Progress& progress) {
   const std::string folder = catalogueFolder(options, path);
-  refuseWhileWatched(folder);
+  refuseWhileInUse(folder);
   requireGood(folder, path);
   UniqueFd root = openVolume(path);
   const WalkOptions walk = walkOptions({stateFolder(options), folder});
   noteInterrupts();
-
-  Progress progress(!options.quiet && options.verbosity == 0);
   const CompareWishes wishes{
       .progress = [&](std::uint64_t entries) { progress.update(entries); },
       .check =
@@ -75,7 +85,22 @@ int runRescan(const Options& options, const std::string& volume, bool json) {
     return rescanQuietly(std::move(root), path, walk, folder, std::time(nullptr), wishes);
   });
   complainAboutLostFolders(counts.compared.walk, "rescan");
-  print(counts, progress.elapsed().count(), json);
+  return answerFrom(counts);
+}
+
+void print(const Answer& answer, double seconds, bool json) {
+  fmt::print(fmt::runtime(json ? kJson : kLine), answer.added, answer.changed, answer.moved,
+             answer.removed, answer.compared, seconds);
+}
+
+}  // namespace
+
+int runRescan(const Options& options, const std::string& volume, bool json) {
+  const std::string path = realVolumePath(volume);
+  Progress progress(!options.quiet && options.verbosity == 0);
+  const auto members = ask(options, {ControlCommand::kRescan, path}, kPatience);
+  const Answer answer = members ? answerFrom(*members) : rescanHere(options, path, progress);
+  print(answer, progress.elapsed().count(), json);
   return kExitDone;
 }
 

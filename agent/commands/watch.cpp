@@ -4,6 +4,7 @@
 // kddc watch VOLUME...: keeps catalogues current until it is told to stop.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
@@ -38,13 +39,17 @@ WatchPlan planFor(const Options& options, const std::vector<std::string>& volume
   WatchPlan plan;
   plan.stateFolder = stateFolder(options);
   plan.stubAttribute = stubAttribute();
+  const auto own = [&](const std::string& path) {
+    return plan.stateFolder + "/queues/" + placeName(path);
+  };
   for (const std::string& volume : volumes) {
     const std::string path = realVolumePath(volume);
-    plan.volumes.push_back({path, catalogueFolder(options, path)});
+    const bool known = std::ranges::find(plan.volumes, path, &WatchPlan::Volume::path) !=
+                       plan.volumes.end();  // named twice
+    if (!known) plan.volumes.push_back({path, catalogueFolder(options, path), own(path) + ".lock"});
   }
-  const std::string own = plan.stateFolder + "/queues/" + placeName(plan.volumes.front().path);
-  plan.queueFolder = own;
-  plan.numbersFile = own + ".numbers";
+  plan.queueFolder = own(plan.volumes.front().path);
+  plan.numbersFile = plan.queueFolder + ".numbers";
   return plan;
 }
 
@@ -55,11 +60,12 @@ std::vector<ControlPlace> placesFor(const Options& options, const WatchPlan& pla
   return places;
 }
 
-nlohmann::json toJson(const SettleCounts& counts) {
-  return {{"added", counts.added},
-          {"changed", counts.changed},
-          {"moved", counts.moved},
-          {"removed", counts.removed}};
+nlohmann::json toJson(const RescanCounts& counts) {
+  return {{"added", counts.settled.added},
+          {"changed", counts.settled.changed},
+          {"moved", counts.settled.moved},
+          {"removed", counts.settled.removed},
+          {"compared", counts.compared.walk.entries}};
 }
 
 nlohmann::json answer(WatchSession& session, const ControlRequest& request,

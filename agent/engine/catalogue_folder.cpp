@@ -44,19 +44,24 @@ std::string commandOf(pid_t process) {
   return program;
 }
 
-std::string describe(pid_t process) {
+}  // namespace
+
+std::string describeProcess(pid_t process) {
   if (process == 0) return "another process";
   const std::string command = commandOf(process);
   return command.empty() ? fmt::format("process {}", process)
                          : fmt::format("process {} ({})", process, command);
 }
 
-}  // namespace
-
 std::optional<std::string> userOf(const std::string& folder) {
   for (const char* database : {kFilesDatabase, kFidDatabase})
-    if (const auto process = holderOf(folder, database)) return describe(*process);
+    if (const auto process = holderOf(folder, database)) return describeProcess(*process);
   return std::nullopt;
+}
+
+void refuseWhileInUse(const std::string& folder) {
+  if (const auto user = userOf(folder))
+    throw Failure(fmt::format("{} is in use by {}; stop it first", folder, *user));
 }
 
 bool isKept(const std::string& folder) {

@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/live/volume_rows.h"
 
-#include <fmt/format.h>
-
 #include "agent/engine/catalogue_folder.h"
 #include "agent/errors.h"
 
@@ -14,9 +12,8 @@ VolumeRows::VolumeRows(const std::string& folder, unsigned long long devt, Drive
   rows_.SetDevt(devt);
   during("cannot open the catalogue in " + folder, [&] {
     if (rows_.OpenHandle(false, false)) return;
-    const auto user = userOf(folder);
-    throw Failure(
-        fmt::format("{} is in use by {}; stop it first", folder, user ? *user : "another process"));
+    refuseWhileInUse(folder);
+    throw Failure("the catalogue in " + folder + " cannot be opened, -v says why");
   });
 }
 

@@ -15,6 +15,7 @@
 #include <future>
 
 #include "agent/catalogue_place.h"
+#include "agent/engine/catalogue_folder.h"
 #include "agent/engine/catalogue_reader.h"
 #include "agent/engine/full_scan.h"
 #include "agent/engine/new_catalogue.h"
@@ -23,6 +24,7 @@
 #include "agent/live/strays.h"
 #include "catalogue/db_access.h"
 #include "platform/file_handle.h"
+#include "platform/lock_file.h"
 #include "platform/platform_info.h"
 
 namespace kddc {
@@ -62,6 +64,15 @@ bool isGood(const WatchPlan::Volume& volume) {
          volumeOf(volume.catalogue) == volume.path;
 }
 
+// Nothing of the volume's may be touched before: the queue of another process would be emptied.
+void takeLock(LockFile& lock, const WatchPlan::Volume& volume) {
+  makeFolders(std::filesystem::path(volume.lockFile).parent_path());
+  if (lock.take(volume.lockFile, false, 0s)) return;
+  if (errno != EWOULDBLOCK) throw systemFailure("cannot use " + volume.lockFile, errno);
+  throw Failure(fmt::format("{} is watched by {}; stop it first", volume.path,
+                            describeProcess(LockFile::holderOf(volume.lockFile).value_or(0))));
+}
+
 // Folders that are no part of a volume: ours.
 void addFid(const std::string& folder, std::vector<fsf_fid>& fids) {
   fsf_fid fid;
@@ -80,6 +91,7 @@ struct WatchSession::Stopped {};
 
 struct WatchSession::Volume {
   WatchPlan::Volume plan;
+  LockFile lock;
   dev_t device = 0;
   std::unique_ptr<NewCatalogue> fresh;  // as long as there is no good catalogue
   bool isNew = false;                   // there was none
@@ -92,6 +104,7 @@ struct WatchSession::Volume {
   std::time_t staleSince = 0;
   std::time_t lastComparison = 0;
   std::uint64_t comparisons = 0;  // that have ended
+  CompareCounts compared;         // by the last of them
   std::deque<VolumeStatus::Rescan> reasons;
   Clock::time_point notBefore{};
   Clock::duration pause = kFirstPause;
@@ -115,6 +128,8 @@ WatchSession::~WatchSession() {
 void WatchSession::prepare(WatchPlan::Volume plan) {
   auto volume = std::make_unique<Volume>();
   volume->device = deviceOf(plan.path);
+  takeLock(volume->lock, plan);
+  refuseWhileInUse(plan.catalogue);
   if (!isGood(plan)) volume->fresh = std::make_unique<NewCatalogue>(plan.catalogue, plan.path);
   volume->isNew = volume->fresh != nullptr;
   volume->plan = std::move(plan);
@@ -314,8 +329,9 @@ void WatchSession::compare(Volume& volume) {
     if (volume.reasons.size() > kMostReasons) volume.reasons.pop_front();
   }
   try {
-    compareNow(volume);
+    const CompareCounts met = compareNow(volume);
     const std::lock_guard lock(mutex_);
+    volume.compared = met;
     volume.pause = kFirstPause;
     volume.lastComparison = std::time(nullptr);
     ++volume.comparisons;
@@ -332,7 +348,7 @@ void WatchSession::compare(Volume& volume) {
   changed_.notify_all();
 }
 
-void WatchSession::compareNow(Volume& volume) {
+CompareCounts WatchSession::compareNow(Volume& volume) {
   const auto stopped = [this] { return isStopping(); };
   Questions questions(*this, volume);
   const CompareWishes wishes{.progress = listeners_.progress, .check = [&] {
@@ -344,6 +360,7 @@ void WatchSession::compareNow(Volume& volume) {
                                           volume.plan.catalogue, questions, wishes);
   questions.findStrays(met);
   if (!catchUp(volume, stopped)) throw Stopped();
+  return met;
 }
 
 void WatchSession::watchOver() {
@@ -432,7 +449,7 @@ bool WatchSession::flush(const std::string& path, const std::function<bool()>& g
   }
 }
 
-std::optional<SettleCounts> WatchSession::rescan(const std::string& path,
+std::optional<RescanCounts> WatchSession::rescan(const std::string& path,
                                                  const std::function<bool()>& giveUp) {
   Volume* volume = find(path);
   if (!flush(path, giveUp)) return std::nullopt;
@@ -447,7 +464,9 @@ std::optional<SettleCounts> WatchSession::rescan(const std::string& path,
     const std::lock_guard lock(mutex_);
     if (volume->comparisons > comparisons) break;
   }
-  return volume->rows->report().settled - before;
+  const SettleCounts settled = volume->rows->report().settled - before;
+  const std::lock_guard lock(mutex_);
+  return RescanCounts{volume->compared, settled};
 }
 
 VolumeStatus::State WatchSession::stateOf(const Volume& volume) const {

@@ -34,6 +34,7 @@
 #include "agent/engine/walk.h"
 #include "agent/live/applier.h"
 #include "agent/live/driver_port.h"
+#include "agent/live/quiet_rescan.h"
 #include "agent/live/sequence_file.h"
 #include "agent/live/volume_rows.h"
 #include "buffer/persistent_raw_buffer.h"
@@ -44,6 +45,7 @@ struct WatchPlan {
   struct Volume {
     std::string path;       // its real path
     std::string catalogue;  // the folder of its catalogue
+    std::string lockFile;   // taken by the one process that watches it
   };
   std::vector<Volume> volumes;
   std::string stateFolder;
@@ -79,7 +81,7 @@ class WatchSession {
   // and visible to readers; false when `giveUp` says so or the session ends.
   bool flush(const std::string& volume, const std::function<bool()>& giveUp);
   // Compares the volume with the disk and answers what has changed meanwhile; none as above.
-  std::optional<SettleCounts> rescan(const std::string& volume,
+  std::optional<RescanCounts> rescan(const std::string& volume,
                                      const std::function<bool()>& giveUp);
   VolumeStatus status(const std::string& volume) const;
 
@@ -98,7 +100,7 @@ class WatchSession {
   void applyRecords();
   void compareOld();
   void compare(Volume& volume);
-  void compareNow(Volume& volume);
+  CompareCounts compareNow(Volume& volume);
   bool catchUp(Volume& volume, const std::function<bool()>& giveUp);
   void watchOver();
   Volume* nextInDoubt();
