@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include <utility>
+
 #include "platform/ev_debug.h"
 #include "records/journal_record.h"
 
@@ -16,13 +18,9 @@ constexpr std::chrono::milliseconds kPause(1000), kPatience(20);
 }  // namespace
 
 Applier::Applier(PersistentDCRawBuffer& queue, std::vector<VolumeRows*> volumes,
-                 unsigned long long first, Doubt doubt)
-    : queue_(queue),
-      volumes_(std::move(volumes)),
-      doubt_(std::move(doubt)),
-      expected_(first),
-      committed_(first - 1) {
-  counts_.expected = first;
+                 const FirstNumbers& first, Doubt doubt)
+    : queue_(queue), volumes_(std::move(volumes)), doubt_(std::move(doubt)) {
+  for (const auto& [devt, number] : first) numbers_[devt] = {number, number - 1};
 }
 
 void Applier::run() {
@@ -83,23 +81,28 @@ void Applier::take(std::span<unsigned char> bytes) {
   count(bytes.size());
   FlrJrnCommandRaw record;
   decodeRawCmd(bytes.data(), &record);
-  checkNumber(record.seq_num);
+  checkNumber(record.devt, record.seq_num);
   if (record.cmd == FLR_JRN_NOOP)
-    checkpoint(record.seq_num);
+    checkpoint(record.devt, record.seq_num);
   else
     applyToVolumes(record);
 }
 
-void Applier::checkNumber(unsigned long long number) {
-  if (number != expected_) {
-    dbg.Error(kTag, "record %llu came where %llu was expected", number, expected_);
-    count(0, &Counts::gaps);
-    doubt_(nullptr, number > expected_ ? fmt::format("{} records are missing", number - expected_)
-                                       : "records came twice or out of order");
+void Applier::checkNumber(unsigned long long devt, unsigned long long number) {
+  unsigned long long expected = number;
+  {
+    const std::lock_guard lock(mutex_);
+    if (const auto of = numbers_.find(devt); of != numbers_.end())
+      expected = std::exchange(of->second.expected, number + 1);
+    if (number == expected) return;
+    ++counts_.gaps;
   }
-  expected_ = number + 1;
-  const std::lock_guard lock(mutex_);
-  counts_.expected = expected_;
+  dbg.Error(kTag, "record %llu of %llu came where %llu was expected", number, devt, expected);
+  const std::string reason = number > expected
+                                 ? fmt::format("{} records are missing", number - expected)
+                                 : "records came twice or out of order";
+  for (const VolumeRows* volume : volumes_)
+    if (volume->devt() == devt) doubt_(volume, reason);
 }
 
 void Applier::applyToVolumes(const FlrJrnCommandRaw& record) {
@@ -108,8 +111,9 @@ void Applier::applyToVolumes(const FlrJrnCommandRaw& record) {
       doubt_(volume, "a record could not be applied");
 }
 
-void Applier::checkpoint(unsigned long long number) {
+void Applier::checkpoint(unsigned long long devt, unsigned long long number) {
   for (VolumeRows* volume : volumes_) {
+    if (volume->devt() != devt) continue;
     try {
       volume->checkpoint();
     } catch (const std::exception& e) {
@@ -118,7 +122,7 @@ void Applier::checkpoint(unsigned long long number) {
     }
   }
   const std::lock_guard lock(mutex_);
-  committed_ = number;
+  if (const auto of = numbers_.find(devt); of != numbers_.end()) of->second.committed = number;
   finished_ = finished_ || finishing_;
   changed_.notify_all();
 }
@@ -156,10 +160,17 @@ Applier::Counts Applier::counts() const {
   return counts_;
 }
 
-bool Applier::waitFor(unsigned long long number, std::chrono::milliseconds patience) {
+unsigned long long Applier::expected(unsigned long long devt) const {
+  const std::lock_guard lock(mutex_);
+  return numbers_.at(devt).expected;
+}
+
+bool Applier::waitFor(unsigned long long devt, unsigned long long number,
+                      std::chrono::milliseconds patience) {
   std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, patience, [&] { return committed_ >= number || ended_; });
-  return committed_ >= number;
+  const Numbers& numbers = numbers_.at(devt);
+  changed_.wait_for(lock, patience, [&] { return numbers.committed >= number || ended_; });
+  return numbers.committed >= number;
 }
 
 }  // namespace kddc

@@ -11,6 +11,9 @@
 // catalogues committed, and whoever waits for that number is woken. Under load SQLite commits in
 // groups by itself.
 //
+// Several drivers may feed the queue, one for each file system: numbers are checked, and waited
+// for, by devt. Records of a file system that nobody follows any more are passed over.
+//
 // Nothing that goes wrong is passed over: a record that is refused, a number that is missing or
 // comes again, records that the queue lost, one that could not be applied. Each is counted, logged
 // and reported as a doubt, upon which the volumes are compared with the disk.
@@ -22,6 +25,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <span>
 #include <string>
@@ -37,8 +41,11 @@ class Applier {
   // What makes a comparison with the disk necessary; none of the volumes in particular when null.
   using Doubt = std::function<void(const VolumeRows*, const std::string& reason)>;
 
-  // All must outlive the object. `first` is the number of the first record that is expected.
-  Applier(PersistentDCRawBuffer& queue, std::vector<VolumeRows*> volumes, unsigned long long first,
+  // The number of the first record that is expected of each file system, by its devt.
+  using FirstNumbers = std::map<unsigned long long, unsigned long long>;
+
+  // All must outlive the object.
+  Applier(PersistentDCRawBuffer& queue, std::vector<VolumeRows*> volumes, const FirstNumbers& first,
           Doubt doubt);
 
   // Works until a NOOP after finishAtNextNoop, or until `abandon`.
@@ -47,27 +54,34 @@ class Applier {
   // Stops after the record in hand and waits for that. What is left stays in the queue.
   void abandon();
 
-  // Waits until the record of that number is applied and committed; false when time is up or the
-  // thread has ended before.
-  bool waitFor(unsigned long long number, std::chrono::milliseconds patience);
+  // Waits until the record of that number, of a file system's driver, is applied and committed;
+  // false when time is up or the thread has ended before.
+  bool waitFor(unsigned long long devt, unsigned long long number,
+               std::chrono::milliseconds patience);
   bool hasEnded() const;
 
   struct Counts {
     std::uint64_t records = 0;  // taken out of the queue
     std::uint64_t bytes = 0;
-    std::uint64_t refused = 0;   // not well formed
-    std::uint64_t gaps = 0;      // numbers that did not follow each other
-    std::uint64_t expected = 0;  // the number of the next record
-    double rate = 0;             // records in the last whole second in which there were any
+    std::uint64_t refused = 0;  // not well formed
+    std::uint64_t gaps = 0;     // numbers that did not follow each other
+    double rate = 0;            // records in the last whole second in which there were any
   };
   Counts counts() const;
+  // The number of the next record of a file system.
+  unsigned long long expected(unsigned long long devt) const;
 
  private:
+  struct Numbers {
+    unsigned long long expected = 1;
+    unsigned long long committed = 0;  // every record up to here is applied and committed
+  };
+
   void readSome();
   void take(std::span<unsigned char> bytes);
-  void checkNumber(unsigned long long number);
+  void checkNumber(unsigned long long devt, unsigned long long number);
   void applyToVolumes(const FlrJrnCommandRaw& record);
-  void checkpoint(unsigned long long number);
+  void checkpoint(unsigned long long devt, unsigned long long number);
   void reportLosses();
   void measureRate();
   void count(std::size_t bytes, std::uint64_t Counts::*what = nullptr);
@@ -76,13 +90,12 @@ class Applier {
   PersistentDCRawBuffer& queue_;
   std::vector<VolumeRows*> volumes_;
   Doubt doubt_;
-  unsigned long long expected_;
   unsigned long long damagedBlocks_ = 0;
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   Counts counts_;
-  unsigned long long committed_ = 0;  // every record up to here is applied and committed
+  std::map<unsigned long long, Numbers> numbers_;  // by devt
   std::chrono::steady_clock::time_point rateBegan_;
   std::uint64_t rateRecords_ = 0;
   bool finishing_ = false;

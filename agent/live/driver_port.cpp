@@ -9,11 +9,8 @@ namespace kddc {
 DriverPort::DriverPort(DriverOptions options, DriverSinks sinks)
     : doubt_(sinks.doubt), driver_(std::move(options), std::move(sinks)) {}
 
-void DriverPort::start(std::function<void()> begun) {
-  thread_ = std::thread([this, begun = std::move(begun)] {
-    begun();
-    run();
-  });
+void DriverPort::start() {
+  thread_ = std::thread([this] { run(); });
 }
 
 void DriverPort::run() {

@@ -26,8 +26,8 @@ class DriverPort : public DriverQuestions {
   DriverPort(DriverOptions options, DriverSinks sinks);
   ~DriverPort() override { end(); }
 
-  // Starts the thread; `begun` is called on it first.
-  void start(std::function<void()> begun);
+  // Starts the thread.
+  void start();
   // Ends the thread: what the kernel has queued is still said.
   void end();
 

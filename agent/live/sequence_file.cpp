@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <sstream>
 
 #include "agent/errors.h"
 #include "platform/unique_fd.h"
@@ -19,15 +20,26 @@ namespace {
 
 constexpr unsigned long long kFarAhead = 1ULL << 32;  // more than a run gives
 
-RecordNumbers read(const std::string& file) {
+// As much as a file of some hundred file systems holds.
+std::string textOf(const std::string& file) {
   const UniqueFd fd(open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  char text[64] = {};
-  RecordNumbers numbers;
-  if (!fd || ::read(fd.get(), text, sizeof text - 1) <= 0 ||
-      std::sscanf(text, "%llu %llu", &numbers.next, &numbers.expected) != 2 ||
-      numbers.expected == 0 || numbers.next < numbers.expected)
-    return {};
-  return numbers;
+  std::string text(64 * 1024, 0);
+  const ssize_t length = fd ? read(fd.get(), text.data(), text.size()) : 0;
+  text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+  return text;
+}
+
+NumbersByDevt readNumbers(const std::string& file) {
+  NumbersByDevt all;
+  std::istringstream lines(textOf(file));
+  for (std::string line; std::getline(lines, line);) {
+    unsigned long long devt = 0;
+    RecordNumbers numbers;
+    const int read =
+        std::sscanf(line.c_str(), "%llu %llu %llu", &devt, &numbers.next, &numbers.expected);
+    if (read == 3 && numbers.expected > 0 && numbers.next >= numbers.expected) all[devt] = numbers;
+  }
+  return all;
 }
 
 void fail(const std::string& file) {
@@ -36,14 +48,21 @@ void fail(const std::string& file) {
 
 }  // namespace
 
-RecordNumbers beginNumbering(const std::string& file) {
-  const RecordNumbers numbers = read(file);
-  keepNumbers(file, {numbers.next + kFarAhead, numbers.next + kFarAhead});
+NumbersByDevt beginNumbering(const std::string& file, const std::set<unsigned long long>& devts) {
+  NumbersByDevt known = readNumbers(file), numbers, afterCrash;
+  for (const unsigned long long devt : devts) {
+    numbers[devt] = known[devt];
+    const unsigned long long next = known[devt].next + kFarAhead;
+    afterCrash[devt] = {next, next};
+  }
+  keepNumbers(file, afterCrash);
   return numbers;
 }
 
-void keepNumbers(const std::string& file, const RecordNumbers& numbers) {
-  const std::string text = fmt::format("{} {}\n", numbers.next, numbers.expected);
+void keepNumbers(const std::string& file, const NumbersByDevt& all) {
+  std::string text;
+  for (const auto& [devt, numbers] : all)
+    text += fmt::format("{} {} {}\n", devt, numbers.next, numbers.expected);
   const std::string beside = file + ".new";
   constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
   const UniqueFd fd(open(beside.c_str(), kFlags, 0600));

@@ -13,6 +13,7 @@
 #include <deque>
 #include <filesystem>
 #include <future>
+#include <set>
 
 #include "agent/catalogue_place.h"
 #include "agent/engine/catalogue_folder.h"
@@ -20,6 +21,7 @@
 #include "agent/engine/full_scan.h"
 #include "agent/engine/new_catalogue.h"
 #include "agent/errors.h"
+#include "agent/interrupt.h"
 #include "agent/live/compare.h"
 #include "agent/live/strays.h"
 #include "catalogue/db_access.h"
@@ -73,10 +75,14 @@ void takeLock(LockFile& lock, const WatchPlan::Volume& volume) {
                             describeProcess(LockFile::holderOf(volume.lockFile).value_or(0))));
 }
 
-// Folders that are no part of a volume: ours.
-void addFid(const std::string& folder, std::vector<fsf_fid>& fids) {
+// Folders that are no part of a volume: ours. An identifier means something on its file system
+// only.
+void addFid(const std::string& folder, dev_t device, std::vector<fsf_fid>& fids) {
+  struct stat st;
   fsf_fid fid;
-  if (identify(AT_FDCWD, folder.c_str(), fid, true) == 0) fids.push_back(fid);
+  if (stat(folder.c_str(), &st) == 0 && st.st_dev == device &&
+      identify(AT_FDCWD, folder.c_str(), fid, true) == 0)
+    fids.push_back(fid);
 }
 
 void addKey(const std::string& folder, WalkOptions& options) {
@@ -114,7 +120,7 @@ WatchSession::WatchSession(WatchPlan plan, WatchListeners listeners)
     : plan_(std::move(plan)), listeners_(std::move(listeners)) {
   for (const WatchPlan::Volume& volume : plan_.volumes) prepare(volume);
   openQueue();
-  follow();
+  for (const auto& [device, numbers] : numbers_) follow(device);
 }
 
 WatchSession::~WatchSession() {
@@ -142,44 +148,50 @@ void WatchSession::openQueue() {
   const bool scans = std::ranges::any_of(volumes_, [](const auto& v) { return v->isNew; });
   KDPlatformInfo::setDefault("DataClassification", "dRawBufferDir", plan_.queueFolder);
   KDPlatformInfo::setDefault("DataClassification", "dCacheRootDir", plan_.stateFolder);
-  numbers_ = beginNumbering(plan_.numbersFile);
+  std::set<unsigned long long> devices;
+  for (const auto& volume : volumes_) devices.insert(volume->device);
+  numbers_ = beginNumbering(plan_.numbersFile, devices);
   during("cannot use the queue in " + plan_.queueFolder,
          [&] { queue_ = std::make_unique<PersistentDCRawBuffer>(scans); });
-  if (queue_->IsRescanNeeded(nullptr)) numbers_.expected = numbers_.next;
+  if (queue_->IsRescanNeeded(nullptr))
+    for (auto& [device, numbers] : numbers_) numbers.expected = numbers.next;
   queue_->FinishedHandlingCorruptDbs();
   queue_->RemoveStrayFolders();
 }
 
 // One driver for each file system, whatever the number of volumes on it.
-void WatchSession::follow() {
+void WatchSession::follow(dev_t device) {
   DriverOptions options;
-  options.firstSequence = numbers_.next;
+  options.firstSequence = numbers_[device].next;
   options.stubAttribute = plan_.stubAttribute;
   options.queue = plan_.events;
-  addFid(plan_.stateFolder, options.leaveOut);
+  addFid(plan_.stateFolder, device, options.leaveOut);
   for (const auto& volume : volumes_) {
-    if (volume->device != volumes_[0]->device)
-      throw Failure(
-          fmt::format("{} and {} lie on two file systems; watch each by a kddc of its own",
-                      volumes_[0]->plan.path, volume->plan.path));
-    options.roots.push_back(volume->plan.path);
-    addFid(volume->plan.catalogue, options.leaveOut);
-    addFid(volume->plan.catalogue + ".new", options.leaveOut);
+    if (volume->device == device) options.roots.push_back(volume->plan.path);
+    addFid(volume->plan.catalogue, device, options.leaveOut);
+    addFid(volume->plan.catalogue + ".new", device, options.leaveOut);
   }
   DriverSinks sinks;
   sinks.record = [this](std::span<unsigned char> bytes) {
+    const std::lock_guard lock(adding_);
     queue_->AddEntry(bytes.data(), static_cast<int>(bytes.size()));
     ++queuedRecords_;
     queuedBytes_ += bytes.size();
   };
-  sinks.doubt = [this](const std::string& reason) { doubt(nullptr, reason); };
+  sinks.doubt = [this, device](const std::string& reason) { doubt(device, reason); };
   ports_.push_back(std::make_unique<DriverPort>(std::move(options), std::move(sinks)));
-  for (const auto& volume : volumes_) volume->port = ports_[0].get();
+  for (const auto& volume : volumes_)
+    if (volume->device == device) volume->port = ports_.back().get();
 }
 
 void WatchSession::run(const std::function<void()>& live) {
-  for (const auto& port : ports_) port->start([this] { queue_->DriverThreadStarted(); });
-  scanNew();
+  queue_->DriverThreadStarted();
+  for (const auto& port : ports_) port->start();
+  try {
+    scanNew();
+  } catch (const Stopped&) {
+    return finishBeforeApplying();
+  }
   applyRecords();
   compareOld();
   for (const auto& volume : volumes_) {
@@ -205,21 +217,36 @@ WalkOptions WatchSession::walkOptions(const Volume& volume) const {
   return options;
 }
 
+// A stop ends the work in whatever it was doing then; that is no failure of its own.
+template <class Work>
+void WatchSession::unlessStopped(Work&& work) {
+  try {
+    work();
+  } catch (const Failure&) {
+    if (isStopping() || interrupted()) throw Stopped();
+    throw;
+  }
+}
+
 void WatchSession::scan(Volume& volume) {
   WalkOptions options = walkOptions(volume);
   std::vector<fsf_fid> lost;  // known, but nobody has seen what they hold
   options.folderLost = [&](const fsf_fid& folder) { lost.push_back(folder); };
   const std::time_t began = std::time(nullptr);
-  during("cannot scan " + volume.plan.path, [&] {
-    fullScan(openRoot(volume.plan.path), volume.plan.path, options, volume.fresh->rows(),
-             listeners_.progress);
+  unlessStopped([&] {
+    volume.fresh->rows().setTick([this] { return !isStopping(); });
+    during("cannot scan " + volume.plan.path, [&] {
+      fullScan(openRoot(volume.plan.path), volume.plan.path, options, volume.fresh->rows(),
+               listeners_.progress);
+    });
+    volume.fresh->publish(began);
   });
-  volume.fresh->publish(began);
   for (const fsf_fid& folder : lost) volume.port->list(folder);
   // Our own changes raise no events for us; this one may have been made inside the volume.
   fsf_fid parent;
   const std::string above = std::filesystem::path(volume.plan.catalogue).parent_path();
-  if (identify(AT_FDCWD, above.c_str(), parent, true) == 0) volume.port->lookAt(parent);
+  if (deviceOf(above) == volume.device && identify(AT_FDCWD, above.c_str(), parent, true) == 0)
+    volume.port->lookAt(parent);
   const std::lock_guard lock(mutex_);
   volume.fresh.reset();
 }
@@ -232,8 +259,10 @@ void WatchSession::applyRecords() {
     if (listeners_.change) volume->rows->observe(listeners_.change);
     rows.push_back(volume->rows.get());
   }
+  Applier::FirstNumbers first;
+  for (const auto& [device, numbers] : numbers_) first[device] = numbers.expected;
   auto applier = std::make_unique<Applier>(
-      *queue_, rows, numbers_.expected,
+      *queue_, rows, first,
       [this](const VolumeRows* where, const std::string& reason) { doubt(where, reason); });
   {
     const std::lock_guard lock(mutex_);
@@ -385,6 +414,11 @@ void WatchSession::doubt(const VolumeRows* rows, const std::string& reason) {
     if (!rows || volume->rows.get() == rows) doubt(*volume, reason);
 }
 
+void WatchSession::doubt(dev_t device, const std::string& reason) {
+  for (const auto& volume : volumes_)
+    if (volume->device == device) doubt(*volume, reason);
+}
+
 void WatchSession::doubt(Volume& volume, const std::string& reason) {
   {
     const std::lock_guard lock(mutex_);
@@ -424,7 +458,7 @@ bool WatchSession::catchUp(Volume& volume, const std::function<bool()>& giveUp) 
     while (number.wait_for(kLook) != std::future_status::ready)
       if (giveUp() || stops_ > 1) return false;
     const std::uint64_t last = number.get();
-    while (!applier_->waitFor(last, kLook))
+    while (!applier_->waitFor(volume.device, last, kLook))
       if (giveUp() || stops_ > 1 || applier_->hasEnded()) return false;
     const std::uint64_t asked = volume.port->lastQuestion();
     if (asked < barrier) return true;
@@ -549,7 +583,23 @@ void WatchSession::finish() {
     queue_->DbShutDown(volume->device);
   }
   queue_->DbThreadShutDown();
-  keepNumbers(plan_.numbersFile, {ports_[0]->driver().nextSequence(), applier_->counts().expected});
+  keepNumbers();
+}
+
+// Nothing was applied yet, and what is queued is of no use to a catalogue that is not there.
+void WatchSession::finishBeforeApplying() {
+  for (const auto& port : ports_) port->end();
+  keepNumbers();
+  listeners_.note("stopped before the scan was done; the next start scans anew");
+}
+
+void WatchSession::keepNumbers() const {
+  NumbersByDevt numbers;
+  for (const auto& volume : volumes_) {
+    const unsigned long long next = volume->port->driver().nextSequence();
+    numbers[volume->device] = {next, applier_ ? applier_->expected(volume->device) : next};
+  }
+  kddc::keepNumbers(plan_.numbersFile, numbers);
 }
 
 }  // namespace kddc

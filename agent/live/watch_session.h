@@ -5,7 +5,7 @@
 // catalogues, and the only place that knows in which order things happen.
 //
 //   start   the file systems are marked, so that no change is missed from here on
-//           the driver threads run and fill the queue
+//           the driver threads run, one for each file system, and fill the queue
 //           a volume without a good catalogue is scanned; it goes through DCSqliteDBSortedInsert
 //           the database thread runs and empties the queue
 //           a volume that had a good catalogue is compared with the disk
@@ -93,7 +93,7 @@ class WatchSession {
   Volume* find(const std::string& path) const;
   void prepare(WatchPlan::Volume plan);
   void openQueue();
-  void follow();
+  void follow(dev_t device);
   void scanNew();
   void scan(Volume& volume);
   WalkOptions walkOptions(const Volume& volume) const;
@@ -105,10 +105,15 @@ class WatchSession {
   void watchOver();
   Volume* nextInDoubt();
   void finish();
+  void finishBeforeApplying();
+  void keepNumbers() const;
+  template <class Work>
+  void unlessStopped(Work&& work);
   void fillFromCatalogue(VolumeStatus& status) const;
   void fillFromThreads(const Volume& volume, VolumeStatus& status) const;
   VolumeStatus::State stateOf(const Volume& volume) const;
   void doubt(const VolumeRows* rows, const std::string& reason);
+  void doubt(dev_t device, const std::string& reason);
   void doubt(Volume& volume, const std::string& reason);
   bool isLive(const Volume& volume) const;
   void setLive(Volume& volume);
@@ -118,8 +123,9 @@ class WatchSession {
   WatchListeners listeners_;
   std::vector<std::unique_ptr<Volume>> volumes_;
   std::vector<std::unique_ptr<DriverPort>> ports_;
-  RecordNumbers numbers_;
+  NumbersByDevt numbers_;  // with which the run began
   std::unique_ptr<PersistentDCRawBuffer> queue_;
+  std::mutex adding_;  // the queue is made for one producer
   std::unique_ptr<Applier> applier_;
   std::thread applying_;
   std::atomic<int> stops_ = 0;

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -43,7 +44,8 @@ struct ApplierTest : QueueFolders {
   std::vector<std::unique_ptr<VolumeRows>> volumes;
   std::unique_ptr<Applier> applier;
   std::thread thread;
-  unsigned long long next = 1;  // the number of the record that is sent next
+  unsigned long long next = 1;  // the number of the record that is sent next for device 7
+  std::map<unsigned long long, unsigned long long> elsewhere;  // that of the last one, by device
 
   std::mutex mutex;
   std::condition_variable changed;
@@ -88,7 +90,7 @@ struct ApplierTest : QueueFolders {
     }
     next = first;
     applier = std::make_unique<Applier>(
-        *queue, rows, first,
+        *queue, rows, Applier::FirstNumbers{{7, first}, {8, 1}},
         [this](const VolumeRows* volume, const std::string& reason) { doubt(volume, reason); });
     thread = std::thread([this] { applier->run(); });
   }
@@ -111,7 +113,7 @@ struct ApplierTest : QueueFolders {
   }
 
   unsigned long long send(FlrJrnCommandRaw record) {
-    record.seq_num = next++;
+    record.seq_num = record.devt == 7 ? next++ : ++elsewhere[record.devt];
     std::vector<unsigned char> bytes(getRawCmdSize(&record));
     encodeRawCmd(&record, bytes.data());
     queue->AddEntry(bytes.data(), static_cast<int>(bytes.size()));
@@ -134,19 +136,23 @@ struct ApplierTest : QueueFolders {
     record.u.setxattr = {fidOf('R'), 0, "", 0, nullptr};
     send(record);
   }
-  unsigned long long noop() {
+  unsigned long long noop(unsigned long long devt = 7) {
     FlrJrnCommandRaw record{};
     record.cmd = FLR_JRN_NOOP;
+    record.devt = devt;
     return send(record);
   }
   // Everything sent so far is applied and committed.
-  void settle() { ASSERT_TRUE(applier->waitFor(noop(), kLong)); }
+  void settle() {
+    for (const unsigned long long devt : {7ULL, 8ULL})
+      ASSERT_TRUE(applier->waitFor(devt, noop(devt), kLong));
+  }
 };
 
 TEST_F(ApplierTest, ANoopCommitsWhatCameBeforeItAndWakesWhoeverWaits) {
   start();
   create("a", 'A');
-  EXPECT_TRUE(applier->waitFor(noop(), kLong));
+  EXPECT_TRUE(applier->waitFor(7, noop(), kLong));
   EXPECT_THAT(names(0), ElementsAre("/volume", "a"));
   EXPECT_THAT(doubts, IsEmpty());
 }
@@ -157,9 +163,9 @@ TEST_F(ApplierTest, NothingIsCommittedBeforeANoop) {
   add(*queue, "no record");
   doubtsOnceThereAre(1);
   EXPECT_THAT(names(0), ElementsAre("/volume"));
-  EXPECT_FALSE(applier->waitFor(1, std::chrono::milliseconds(0)));
+  EXPECT_FALSE(applier->waitFor(7, 1, std::chrono::milliseconds(0)));
   settle();
-  EXPECT_TRUE(applier->waitFor(1, std::chrono::milliseconds(0)));
+  EXPECT_TRUE(applier->waitFor(7, 1, std::chrono::milliseconds(0)));
 }
 
 TEST_F(ApplierTest, ARecordGoesToEveryVolumeOfItsDeviceAndToNoOther) {
@@ -209,9 +215,9 @@ TEST_F(ApplierTest, AGapIsDoubtedAndWhatFollowsIsApplied) {
   create("b", 'B');
   settle();
   EXPECT_THAT(names(0), ElementsAre("/volume", "a", "b"));
-  EXPECT_THAT(doubts, ElementsAre("all: 3 records are missing"));
+  EXPECT_THAT(doubts, ElementsAre("0: 3 records are missing", "1: 3 records are missing"));
   EXPECT_EQ(applier->counts().gaps, 1u);
-  EXPECT_EQ(applier->counts().expected, 7u);
+  EXPECT_EQ(applier->expected(7), 7u);
 }
 
 TEST_F(ApplierTest, ARecordThatComesTwiceIsDoubtedAndAppliedAgain) {
@@ -221,7 +227,8 @@ TEST_F(ApplierTest, ARecordThatComesTwiceIsDoubtedAndAppliedAgain) {
   create("a", 'A');
   settle();
   EXPECT_THAT(names(0), ElementsAre("/volume", "a"));
-  EXPECT_THAT(doubts, ElementsAre("all: records came twice or out of order"));
+  EXPECT_THAT(doubts, ElementsAre("0: records came twice or out of order",
+                                  "1: records came twice or out of order"));
 }
 
 TEST_F(ApplierTest, NumbersThatStepBackAreDoubtedOnceAndGoOnFromThere) {
@@ -231,27 +238,40 @@ TEST_F(ApplierTest, NumbersThatStepBackAreDoubtedOnceAndGoOnFromThere) {
   create("b", 'B');
   create("c", 'C');
   add(*queue, "no record");
-  doubtsOnceThereAre(2);
-  EXPECT_THAT(doubts,
-              ElementsAre("all: records came twice or out of order", "all: a record was damaged"));
-  EXPECT_EQ(applier->counts().expected, 3u);
+  EXPECT_THAT(doubtsOnceThereAre(3),
+              ElementsAre("0: records came twice or out of order",
+                          "1: records came twice or out of order", "all: a record was damaged"));
+  EXPECT_EQ(applier->expected(7), 3u);
+}
+
+TEST_F(ApplierTest, TheNumbersOfEachDeviceRiseByThemselves) {
+  start(100);
+  create("on8", 'B', 8);
+  create("on7", 'A', 7);
+  elsewhere[8] += 2;
+  create("more", 'C', 8);
+  settle();
+  EXPECT_THAT(doubts, ElementsAre("2: 2 records are missing"));
+  EXPECT_EQ(applier->expected(7), 102u);
+  EXPECT_EQ(applier->expected(8), 6u);
 }
 
 TEST_F(ApplierTest, TheFirstNumberIsTheOneThatItWasGiven) {
   start(100);
-  EXPECT_EQ(applier->counts().expected, 100u);
-  EXPECT_TRUE(applier->waitFor(99, std::chrono::milliseconds(0))) << "nothing is missing up to it";
+  EXPECT_EQ(applier->expected(7), 100u);
+  EXPECT_TRUE(applier->waitFor(7, 99, std::chrono::milliseconds(0)))
+      << "nothing is missing up to it";
   settle();
   EXPECT_THAT(doubts, IsEmpty());
-  EXPECT_EQ(applier->counts().expected, 101u);
+  EXPECT_EQ(applier->expected(7), 101u);
 }
 
 TEST_F(ApplierTest, CountsRecordsAndTheirBytes) {
   start();
   add(*queue, "no record");
   settle();
-  EXPECT_EQ(applier->counts().records, 2u);
-  EXPECT_EQ(applier->counts().bytes, 9u + 26u);
+  EXPECT_EQ(applier->counts().records, 3u);
+  EXPECT_EQ(applier->counts().bytes, 9u + 2 * 26u);
 }
 
 TEST_F(ApplierTest, ARecordThatCannotBeAppliedIsDoubtedForItsVolumeAlone) {
@@ -327,9 +347,9 @@ TEST_F(ApplierTest, FinishesAtTheNextNoopAndLeavesWhatFollows) {
   const auto last = noop();
   thread.join();
   EXPECT_TRUE(applier->hasEnded());
-  EXPECT_TRUE(applier->waitFor(last, std::chrono::milliseconds(0)));
+  EXPECT_TRUE(applier->waitFor(7, last, std::chrono::milliseconds(0)));
   EXPECT_THAT(names(0), ElementsAre("/volume", "a", "b"));
-  EXPECT_FALSE(applier->waitFor(noop(), kLong)) << "nobody will apply it";
+  EXPECT_FALSE(applier->waitFor(7, noop(), kLong)) << "nobody will apply it";
   unsigned char* data = nullptr;
   int length = 0;
   while (!queue->ReadEntry(&data, &length)) {
@@ -343,7 +363,7 @@ TEST_F(ApplierTest, AbandonEndsAThreadThatHasNothingToDo) {
   end();
   EXPECT_TRUE(applier->hasEnded());
   create("b", 'B');
-  EXPECT_FALSE(applier->waitFor(noop(), kLong));
+  EXPECT_FALSE(applier->waitFor(7, noop(), kLong));
   EXPECT_THAT(names(0), ElementsAre("/volume"));
 }
 
@@ -352,7 +372,7 @@ TEST_F(ApplierTest, AbandonEndsAThreadThatIsBusyAfterTheRecordInHand) {
   for (int i = 0; i < 2000; ++i) create(("f" + std::to_string(i)).c_str(), 'A');
   end();
   const auto taken = applier->counts().records;
-  EXPECT_EQ(applier->counts().expected, taken + 1);
+  EXPECT_EQ(applier->expected(7), taken + 1);
   unsigned char* data = nullptr;
   int length = 0;
   std::uint64_t left = 0;
@@ -363,7 +383,7 @@ TEST_F(ApplierTest, AbandonEndsAThreadThatIsBusyAfterTheRecordInHand) {
 
 TEST_F(ApplierTest, ThoseWhoWaitAreWokenWhenTheThreadEnds) {
   start();
-  std::thread waiter([&] { EXPECT_FALSE(applier->waitFor(1'000'000, std::chrono::hours(1))); });
+  std::thread waiter([&] { EXPECT_FALSE(applier->waitFor(7, 1'000'000, std::chrono::hours(1))); });
   end();
   waiter.join();
 }

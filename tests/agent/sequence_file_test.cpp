@@ -1,5 +1,7 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
+//
+// The numbers of records over restarts and crashes, for each file system.
 #include "agent/live/sequence_file.h"
 
 #include <gtest/gtest.h>
@@ -15,84 +17,80 @@
 namespace kddc::test {
 namespace {
 
-struct SequenceFileTest : testing::Test {
-  TempFolder folder;
-  std::string file = folder / "numbers";
+struct SequenceFile : testing::Test {
+  TempFolder temp;
+  std::string file = temp / "numbers";
 
-  std::string contents() const {
-    std::ifstream in(file);
-    return {std::istreambuf_iterator<char>(in), {}};
+  std::string text() const {
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
   }
-  void expectBegins(unsigned long long next, unsigned long long expected) {
-    const RecordNumbers numbers = beginNumbering(file);
+  static void expect(const RecordNumbers& numbers, unsigned long long next,
+                     unsigned long long expected) {
     EXPECT_EQ(numbers.next, next);
     EXPECT_EQ(numbers.expected, expected);
   }
 };
 
-TEST_F(SequenceFileTest, TheFirstRunBeginsWithOne) {
-  expectBegins(1, 1);
+TEST_F(SequenceFile, TheFirstRunBeginsWithOne) {
+  const NumbersByDevt numbers = beginNumbering(file, {7, 9});
+  ASSERT_EQ(numbers.size(), 2U);
+  expect(numbers.at(7), 1, 1);
+  expect(numbers.at(9), 1, 1);
 }
 
-TEST_F(SequenceFileTest, ARunBeginsWithTheNumbersThatTheLastOneKept) {
-  keepNumbers(file, {120, 100});
-  EXPECT_EQ(contents(), "120 100\n");
-  expectBegins(120, 100);
+TEST_F(SequenceFile, ARunBeginsWhereTheOneBeforeHasEnded) {
+  keepNumbers(file, {{7, {12, 10}}, {9, {5, 5}}});
+  EXPECT_EQ(text(), "7 12 10\n9 5 5\n");
+  const NumbersByDevt numbers = beginNumbering(file, {7, 9});
+  expect(numbers.at(7), 12, 10);
+  expect(numbers.at(9), 5, 5);
 }
 
-TEST_F(SequenceFileTest, AfterARunThatKeptNothingNoNumberComesAgain) {
-  keepNumbers(file, {120, 100});
-  beginNumbering(file);
-  EXPECT_EQ(contents(), "4294967416 4294967416\n");
-  expectBegins(4294967416, 4294967416);
-  expectBegins(8589934712, 8589934712);
+TEST_F(SequenceFile, DuringARunItHoldsNumbersFarAheadForTheCaseOfACrash) {
+  keepNumbers(file, {{7, {12, 10}}});
+  beginNumbering(file, {7, 9});
+  EXPECT_EQ(text(), "7 4294967308 4294967308\n9 4294967297 4294967297\n");
 }
 
-TEST_F(SequenceFileTest, NumbersOfAnyLengthAreKept) {
-  keepNumbers(file, {18446744069414584319ULL, 1});
-  expectBegins(18446744069414584319ULL, 1);
+TEST_F(SequenceFile, AFileSystemThatIsNotFollowedIsForgotten) {
+  keepNumbers(file, {{7, {12, 10}}, {9, {5, 5}}});
+  const NumbersByDevt numbers = beginNumbering(file, {9});
+  ASSERT_EQ(numbers.size(), 1U);
+  expect(numbers.at(9), 5, 5);
+  EXPECT_EQ(text(), "9 4294967301 4294967301\n");
 }
 
-TEST_F(SequenceFileTest, AFileThatCannotBeUnderstoodCountsAsNone) {
-  for (const char* text : {"", "7", "x y", "7 0", "6 7", "\n\n", "-"}) {
-    folder.write("numbers", text);
-    expectBegins(1, 1);
+TEST_F(SequenceFile, ALineThatMakesNoSenseIsNotThere) {
+  for (const char* line : {"", "x\n", "7\n", "7 12\n", "7 0 0\n", "7 5 6\n", "7 a 1\n", "\n\n"}) {
+    temp.write("numbers", std::string(line) + "\n9 5 5\n");
+    const NumbersByDevt numbers = beginNumbering(file, {7, 9});
+    expect(numbers.at(7), 1, 1);
+    expect(numbers.at(9), 5, 5);
   }
 }
 
-TEST_F(SequenceFileTest, ALinkIsNotFollowed) {
-  folder.write("other", "7 7\n");
-  std::filesystem::create_symlink(folder / "other", file);
-  expectBegins(1, 1);
+TEST_F(SequenceFile, ALinkIsReplacedAndNotFollowed) {
+  temp.write("other", "7 7 7\n");
+  std::filesystem::create_symlink(temp / "other", file);
+  expect(beginNumbering(file, {7}).at(7), 1, 1);
   EXPECT_FALSE(std::filesystem::is_symlink(file));
-  std::ifstream other(folder / "other");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(other), {}), "7 7\n");
+  std::ifstream other(temp / "other");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(other), {}), "7 7 7\n");
 }
 
-TEST_F(SequenceFileTest, TheFileIsReplacedInOnePieceAndIsItsOwnersAlone) {
-  keepNumbers(file, {2, 1});
-  struct stat before {
-  }, after{};
-  ASSERT_EQ(stat(file.c_str(), &before), 0);
-  const std::ifstream open(file);  // keeps the old inode number from being used again
-  keepNumbers(file, {3, 1});
-  ASSERT_EQ(stat(file.c_str(), &after), 0);
-  EXPECT_NE(before.st_ino, after.st_ino);
-  EXPECT_EQ(after.st_mode & 0777, 0600u);
-  EXPECT_FALSE(std::filesystem::exists(file + ".new"));
-}
-
-TEST_F(SequenceFileTest, NumbersThatCannotBeKeptAreAFailure) {
-  const std::string nowhere = folder / "missing/numbers";
+TEST_F(SequenceFile, ItIsPrivateAndFailuresAreNamed) {
+  keepNumbers(file, {});
+  struct stat status {};
+  ASSERT_EQ(stat(file.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600U);
   try {
-    keepNumbers(nowhere, {2, 1});
-    FAIL();
+    keepNumbers(temp / "none/numbers", {});
+    FAIL() << "nothing was thrown";
   } catch (const Failure& failure) {
-    EXPECT_STREQ(failure.what(), ("cannot keep the numbers of records in " + nowhere +
-                                  ": No such file or directory")
-                                     .c_str());
+    EXPECT_EQ(failure.what(), "cannot keep the numbers of records in " + (temp / "none/numbers") +
+                                  ": No such file or directory");
   }
-  EXPECT_THROW(beginNumbering(nowhere), Failure);
 }
 
 }  // namespace
