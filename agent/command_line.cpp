@@ -108,7 +108,10 @@ CLI::App* addWatch(CLI::App& app, Words& words) {
   CLI::App* watch = app.add_subcommand("watch", "Keep catalogues current until Ctrl-C");
   watch->add_option("VOLUME", words.volumes, "Folders, usually where volumes are mounted")
       ->required();
-  watch->add_flag("--print", words.print, "Print what changes, as it is applied");
+  watch->add_flag(
+      "--print", words.print,
+      "Print what changes, as it is applied; in names \\n, \\t and \\xNN stand for bytes "
+      "that could steer a terminal or break a line");
   return watch;
 }
 

@@ -11,8 +11,9 @@ namespace kddc {
 
 Progress::Progress(bool wanted) : shown_(wanted && isatty(STDERR_FILENO) == 1) {}
 
-Progress::~Progress() {
+void Progress::end() {
   if (shown_) fmt::print(stderr, "\r\x1b[K");
+  shown_ = false;
 }
 
 void Progress::update(std::uint64_t entries) {

@@ -13,13 +13,14 @@ class Progress {
  public:
   // Shows nothing unless `wanted` and standard error is a terminal.
   explicit Progress(bool wanted);
-  // Takes the line away again.
-  ~Progress();
+  ~Progress() { end(); }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
   // Entries done so far. Cheap: the line is rewritten five times a second at most.
   void update(std::uint64_t entries);
+  // Takes the line away; from now on nothing is shown.
+  void end();
   std::chrono::duration<double> elapsed() const { return Clock::now() - began_; }
 
  private:

@@ -5,7 +5,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "agent/catalogue_place.h"
@@ -15,7 +18,7 @@
 #include "agent/errors.h"
 #include "agent/interrupt.h"
 #include "agent/live/watch_session.h"
-#include "agent/output.h"
+#include "agent/logging.h"
 #include "agent/progress.h"
 #include "platform/stub_attribute.h"
 
@@ -83,32 +86,61 @@ nlohmann::json answer(WatchSession& session, const ControlRequest& request,
   throw Failure("the process that watches " + request.volume + " is stopping");
 }
 
-void say(const std::string& line) {
-  fmt::print("{}\n", line);
-  std::fflush(stdout);
+// Lines on standard output, from any thread. When they cannot be written any more `failed` is
+// called, once.
+class Lines {
+ public:
+  explicit Lines(std::function<void()> failed) : failed_(std::move(failed)) {}
+
+  void say(const std::string& line) {
+    const std::string text = line + '\n';
+    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0)
+      return;
+    int none = 0;
+    if (error_.compare_exchange_strong(none, errno)) failed_();
+  }
+  // Whoever closed a pipe has had enough of them, which is no failure.
+  void requireWritten() const {
+    if (error_ != 0 && error_ != EPIPE) throw systemFailure("cannot write what changes", error_);
+  }
+
+ private:
+  std::function<void()> failed_;
+  std::atomic<int> error_ = 0;
+};
+
+WatchListeners listenersFor(const Options& options, Progress& progress) {
+  WatchListeners listeners;
+  listeners.note = [quiet = options.quiet](const std::string& line) {
+    if (!quiet) complain(line);
+  };
+  listeners.progress = [&](std::uint64_t entries) { progress.update(entries); };
+  return listeners;
 }
 
 }  // namespace
 
 int runWatch(const Options& options, const std::vector<std::string>& volumes, bool print) {
+  std::unique_ptr<WatchSession> session;
+  Lines lines([&] { session->stop(); });
   Progress progress(!options.quiet && options.verbosity == 0);
-  WatchListeners listeners;
-  listeners.note = [&](const std::string& line) {
-    if (!options.quiet) complain(line);
-  };
-  listeners.progress = [&](std::uint64_t entries) { progress.update(entries); };
+  WatchListeners listeners = listenersFor(options, progress);
   if (print)
-    listeners.change = [](CatalogueChange::Kind kind, const std::string& path) {
-      say(fmt::format("{} {}", wordFor(kind), path));
+    listeners.change = [&](CatalogueChange::Kind kind, const std::string& path) {
+      lines.say(fmt::format("{} {}", wordFor(kind), printable(path)));
     };
   const WatchPlan plan = planFor(options, volumes);
-  WatchSession session(plan, std::move(listeners));
-  const InterruptThread interrupts([&] { session.stop(); });
+  session = std::make_unique<WatchSession>(plan, std::move(listeners));
+  const InterruptThread interrupts([&] { session->stop(); });
   const ControlServer server(placesFor(options, plan),
                              [&](const ControlRequest& request, const ControlServer::Gone& gone) {
-                               return answer(session, request, gone);
+                               return answer(*session, request, gone);
                              });
-  session.run([] { say("ready"); });
+  session->run([&] {
+    progress.end();
+    lines.say("ready");
+  });
+  lines.requireWritten();
   return kExitDone;
 }
 
