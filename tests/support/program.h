@@ -6,10 +6,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -52,6 +54,27 @@ class Program {
 
   void signal(int number) const { ::kill(child_, number); }
   pid_t pid() const { return child_; }
+
+  // What it has printed so far.
+  std::string out() const { return contentsOf("out"); }
+  std::string err() const { return contentsOf("err"); }
+
+  bool hasEnded() const {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(child_), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+           info.si_pid != 0;
+  }
+  // Looks again and again until `condition` holds; false when a minute passes first, or the program
+  // ends.
+  bool waitUntil(const std::function<bool()>& condition) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      if (hasEnded()) return condition();
+      poll(nullptr, 0, 2);
+    }
+    return true;
+  }
 
   Outcome finish() {
     int status = 0;
