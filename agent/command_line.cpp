@@ -108,10 +108,10 @@ CLI::App* addWatch(CLI::App& app, Words& words) {
   CLI::App* watch = app.add_subcommand("watch", "Keep catalogues current until Ctrl-C");
   watch->add_option("VOLUME", words.volumes, "Folders, usually where volumes are mounted")
       ->required();
-  watch->add_flag(
-      "--print", words.print,
-      "Print what changes, as it is applied; in names \\n, \\t and \\xNN stand for bytes "
-      "that could steer a terminal or break a line");
+  watch->add_flag("--print", words.print,
+                  "Print what changes, as it is applied: added, changed, moved or removed and a "
+                  "path, of several volumes a whole one; in it \\n, \\t and \\xNN stand for bytes "
+                  "that could steer a terminal or break a line");
   return watch;
 }
 

@@ -86,6 +86,11 @@ nlohmann::json answer(WatchSession& session, const ControlRequest& request,
   throw Failure("the process that watches " + request.volume + " is stopping");
 }
 
+std::string pathOnDisk(const std::string& volume, const std::string& path) {
+  if (path == ".") return volume;
+  return volume == "/" ? volume + path : volume + "/" + path;
+}
+
 // Lines on standard output, from any thread. When they cannot be written any more `failed` is
 // called, once.
 class Lines {
@@ -121,15 +126,17 @@ WatchListeners listenersFor(const Options& options, Progress& progress) {
 }  // namespace
 
 int runWatch(const Options& options, const std::vector<std::string>& volumes, bool print) {
+  const WatchPlan plan = planFor(options, volumes);
   std::unique_ptr<WatchSession> session;
   Lines lines([&] { session->stop(); });
   Progress progress(!options.quiet && options.verbosity == 0);
   WatchListeners listeners = listenersFor(options, progress);
   if (print)
-    listeners.change = [&](CatalogueChange::Kind kind, const std::string& path) {
-      lines.say(fmt::format("{} {}", wordFor(kind), printable(path)));
+    listeners.change = [&](const std::string& volume, CatalogueChange::Kind kind,
+                           const std::string& path) {
+      const std::string name = plan.volumes.size() == 1 ? path : pathOnDisk(volume, path);
+      lines.say(fmt::format("{} {}", wordFor(kind), printable(name)));
     };
-  const WatchPlan plan = planFor(options, volumes);
   session = std::make_unique<WatchSession>(plan, std::move(listeners));
   const InterruptThread interrupts([&] { session->stop(); });
   const ControlServer server(placesFor(options, plan),

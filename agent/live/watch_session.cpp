@@ -256,7 +256,10 @@ void WatchSession::applyRecords() {
   for (const auto& volume : volumes_) {
     volume->rows =
         std::make_unique<VolumeRows>(volume->plan.catalogue, volume->device, *volume->port);
-    if (listeners_.change) volume->rows->observe(listeners_.change);
+    if (listeners_.change)
+      volume->rows->observe([this, &name = volume->plan.path](auto kind, const std::string& path) {
+        listeners_.change(name, kind, path);
+      });
     rows.push_back(volume->rows.get());
   }
   Applier::FirstNumbers first;

@@ -59,7 +59,8 @@ struct WatchPlan {
 struct WatchListeners {
   std::function<void(const std::string& line)> note;  // for people
   // What happens to an entry, by its path relative to its volume; null: nobody asks.
-  std::function<void(CatalogueChange::Kind, const std::string& path)> change;
+  std::function<void(const std::string& volume, CatalogueChange::Kind, const std::string& path)>
+      change;
   std::function<void(std::uint64_t entries)> progress;
 };
 
