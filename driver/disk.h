@@ -60,9 +60,11 @@ class Disk {
   virtual Look lookAt(const fsf_fid& fid) = 0;
   // Reads a folder; one that is gone, or is none, has no names.
   virtual std::unique_ptr<Listing> list(const fsf_fid& folder) = 0;
-  // Whether a file lies below one of the volumes' roots (a root lies inside of itself). Of a file
-  // with several names, any of them may decide. What lies in a folder that is left out is outside.
-  virtual Whereabouts whereabouts(const fsf_fid& fid) = 0;
+  // Whether a file lies below that root of a volume, or below any of them when none is named (a
+  // root lies inside of itself). Of a file with several names, any of them may decide. What lies in
+  // a folder that is left out is outside.
+  virtual Whereabouts whereabouts(const fsf_fid& fid, const fsf_fid* root) = 0;
+  Whereabouts whereabouts(const fsf_fid& fid) { return whereabouts(fid, nullptr); }
 
   // Nothing of what was asked so far will be asked again soon: gives up what was kept for it.
   virtual void forget() {}

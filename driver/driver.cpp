@@ -38,6 +38,11 @@ std::vector<UniqueFd> openRoots(const std::vector<std::string>& paths) {
   return roots;
 }
 
+// None when any root will do.
+const fsf_fid* rootOf(const auto& question) {
+  return question.root ? &*question.root : nullptr;
+}
+
 UniqueFd makeWake() {
   UniqueFd wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (!wake) throw std::system_error(errno, std::generic_category(), "cannot make an eventfd");
@@ -87,8 +92,8 @@ std::uint64_t Driver::look(const fsf_fid& folder, std::string name) {
 std::uint64_t Driver::lookAt(const fsf_fid& fid) {
   return ask({Kind::kLookAt, fid, {}, {}});
 }
-std::uint64_t Driver::resolve(const fsf_fid& fid) {
-  return ask({Kind::kResolve, fid, {}, {}});
+std::uint64_t Driver::resolve(const fsf_fid& fid, std::optional<fsf_fid> root) {
+  return ask({Kind::kResolve, fid, {}, {}, root});
 }
 std::uint64_t Driver::barrier(Reached reached) {
   return ask({Kind::kBarrier, {}, {}, std::move(reached)});
@@ -232,8 +237,8 @@ bool Driver::serve(Request& request) {
       return true;
     case Kind::kResolve:
       readQueued();
-      if (!translator_.resolve(request.fid))
-        unresolved_.push_back({request.fid, request.number, kResolveTimes});
+      if (!translator_.resolve(request.fid, false, rootOf(request)))
+        unresolved_.push_back({request.fid, request.root, request.number, kResolveTimes});
       return true;
     case Kind::kEndCapture:
       endTaking();
@@ -259,7 +264,7 @@ void Driver::resolveAgain() {
   lastTry_ = now;
   for (Unresolved& file : unresolved_) --file.timesLeft;
   const auto resolved = std::erase_if(unresolved_, [&](const Unresolved& file) {
-    return translator_.resolve(file.fid, file.timesLeft <= 0);
+    return translator_.resolve(file.fid, file.timesLeft <= 0, rootOf(file));
   });
   if (resolved > 0) publish();
 }

@@ -101,11 +101,11 @@ class Driver {
   std::uint64_t look(const fsf_fid& folder, std::string name);
   // How a file is.
   std::uint64_t lookAt(const fsf_fid& fid);
-  // Whether a file without a known name is gone or has left the volumes. Looked at after everything
-  // that is queued now; while it lies inside, asked again for a while, because then an event with
-  // its name must be on the way. Answered with a link count of 0, or, when it still lies inside at
-  // the end of that while, with a doubt.
-  std::uint64_t resolve(const fsf_fid& fid);
+  // Whether a file without a known name is gone or has left the volume with that root (any volume
+  // when none is named). Looked at after everything that is queued now; while it lies inside, asked
+  // again for a while, because then an event with its name must be on the way. Answered with a link
+  // count of 0, or, when it still lies inside at the end of that while, with a doubt.
+  std::uint64_t resolve(const fsf_fid& fid, std::optional<fsf_fid> root = {});
   // Says everything that happened before this call, and then a NOOP.
   std::uint64_t barrier(Reached reached);
   // The same, but first ends the taking of events: the last barrier before an end in good order.
@@ -127,11 +127,13 @@ class Driver {
     fsf_fid fid{};
     std::string name;
     Reached reached;
+    std::optional<fsf_fid> root = {};
     std::uint64_t number = 0;
   };
   // A resolve() that is to be asked again.
   struct Unresolved {
     fsf_fid fid{};
+    std::optional<fsf_fid> root;
     std::uint64_t number = 0;
     int timesLeft = 0;
   };

@@ -169,14 +169,14 @@ bool LiveDisk::isLeftOut(const Identity& identity) const {
   return identity.st.st_dev != device_ || contains(leaveOut_, identity.fid);
 }
 
-Whereabouts LiveDisk::whereabouts(const fsf_fid& fid) {
+Whereabouts LiveDisk::whereabouts(const fsf_fid& fid, const fsf_fid* root) {
   UniqueFd file = open(fid, kEntryFlags);
   if (!file) return meansGone(errno) ? Whereabouts::kGone : Whereabouts::kUnknown;
   struct stat st {};
   if (fstat(file.get(), &st) != 0) return Whereabouts::kUnknown;
-  if (S_ISDIR(st.st_mode)) return climb(std::move(file));
+  if (S_ISDIR(st.st_mode)) return climb(std::move(file), root);
   UniqueFd folder = folderOf(file.get());
-  return folder ? climb(std::move(folder)) : Whereabouts::kOutside;
+  return folder ? climb(std::move(folder), root) : Whereabouts::kOutside;
 }
 
 // The kernel knows the folder of a file only by the name that it was last reached by. It knows none
@@ -193,14 +193,14 @@ UniqueFd LiveDisk::folderOf(int file) const {
 }
 
 // Upwards by "..": a path would end at 4096 bytes, and may speak of another mount.
-Whereabouts LiveDisk::climb(UniqueFd folder) const {
+Whereabouts LiveDisk::climb(UniqueFd folder, const fsf_fid* root) const {
   fsf_fid below{};
   for (;;) {
     Identity identity;
     if (identityOf(folder.get(), identity) < 0) return Whereabouts::kUnknown;
     if (identity.st.st_dev != device_ || identity.fid == below) return Whereabouts::kOutside;
     if (contains(leaveOut_, identity.fid)) return Whereabouts::kOutside;
-    if (contains(roots_, identity.fid)) return Whereabouts::kInside;
+    if (root ? identity.fid == *root : contains(roots_, identity.fid)) return Whereabouts::kInside;
     below = identity.fid;
     UniqueFd parent(openat(folder.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!parent) return meansGone(errno) ? Whereabouts::kOutside : Whereabouts::kUnknown;

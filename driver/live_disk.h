@@ -34,7 +34,8 @@ class LiveDisk : public Disk {
   Look lookUp(const fsf_fid& folder, const std::string& name) override;
   Look lookAt(const fsf_fid& fid) override;
   std::unique_ptr<Listing> list(const fsf_fid& folder) override;
-  Whereabouts whereabouts(const fsf_fid& fid) override;
+  using Disk::whereabouts;
+  Whereabouts whereabouts(const fsf_fid& fid, const fsf_fid* root) override;
   void forget() override { folder_.reset(); }
 
   // st_dev of the file system's files.
@@ -48,7 +49,7 @@ class LiveDisk : public Disk {
   Look examine(int fd, bool byName) const;
   bool isLeftOut(const Identity& identity) const;
   UniqueFd folderOf(int file) const;
-  Whereabouts climb(UniqueFd folder) const;
+  Whereabouts climb(UniqueFd folder, const fsf_fid* root) const;
 
   std::vector<UniqueFd> mounts_;  // the roots, open
   std::vector<fsf_fid> roots_;

@@ -113,11 +113,11 @@ void Translator::lookAt(const fsf_fid& fid) {
   sayAttributes(fid);
 }
 
-bool Translator::resolve(const fsf_fid& fid, bool lastTime) {
+bool Translator::resolve(const fsf_fid& fid, bool lastTime, const fsf_fid* root) {
   const Batch life(*this);
   const Look& look = lookedAt(fid);
   if (look.sight == Sight::kUnknown) return true;
-  const Whereabouts where = isThere(look) ? disk_.whereabouts(fid) : Whereabouts::kGone;
+  const Whereabouts where = isThere(look) ? disk_.whereabouts(fid, root) : Whereabouts::kGone;
   if (where == Whereabouts::kInside && !lastTime) return false;
   if (where == Whereabouts::kInside)  // the event that has to come did not
     output_.failedLook(ETIMEDOUT);

@@ -90,8 +90,8 @@ class Translator {
   // the mask tells the links it has elsewhere. False, and nothing said, when it lies inside: then
   // an event that gives it a name is on its way, or its record is, and the question is to be asked
   // again after that. The last time that is reported as a failed look (ETIMEDOUT) instead: a name
-  // was missed.
-  bool resolve(const fsf_fid& fid, bool lastTime = false);
+  // was missed. Inside means below that root, below any when none is named.
+  bool resolve(const fsf_fid& fid, bool lastTime = false, const fsf_fid* root = nullptr);
 
   // Lists a folder with all below it, in slices, so that events are not kept waiting. list() puts a
   // folder on the list of those to be read, listSome() says about that many names and returns

@@ -32,7 +32,7 @@ void DriverPort::end() {
 }
 
 // Numbers rise, but two threads may come here in any order.
-std::uint64_t DriverPort::note(std::uint64_t question) {
+std::uint64_t VolumePort::note(std::uint64_t question) {
   std::uint64_t last = lastQuestion_;
   while (last < question && !lastQuestion_.compare_exchange_weak(last, question)) {
   }

@@ -1,12 +1,12 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// The driver of one file system on its thread, and what a volume asks of it.
+// The driver of one file system on its thread, and what its volumes ask of it.
 //
 // The thread works until `end`; what leaves the driver as an exception (the queue cannot take a
 // record) is reported as a doubt, and the driver goes on with what the kernel has queued.
 //
-// Threads: `lastQuestion`, the questions and `barrier` from any; the rest from the owner's.
+// Threads: a VolumePort, and `driver` as driver.h says, from any; the rest from the owner's.
 #pragma once
 
 #include <atomic>
@@ -20,23 +20,39 @@
 
 namespace kddc {
 
-class DriverPort : public DriverQuestions {
+class DriverPort {
  public:
   // Marks the file system: from now on no change is missed. Throws CannotWatch.
   DriverPort(DriverOptions options, DriverSinks sinks);
-  ~DriverPort() override { end(); }
+  ~DriverPort() { end(); }
 
   // Starts the thread.
   void start();
   // Ends the thread: what the kernel has queued is still said.
   void end();
 
+  Driver& driver() { return driver_; }
+
+ private:
+  void run();
+
+  std::function<void(const std::string&)> doubt_;
+  Driver driver_;
+  std::atomic<bool> ending_ = false;
+  std::thread thread_;
+};
+
+// What one volume asks; what lies in another volume on the file system lies outside of it.
+class VolumePort : public DriverQuestions {
+ public:
+  VolumePort(DriverPort& port, const fsf_fid& root) : driver_(port.driver()), root_(root) {}
+
   void list(const fsf_fid& folder) override { note(driver_.list(folder)); }
   void look(const fsf_fid& folder, const std::string& name) override {
     note(driver_.look(folder, name));
   }
   void lookAt(const fsf_fid& file) override { note(driver_.lookAt(file)); }
-  std::uint64_t resolve(const fsf_fid& file) override { return note(driver_.resolve(file)); }
+  std::uint64_t resolve(const fsf_fid& file) override { return note(driver_.resolve(file, root_)); }
   bool isAnswered(std::uint64_t question) const override {
     return driver_.finished().request >= question;
   }
@@ -46,14 +62,11 @@ class DriverPort : public DriverQuestions {
   Driver& driver() { return driver_; }
 
  private:
-  void run();
   std::uint64_t note(std::uint64_t question);
 
-  std::function<void(const std::string&)> doubt_;
-  Driver driver_;
+  Driver& driver_;
+  fsf_fid root_;
   std::atomic<std::uint64_t> lastQuestion_ = 0;
-  std::atomic<bool> ending_ = false;
-  std::thread thread_;
 };
 
 }  // namespace kddc

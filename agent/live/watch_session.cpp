@@ -52,6 +52,13 @@ UniqueFd openRoot(const std::string& path) {
   return fd;
 }
 
+fsf_fid rootOf(const std::string& path) {
+  fsf_fid fid;
+  const int error = identify(AT_FDCWD, path.c_str(), fid, true);
+  if (error < 0) throw systemFailure("cannot use the volume " + path, -error);
+  return fid;
+}
+
 dev_t deviceOf(const std::string& path) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) throw systemFailure("cannot use the volume " + path, errno);
@@ -101,7 +108,7 @@ struct WatchSession::Volume {
   dev_t device = 0;
   std::unique_ptr<NewCatalogue> fresh;  // as long as there is no good catalogue
   bool isNew = false;                   // there was none
-  DriverPort* port = nullptr;
+  std::unique_ptr<VolumePort> port;
   std::unique_ptr<VolumeRows> rows;
 
   // Guarded by the session's mutex.
@@ -181,7 +188,8 @@ void WatchSession::follow(dev_t device) {
   sinks.doubt = [this, device](const std::string& reason) { doubt(device, reason); };
   ports_.push_back(std::make_unique<DriverPort>(std::move(options), std::move(sinks)));
   for (const auto& volume : volumes_)
-    if (volume->device == device) volume->port = ports_.back().get();
+    if (volume->device == device)
+      volume->port = std::make_unique<VolumePort>(*ports_.back(), rootOf(volume->plan.path));
 }
 
 void WatchSession::run(const std::function<void()>& live) {
@@ -328,13 +336,13 @@ class WatchSession::Questions : public Suspicions {
 
  private:
   void unname(std::vector<std::int64_t> inodes) {
-    volume_.rows->doLater(
-        [port = volume_.port, inodes = std::move(inodes)](LiveCatalogue& rows, Settle& settle) {
-          for (const std::int64_t inode : inodes) unnameNow(rows, settle, *port, inode);
-        });
+    volume_.rows->doLater([port = volume_.port.get(), inodes = std::move(inodes)](
+                              LiveCatalogue& rows, Settle& settle) {
+      for (const std::int64_t inode : inodes) unnameNow(rows, settle, *port, inode);
+    });
   }
   // Should the name be right by now, a look gives it back.
-  static void unnameNow(LiveCatalogue& rows, Settle& settle, DriverPort& port, std::int64_t inode) {
+  static void unnameNow(LiveCatalogue& rows, Settle& settle, VolumePort& port, std::int64_t inode) {
     const auto row = rows.rowAt(static_cast<unsigned long long>(inode));
     if (!row || row->parked()) return;
     const auto folder = rows.rowAt(row->parent);

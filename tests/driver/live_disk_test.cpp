@@ -171,6 +171,16 @@ TEST_P(LiveDiskTest, TellsInsideFromOutside) {
   EXPECT_EQ(disk.whereabouts(fidAt(folder("volume/own/d"))), Whereabouts::kOutside);
 }
 
+TEST_P(LiveDiskTest, WhatLiesInAnotherVolumeIsOutsideOfTheOneThatIsNamed) {
+  const fsf_fid one = fidAt(folder("volume")), other = fidAt(folder("volume/inner"));
+  LiveDisk disk = this->disk("volume");
+  const fsf_fid file = fidAt(write("volume/f")), inner = fidAt(write("volume/inner/f"));
+  EXPECT_EQ(disk.whereabouts(file, &one), Whereabouts::kInside);
+  EXPECT_EQ(disk.whereabouts(file, &other), Whereabouts::kOutside);
+  EXPECT_EQ(disk.whereabouts(inner, &one), Whereabouts::kInside);
+  EXPECT_EQ(disk.whereabouts(inner, &other), Whereabouts::kInside);
+}
+
 TEST_P(LiveDiskTest, ListsEveryNameOnce) {
   folder("d");
   std::set<std::string> expected;

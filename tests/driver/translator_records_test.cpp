@@ -286,6 +286,12 @@ TEST_F(TranslatorRequest, ResolveTellsThatAFileLiesOutsideAndHasLinksThere) {
   EXPECT_THAT(taken(), ElementsAre("LINKS C 0 x1"));
 }
 
+TEST_F(TranslatorRequest, ResolveForOneVolumeTellsThatAFileLiesInAnother) {
+  const fsf_fid other = volume.mkdir("other");
+  EXPECT_TRUE(make().resolve(volume.create("a"), false, &other));
+  EXPECT_THAT(taken(), ElementsAre("LINKS B 0 x1"));
+}
+
 TEST_F(TranslatorRequest, ResolveOfAFileThatLiesInsideWaitsForItsEvent) {
   EXPECT_FALSE(make().resolve(volume.create("a")));
   EXPECT_THAT(taken(), IsEmpty());

@@ -48,12 +48,12 @@ class FakeDisk : public Disk {
     const int error = unknownFiles.contains(folder) ? EIO : 0;
     return std::make_unique<Names>(std::move(names), namesAtOnce, error);
   }
-  Whereabouts whereabouts(const fsf_fid& fid) override {
+  Whereabouts whereabouts(const fsf_fid& fid, const fsf_fid* asked) override {
     if (unknownFiles.contains(fid)) return Whereabouts::kUnknown;
     if (volume_.node(fid) == nullptr) return Whereabouts::kGone;
     for (const fsf_fid& folder : leaveOut)
       if (volume_.isBelow(fid, folder)) return Whereabouts::kOutside;
-    return volume_.isBelow(fid, root) ? Whereabouts::kInside : Whereabouts::kOutside;
+    return volume_.isBelow(fid, asked ? *asked : root) ? Whereabouts::kInside : Whereabouts::kOutside;
   }
   void forget() override { ++forgotten; }
 
