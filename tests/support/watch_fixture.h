@@ -71,6 +71,18 @@ struct WatchTest : testing::Test {
   }
   void flush() const { flush(volume); }
 
+  // On how many file systems the process has the kernel tell it of changes.
+  static std::size_t marks(const Program& program) {
+    std::size_t marks = 0;
+    const std::string folder = "/proc/" + std::to_string(program.pid()) + "/fdinfo";
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      std::ifstream lines(entry.path());
+      for (std::string line; std::getline(lines, line);)
+        marks += line.starts_with("fanotify sdev:");
+    }
+    return marks;
+  }
+
   // Names that end with `separator`, sorted.
   static Words split(const std::string& text, char separator) {
     Words words;
