@@ -3,12 +3,15 @@
 //
 // kddc watch VOLUME...: keeps catalogues current until it is told to stop.
 #include <fmt/format.h>
+#include <limits.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 
 #include "agent/catalogue_place.h"
@@ -24,6 +27,8 @@
 
 namespace kddc {
 namespace {
+
+constexpr int kLookMilliseconds = 100;
 
 const char* wordFor(CatalogueChange::Kind kind) {
   switch (kind) {
@@ -91,18 +96,27 @@ std::string pathOnDisk(const std::string& volume, const std::string& path) {
   return volume == "/" ? volume + path : volume + "/" + path;
 }
 
-// Lines on standard output, from any thread. When they cannot be written any more `failed` is
-// called, once.
+// Lines on standard output, from any thread. Whoever does not read them holds us up, but not beyond
+// the moment from which on `giveUp` holds. When they cannot be written any more `failed` is called,
+// once.
 class Lines {
  public:
-  explicit Lines(std::function<void()> failed) : failed_(std::move(failed)) {}
+  Lines(std::function<bool()> giveUp, std::function<void()> failed)
+      : giveUp_(std::move(giveUp)), failed_(std::move(failed)) {}
 
-  void say(const std::string& line) {
-    const std::string text = line + '\n';
-    if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0)
-      return;
-    int none = 0;
-    if (error_.compare_exchange_strong(none, errno)) failed_();
+  void say(std::string line) {
+    line += '\n';
+    const std::lock_guard lock(mutex_);
+    for (std::string_view rest = line; !rest.empty() && error_ == 0;) {
+      if (!awaitReader()) return;
+      // What poll says there is room for.
+      const ssize_t written =
+          write(STDOUT_FILENO, rest.data(), std::min<std::size_t>(rest.size(), PIPE_BUF));
+      if (written >= 0)
+        rest.remove_prefix(static_cast<std::size_t>(written));
+      else if (errno != EINTR && errno != EAGAIN)
+        fail(errno);
+    }
   }
   // Whoever closed a pipe has had enough of them, which is no failure.
   void requireWritten() const {
@@ -110,8 +124,21 @@ class Lines {
   }
 
  private:
+  bool awaitReader() const {
+    pollfd out{STDOUT_FILENO, POLLOUT, 0};
+    while (poll(&out, 1, kLookMilliseconds) <= 0)
+      if (giveUp_()) return false;
+    return true;
+  }
+  void fail(int error) {
+    error_ = error;
+    failed_();
+  }
+
+  std::function<bool()> giveUp_;
   std::function<void()> failed_;
-  std::atomic<int> error_ = 0;
+  std::mutex mutex_;
+  int error_ = 0;
 };
 
 WatchListeners listenersFor(const Options& options, Progress& progress) {
@@ -128,7 +155,8 @@ WatchListeners listenersFor(const Options& options, Progress& progress) {
 int runWatch(const Options& options, const std::vector<std::string>& volumes, bool print) {
   const WatchPlan plan = planFor(options, volumes);
   std::unique_ptr<WatchSession> session;
-  Lines lines([&] { session->stop(); });
+  std::atomic<int> signals = 0;
+  Lines lines([&] { return signals > 1; }, [&] { session->stop(); });
   Progress progress(!options.quiet && options.verbosity == 0);
   WatchListeners listeners = listenersFor(options, progress);
   if (print)
@@ -138,7 +166,10 @@ int runWatch(const Options& options, const std::vector<std::string>& volumes, bo
       lines.say(fmt::format("{} {}", wordFor(kind), printable(name)));
     };
   session = std::make_unique<WatchSession>(plan, std::move(listeners));
-  const InterruptThread interrupts([&] { session->stop(); });
+  const InterruptThread interrupts([&] {
+    session->stop();
+    ++signals;
+  });
   const ControlServer server(placesFor(options, plan),
                              [&](const ControlRequest& request, const ControlServer::Gone& gone) {
                                return answer(*session, request, gone);

@@ -61,10 +61,15 @@ void Applier::finishAtNextNoop() {
   finishing_ = true;
 }
 
+void Applier::giveUp() {
+  const std::lock_guard lock(mutex_);
+  finished_ = true;
+}
+
 // A reader that begins to wait just now does not notice the first time.
 void Applier::abandon() {
+  giveUp();
   std::unique_lock lock(mutex_);
-  finished_ = true;
   do {
     lock.unlock();
     queue_.Abort();

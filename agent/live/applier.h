@@ -51,7 +51,9 @@ class Applier {
   // Works until a NOOP after finishAtNextNoop, or until `abandon`.
   void run();
   void finishAtNextNoop();
-  // Stops after the record in hand and waits for that. What is left stays in the queue.
+  // Stops after the record in hand; what is left stays in the queue.
+  void giveUp();
+  // The same, and waits for that.
   void abandon();
 
   // Waits until the record of that number, of a file system's driver, is applied and committed;

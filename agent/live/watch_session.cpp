@@ -567,7 +567,11 @@ void WatchSession::fillFromThreads(const Volume& volume, VolumeStatus& status) c
 }
 
 void WatchSession::stop() {
-  ++stops_;
+  const bool atOnce = ++stops_ > 1;
+  {
+    const std::lock_guard lock(mutex_);
+    if (atOnce && applier_) applier_->giveUp();
+  }
   changed_.notify_all();
 }
 
