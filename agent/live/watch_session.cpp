@@ -5,52 +5,26 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <deque>
 #include <filesystem>
-#include <future>
 #include <set>
 
 #include "agent/catalogue_place.h"
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/catalogue_reader.h"
 #include "agent/engine/full_scan.h"
-#include "agent/engine/new_catalogue.h"
 #include "agent/errors.h"
 #include "agent/interrupt.h"
-#include "agent/live/compare.h"
-#include "agent/live/strays.h"
+#include "agent/live/watched_volume.h"
 #include "catalogue/db_access.h"
 #include "platform/file_handle.h"
-#include "platform/lock_file.h"
 #include "platform/platform_info.h"
 
 namespace kddc {
 namespace {
-
-using std::chrono_literals::operator""ms;
-using std::chrono_literals::operator""s;
-using Clock = std::chrono::steady_clock;
-
-// A question may raise another one: a name that came from outside is looked at, turns out to be a
-// folder and is listed, and a file found there takes a name from another one. Under load new ones
-// are raised all the time; those that an earlier round left are answered by then.
-constexpr int kMostRounds = 32;
-constexpr auto kMoment = 2ms;  // between two looks at something that is about to happen
-constexpr auto kLook = 200ms;  // how often a wait asks whether it is still wanted
-constexpr auto kFirstPause = 1s, kLongestPause = 300s;
-constexpr std::uint64_t kMostOpenQuestions = 20'000;
-constexpr std::size_t kMostReasons = 10;
-
-UniqueFd openRoot(const std::string& path) {
-  UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!fd) throw systemFailure("cannot read the volume " + path, errno);
-  return fd;
-}
 
 fsf_fid rootOf(const std::string& path) {
   fsf_fid fid;
@@ -76,7 +50,7 @@ bool isGood(const WatchPlan::Volume& volume) {
 // Nothing of the volume's may be touched before: the queue of another process would be emptied.
 void takeLock(LockFile& lock, const WatchPlan::Volume& volume) {
   makeFolders(std::filesystem::path(volume.lockFile).parent_path());
-  if (lock.take(volume.lockFile, false, 0s)) return;
+  if (lock.take(volume.lockFile, false, std::chrono::seconds(0))) return;
   if (errno != EWOULDBLOCK) throw systemFailure("cannot use " + volume.lockFile, errno);
   throw Failure(fmt::format("{} is watched by {}; stop it first", volume.path,
                             describeProcess(LockFile::holderOf(volume.lockFile).value_or(0))));
@@ -99,29 +73,11 @@ void addKey(const std::string& folder, WalkOptions& options) {
 
 }  // namespace
 
-// Leaves a comparison because the session is being stopped.
-struct WatchSession::Stopped {};
-
-struct WatchSession::Volume {
-  WatchPlan::Volume plan;
-  LockFile lock;
-  dev_t device = 0;
-  std::unique_ptr<NewCatalogue> fresh;  // as long as there is no good catalogue
-  bool isNew = false;                   // there was none
-  std::unique_ptr<VolumePort> port;
-  std::unique_ptr<VolumeRows> rows;
-
-  // Guarded by the session's mutex.
-  bool live = false, comparing = false;
-  std::string doubt;  // why a comparison is due; empty: none is
-  std::time_t staleSince = 0;
-  std::time_t lastComparison = 0;
-  std::uint64_t comparisons = 0;  // that have ended
-  CompareCounts compared;         // by the last of them
-  std::deque<VolumeStatus::Rescan> reasons;
-  Clock::time_point notBefore{};
-  Clock::duration pause = kFirstPause;
-};
+UniqueFd openRoot(const std::string& path) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) throw systemFailure("cannot read the volume " + path, errno);
+  return fd;
+}
 
 WatchSession::WatchSession(WatchPlan plan, WatchListeners listeners)
     : plan_(std::move(plan)), listeners_(std::move(listeners)) {
@@ -288,282 +244,12 @@ void WatchSession::applyRecords() {
 void WatchSession::compareOld() {
   for (const auto& volume : volumes_) {
     if (volume->isNew || isStopping()) continue;
-    volume->doubt = "it was not watched for a while";
+    {
+      const std::lock_guard lock(mutex_);
+      volume->doubt = "it was not watched for a while";
+    }
     compare(*volume);
   }
-}
-
-// What differs is asked for again by the driver's thread, so that its records keep their order.
-class WatchSession::Questions : public Suspicions {
- public:
-  Questions(WatchSession& session, Volume& volume) : session_(session), volume_(volume) {}
-
-  // The two databases were not read at one moment, and time has passed since: whatever is done
-  // about rows makes sure first.
-  void identity(const WalkedEntry& folder, std::int64_t inode) override {
-    volume_.rows->doLater([inode, fid = folder.fid](LiveCatalogue& rows, Settle&) {
-      auto row = rows.rowAt(static_cast<unsigned long long>(inode));
-      const bool isRoot = row && row->parent == 0;
-      if (isRoot && !(row->fid == fid)) rows.readopt(*row, fid);
-      if (row && !isRoot && !row->hasFid() && rows.namesOf(fid, 1).empty()) rows.adopt(*row, fid);
-    });
-  }
-  void name(const fsf_fid& folder, const WalkedEntry& entry) override {
-    volume_.port->look(folder, std::string(entry.name));
-    noteOne();
-  }
-  void attributes(const WalkedEntry& entry) override {
-    volume_.port->lookAt(entry.fid);
-    noteOne();
-  }
-  void absent(const fsf_fid& folder, std::string_view name) override {
-    volume_.port->look(folder, std::string(name));
-    noteOne();
-  }
-  void row(std::int64_t inode) override { unname({inode}); }
-
-  // What no way leads to.
-  void findStrays(const CompareCounts& met) {
-    if (hasMetAll(volume_.plan.catalogue, met)) return;
-    const Strays strays = kddc::findStrays(volume_.plan.catalogue);
-    unname(strays.rows);
-    unname(strays.circles);
-    volume_.rows->doLater([identifiers = strays.identifiers](LiveCatalogue& rows, Settle&) {
-      for (const std::int64_t id : identifiers)
-        rows.forgetUnlessBorne(static_cast<unsigned long long>(id));
-    });
-  }
-
- private:
-  void unname(std::vector<std::int64_t> inodes) {
-    volume_.rows->doLater([port = volume_.port.get(), inodes = std::move(inodes)](
-                              LiveCatalogue& rows, Settle& settle) {
-      for (const std::int64_t inode : inodes) unnameNow(rows, settle, *port, inode);
-    });
-  }
-  // Should the name be right by now, a look gives it back.
-  static void unnameNow(LiveCatalogue& rows, Settle& settle, VolumePort& port, std::int64_t inode) {
-    const auto row = rows.rowAt(static_cast<unsigned long long>(inode));
-    if (!row || row->parked()) return;
-    const auto folder = rows.rowAt(row->parent);
-    settle.unname(row->inode);
-    if (folder && folder->hasFid()) port.look(folder->fid, row->name);
-  }
-  // The list of questions shall not grow with the volume.
-  void noteOne() {
-    if (++asked_ % kMostOpenQuestions != 0) return;
-    if (!session_.catchUp(volume_, [this] { return session_.isStopping(); })) throw Stopped();
-  }
-
-  WatchSession& session_;
-  Volume& volume_;
-  std::uint64_t asked_ = 0;
-};
-
-void WatchSession::compare(Volume& volume) {
-  {
-    const std::lock_guard lock(mutex_);
-    volume.live = false;
-    volume.comparing = true;
-    volume.reasons.push_back({std::time(nullptr), std::exchange(volume.doubt, {})});
-    if (volume.reasons.size() > kMostReasons) volume.reasons.pop_front();
-  }
-  try {
-    const CompareCounts met = compareNow(volume);
-    const std::lock_guard lock(mutex_);
-    volume.compared = met;
-    volume.pause = kFirstPause;
-    volume.lastComparison = std::time(nullptr);
-    ++volume.comparisons;
-    volume.live = volume.doubt.empty();
-  } catch (const Stopped&) {
-  } catch (...) {
-    doubt(volume, describeCurrentException());
-    const std::lock_guard lock(mutex_);
-    volume.notBefore = Clock::now() + volume.pause;
-    volume.pause = std::min<Clock::duration>(2 * volume.pause, kLongestPause);
-  }
-  const std::lock_guard lock(mutex_);
-  volume.comparing = false;
-  changed_.notify_all();
-}
-
-CompareCounts WatchSession::compareNow(Volume& volume) {
-  const auto stopped = [this] { return isStopping(); };
-  Questions questions(*this, volume);
-  const CompareWishes wishes{.progress = listeners_.progress, .check = [&] {
-                               if (isStopping()) throw Stopped();
-                             }};
-  WalkOptions options = walkOptions(volume);
-  options.folderLost = [&](const fsf_fid& folder) { volume.port->list(folder); };
-  const CompareCounts met = compareVolume(openRoot(volume.plan.path), volume.plan.path, options,
-                                          volume.plan.catalogue, questions, wishes);
-  questions.findStrays(met);
-  if (!catchUp(volume, stopped)) throw Stopped();
-  return met;
-}
-
-void WatchSession::watchOver() {
-  while (!isStopping()) {
-    Volume* due = nullptr;
-    {
-      std::unique_lock lock(mutex_);
-      changed_.wait_for(lock, kLook, [&] { return isStopping() || (due = nextInDoubt()); });
-    }
-    if (due && !isStopping()) compare(*due);
-  }
-}
-
-WatchSession::Volume* WatchSession::nextInDoubt() {
-  for (const auto& volume : volumes_)
-    if (!volume->doubt.empty() && Clock::now() >= volume->notBefore) return volume.get();
-  return nullptr;
-}
-
-void WatchSession::doubt(const VolumeRows* rows, const std::string& reason) {
-  for (const auto& volume : volumes_)
-    if (!rows || volume->rows.get() == rows) doubt(*volume, reason);
-}
-
-void WatchSession::doubt(dev_t device, const std::string& reason) {
-  for (const auto& volume : volumes_)
-    if (volume->device == device) doubt(*volume, reason);
-}
-
-void WatchSession::doubt(Volume& volume, const std::string& reason) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (!volume.doubt.empty()) return;
-    volume.doubt = reason;
-    if (volume.live) volume.staleSince = std::time(nullptr);
-    volume.live = false;
-  }
-  changed_.notify_all();
-  listeners_.note(fmt::format("{}: {}; comparing it with the disk", volume.plan.path, reason));
-}
-
-bool WatchSession::isLive(const Volume& volume) const {
-  const std::lock_guard lock(mutex_);
-  return volume.live;
-}
-
-void WatchSession::setLive(Volume& volume) {
-  const std::lock_guard lock(mutex_);
-  volume.live = volume.doubt.empty();
-  changed_.notify_all();
-}
-
-WatchSession::Volume* WatchSession::find(const std::string& path) const {
-  const auto at =
-      std::ranges::find_if(volumes_, [&](const auto& v) { return v->plan.path == path; });
-  return at == volumes_.end() ? nullptr : at->get();
-}
-
-// Waits until the driver has said all there was, and all that this made necessary to ask.
-bool WatchSession::catchUp(Volume& volume, const std::function<bool()>& giveUp) {
-  for (int round = 0; round < kMostRounds; ++round) {
-    const auto reached = std::make_shared<std::promise<std::uint64_t>>();
-    auto number = reached->get_future();
-    const std::uint64_t barrier = volume.port->driver().barrier(
-        [reached](std::uint64_t sequence) { reached->set_value(sequence); });
-    while (number.wait_for(kLook) != std::future_status::ready)
-      if (giveUp() || stops_ > 1) return false;
-    const std::uint64_t last = number.get();
-    while (!applier_->waitFor(volume.device, last, kLook))
-      if (giveUp() || stops_ > 1 || applier_->hasEnded()) return false;
-    const std::uint64_t asked = volume.port->lastQuestion();
-    if (asked < barrier) return true;
-    for (; !volume.port->isAnswered(asked); std::this_thread::sleep_for(kMoment))
-      if (giveUp() || stops_ > 1) return false;
-  }
-  return true;
-}
-
-bool WatchSession::flush(const std::string& path, const std::function<bool()>& giveUp) {
-  Volume* volume = find(path);
-  for (;;) {
-    {
-      std::unique_lock lock(mutex_);
-      if (!changed_.wait_for(lock, kLook, [&] { return volume->live || isStopping(); })) {
-        if (giveUp()) return false;
-        continue;
-      }
-    }
-    if (isStopping() || !catchUp(*volume, giveUp)) return false;
-    if (isLive(*volume)) return true;
-  }
-}
-
-std::optional<RescanCounts> WatchSession::rescan(const std::string& path,
-                                                 const std::function<bool()>& giveUp) {
-  Volume* volume = find(path);
-  if (!flush(path, giveUp)) return std::nullopt;
-  const SettleCounts before = volume->rows->report().settled;
-  const std::uint64_t comparisons = [&] {
-    const std::lock_guard lock(mutex_);
-    return volume->comparisons;
-  }();
-  doubt(*volume, "somebody asked for it");
-  for (;;) {
-    if (!flush(path, giveUp)) return std::nullopt;
-    const std::lock_guard lock(mutex_);
-    if (volume->comparisons > comparisons) break;
-  }
-  const SettleCounts settled = volume->rows->report().settled - before;
-  const std::lock_guard lock(mutex_);
-  return RescanCounts{volume->compared, settled};
-}
-
-VolumeStatus::State WatchSession::stateOf(const Volume& volume) const {
-  if (volume.live) return VolumeStatus::State::kLive;
-  if (volume.fresh) return VolumeStatus::State::kScanning;
-  return volume.comparing ? VolumeStatus::State::kRescanning : VolumeStatus::State::kStale;
-}
-
-VolumeStatus WatchSession::status(const std::string& path) const {
-  const Volume& volume = *find(path);
-  VolumeStatus status;
-  {
-    const std::lock_guard lock(mutex_);
-    status.state = stateOf(volume);
-    if (!volume.live && volume.staleSince != 0) status.staleSince = volume.staleSince;
-    status.staleReason = volume.doubt;
-    status.rescanCount = volume.comparisons;
-    status.rescans.assign(volume.reasons.begin(), volume.reasons.end());
-    if (volume.lastComparison != 0) status.lastComparison = volume.lastComparison;
-  }
-  status.volume = path;
-  status.catalogue = volume.plan.catalogue;
-  status.process = getpid();
-  fillFromCatalogue(status);
-  fillFromThreads(volume, status);
-  return status;
-}
-
-// Nothing is known yet while the first scan runs.
-void WatchSession::fillFromCatalogue(VolumeStatus& status) const {
-  try {
-    CatalogueReader reader(status.catalogue, status.volume, CatalogueReader::Columns::kPath);
-    status.rows = reader.count();
-    status.lastScan = reader.scanned();
-  } catch (const Failure&) {
-  }
-}
-
-void WatchSession::fillFromThreads(const Volume& volume, VolumeStatus& status) const {
-  const DriverCounts driver = volume.port->driver().counts();
-  status.overflows = driver.overflows;
-  const std::lock_guard lock(mutex_);
-  if (!applier_) return;
-  const Applier::Counts applied = applier_->counts();
-  const std::uint64_t records = queuedRecords_, bytes = queuedBytes_;
-  status.backlogRecords = records - std::min(records, applied.records);
-  status.backlogBytes = bytes - std::min(bytes, applied.bytes);
-  status.recordsPerSecond = applied.rate;
-  status.refusedRecords = applied.refused;
-  const VolumeRows::Report report = volume.rows->report();
-  status.failedRecords = report.settled.failed;
-  if (report.lastCommit != 0) status.lastCommit = report.lastCommit;
 }
 
 void WatchSession::stop() {
@@ -616,5 +302,4 @@ void WatchSession::keepNumbers() const {
   }
   kddc::keepNumbers(plan_.numbersFile, numbers);
 }
-
 }  // namespace kddc
