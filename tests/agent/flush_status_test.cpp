@@ -97,6 +97,25 @@ TEST_F(Watched, FlushFailsWithTheSentenceOfTheProcessThatWatches) {
   expectFailure(run({"flush", volume}), "the disk is full");
 }
 
+TEST_F(Watched, RescanPrintsTheCountsOfTheProcessThatWatches) {
+  servers.push_back(std::make_unique<ControlServer>(
+      std::vector<ControlPlace>{{volume, controlSocket(options, volume)}},
+      [](const ControlRequest& request, const ControlServer::Gone&) -> json {
+        if (request.command != ControlCommand::kRescan) throw Failure("not asked for");
+        return {{"added", 1}, {"changed", 2}, {"moved", 3}, {"removed", 4}, {"compared", 5}};
+      }));
+  const Outcome outcome = run({"rescan", volume});
+  EXPECT_EQ(outcome.exitCode, 0) << outcome;
+  EXPECT_THAT(outcome.out,
+              testing::StartsWith("added 1, changed 2, moved 3, removed 4; compared 5 in "));
+}
+
+TEST_F(Watched, RescanSaysWhenAnAnswerMakesNoSense) {
+  watch(volume);  // answers as to "status"
+  expectFailure(run({"rescan", volume}),
+                "the process that watches gave an answer that cannot be understood");
+}
+
 TEST_F(Watched, ChangesFlushesFirst) {
   scan(volume);
   flush = [&] {

@@ -139,6 +139,8 @@ TEST_F(WatchStop, ASecondSignalSavesTheQueueInsteadOfDrainingIt) {
   for (int i = 0; i < 2000; ++i) write("file " + std::to_string(i));
   program->signal(SIGTERM);
   ASSERT_TRUE(program->waitUntil([&] { return marks(*program) == 0; }));  // it drains
+  EXPECT_EQ(run({"flush", volume}).err,
+            "kddc: the process that watches " + volume + " is stopping\n");
   program->signal(SIGTERM);
   const Outcome outcome = program->finish();
   EXPECT_EQ(outcome.exitCode, 0) << outcome;
