@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <iterator>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -26,6 +27,8 @@ namespace {
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kEntryFlags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kTries = 100;
+constexpr int kWorthListing = 4;
+constexpr std::size_t kMostListed = 4096;
 constexpr std::size_t kListBytes = 8192;  // some hundred names: a slice of a long listing
 
 // What is gone, or is not any more what it was, answers. EINVAL is for bytes that are no
@@ -109,10 +112,27 @@ LiveDisk::LiveDisk(LiveDiskOptions options)
 }
 
 Look LiveDisk::lookUp(const fsf_fid& folder, const std::string& name) {
-  const int parent = openFolder(folder);
-  if (parent < 0) return failed(-parent);
-  const UniqueFd fd(openat(parent, name.c_str(), kEntryFlags));
-  return fd ? examine(fd.get(), true) : failed(errno);
+  if (const int result = openFolder(folder); result < 0) return failed(-result);
+  if (folder_.names && !folder_.names->contains(name)) return {};
+  const UniqueFd fd(openat(folder_.fd.get(), name.c_str(), kEntryFlags));
+  if (fd) return examine(fd.get(), true);
+  const int error = errno;
+  if (error == ENOENT) noteAbsent();
+  return failed(error);
+}
+
+// To find that a name is not there locks the folder, and whoever makes changes in it waits. In a
+// burst of renames that is every other name; then one listing tells of them all. What changes
+// after it raises an event that is still to be read.
+void LiveDisk::noteAbsent() {
+  if (++folder_.absent != kWorthListing) return;
+  OpenListing listing(UniqueFd(dup(folder_.fd.get())), EMFILE);
+  std::unordered_set<std::string> all;
+  std::vector<std::string> some;
+  int read = 0;
+  while (all.size() < kMostListed && (read = listing.read(some)) > 0)
+    all.insert(std::move_iterator(some.begin()), std::move_iterator(some.end()));
+  if (read == 0) folder_.names = std::move(all);
 }
 
 Look LiveDisk::lookAt(const fsf_fid& fid) {
@@ -127,12 +147,11 @@ std::unique_ptr<Listing> LiveDisk::list(const fsf_fid& folder) {
 }
 
 int LiveDisk::openFolder(const fsf_fid& folder) {
-  if (!folder_ || !(folderFid_ == folder)) {
-    folder_ = open(folder, kFolderFlags);
-    if (!folder_) return -errno;
-    folderFid_ = folder;
-  }
-  return folder_.get();
+  if (folder_.fd && folder_.fid == folder) return 0;
+  folder_ = {};
+  folder_.fid = folder;
+  folder_.fd = open(folder, kFolderFlags);
+  return folder_.fd ? 0 : -errno;
 }
 
 // ext4 says ENOMEM for a moment while it makes a new file where the one asked for has been.

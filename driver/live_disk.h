@@ -9,7 +9,9 @@
 // being unmounted, and between two calls of forget() one more.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "driver/disk.h"
@@ -36,14 +38,24 @@ class LiveDisk : public Disk {
   std::unique_ptr<Listing> list(const fsf_fid& folder) override;
   using Disk::whereabouts;
   Whereabouts whereabouts(const fsf_fid& fid, const fsf_fid* root) override;
-  void forget() override { folder_.reset(); }
+  void forget() override { folder_ = {}; }
 
   // st_dev of the file system's files.
   dev_t device() const { return device_; }
 
  private:
-  // The descriptor stays this object's; or a negative errno.
+  // The folder that names were looked up in last.
+  struct Folder {
+    fsf_fid fid{};
+    UniqueFd fd;
+    int absent = 0;  // names that were not there
+    // All that it had when it had proved worth listing; absent as long as it has not, or is large.
+    std::optional<std::unordered_set<std::string>> names;
+  };
+
+  // 0, or a negative errno.
   int openFolder(const fsf_fid& folder);
+  void noteAbsent();
   // None, and errno, on failure.
   UniqueFd open(const fsf_fid& fid, int flags) const;
   Look examine(int fd, bool byName) const;
@@ -57,9 +69,7 @@ class LiveDisk : public Disk {
   std::string stubAttribute_;
   dev_t device_ = 0;
 
-  // The folder opened last.
-  fsf_fid folderFid_{};
-  UniqueFd folder_;
+  Folder folder_;
 };
 
 }  // namespace kddc

@@ -104,6 +104,36 @@ TEST_P(LiveDiskTest, LooksAtAFileByItsIdentifierWhereverItIs) {
   EXPECT_EQ(look.st.st_size, 5);
 }
 
+TEST_P(LiveDiskTest, AmongManyNamesThatAreNotThereFindsThoseThatAre) {
+  write("d-there");
+  const fsf_fid d = fidAt(folder("d"));
+  for (int i = 0; i < 3000; i += 3) write("d/" + std::to_string(i));
+  LiveDisk disk = this->disk();
+  for (int i = 0; i < 3000; ++i)
+    EXPECT_EQ(disk.lookUp(d, std::to_string(i)).sight, i % 3 == 0 ? Sight::kThere : Sight::kAbsent);
+  EXPECT_EQ(disk.lookUp(root(), "d-there").sight, Sight::kThere);
+}
+
+TEST_P(LiveDiskTest, WhatIsNewInAFolderThatWasBusyIsFoundInTheNextBatch) {
+  const fsf_fid d = fidAt(folder("d"));
+  LiveDisk disk = this->disk();
+  for (int i = 0; i < 100; ++i) disk.lookUp(d, std::to_string(i));
+  write("d/50");
+  disk.forget();
+  EXPECT_EQ(disk.lookUp(d, "50").sight, Sight::kThere);
+  EXPECT_EQ(disk.lookUp(d, "51").sight, Sight::kAbsent);
+}
+
+TEST_P(LiveDiskAnywhere, AFolderTooLargeToBeListedForABatchIsLookedUpInNameByName) {
+  const fsf_fid d = fidAt(folder("d"));
+  for (int i = 0; i < 10000; ++i) write("d/" + std::to_string(i));
+  LiveDisk disk = this->disk();
+  for (int i = 0; i < 100; ++i)
+    EXPECT_EQ(disk.lookUp(d, "no" + std::to_string(i)).sight, Sight::kAbsent);
+  for (int i = 0; i < 10000; i += 99)
+    EXPECT_EQ(disk.lookUp(d, std::to_string(i)).sight, Sight::kThere) << i;
+}
+
 TEST_P(LiveDiskTest, AFileThatIsGoneIsAbsent) {
   const fsf_fid fid = fidAt(write("a"));
   const fsf_fid folderFid = fidAt(folder("d"));
