@@ -22,11 +22,12 @@ namespace {
 
 constexpr std::size_t kReadBytes = 256 * 1024;
 constexpr std::size_t kRoomForAnEvent = 4096;  // with less than this left, a read was full
-constexpr int kNapMilliseconds = 2;
+constexpr int kShortNap = 2, kLongNap = 100;    // milliseconds
+constexpr std::size_t kManyEvents = 100;
 constexpr std::chrono::milliseconds kIdle(100);
 constexpr int kRequestsAtOnce = 256;
 constexpr std::size_t kNamesAtOnce = 256;
-constexpr int kResolveTimes = 10;  // a nap apart
+constexpr int kResolveTimes = 10;  // a short nap apart
 
 std::vector<UniqueFd> openRoots(const std::vector<std::string>& paths) {
   std::vector<UniqueFd> roots;
@@ -63,7 +64,8 @@ Driver::Driver(DriverOptions options, DriverSinks sinks)
                    [this](int error) { failedLook(error); }}),
       wake_(makeWake()),
       finished_{0, options.firstSequence},
-      buffer_(kReadBytes) {}
+      buffer_(kReadBytes),
+      nap_(kShortNap) {}
 
 void Driver::run() {
   while (!stop_.load(std::memory_order_acquire)) turn();
@@ -127,23 +129,25 @@ DriverCounts Driver::counts() const {
 void Driver::turn() {
   wait();
   const std::uint64_t before = stream_.nextSequence(), served = served_;
-  readBatch();
+  nap_ = readBatch() < kManyEvents ? kShortNap : std::min(2 * nap_, kLongNap);
   serveSome();
   resolveAgain();
   if (stream_.nextSequence() != before || served_ != served) lastSaid_ = Clock::now();
   sayIdle();
+  sinks_.pause();
 }
 
 // An event is not read at once: those that follow may merge into it while it is queued, which costs
-// whoever makes the changes less than waking us for each. Nobody may wait for that.
+// whoever makes the changes less than waking us for each; in a burst, what is made and removed
+// again need not be looked at. Nobody may wait for that.
 void Driver::wait() {
   if (!pollFor(patience(), true) || lastReadWasFull_ || hasRequests()) return;
-  pollFor(kNapMilliseconds, false);
+  pollFor(unresolved_.empty() ? nap_ : kShortNap, false);
 }
 
 int Driver::patience() const {
   if (lastReadWasFull_ || hasRequests()) return 0;
-  if (!unresolved_.empty()) return kNapMilliseconds;
+  if (!unresolved_.empty()) return kShortNap;
   if (!saidSomething_) return -1;
   const auto left = lastSaid_ + kIdle - Clock::now();
   const auto rounded = std::chrono::ceil<std::chrono::milliseconds>(left).count();
@@ -260,7 +264,7 @@ bool Driver::listSome(const fsf_fid& folder) {
 
 void Driver::resolveAgain() {
   const auto now = Clock::now();
-  if (unresolved_.empty() || now - lastTry_ < std::chrono::milliseconds(kNapMilliseconds)) return;
+  if (unresolved_.empty() || now - lastTry_ < std::chrono::milliseconds(kShortNap)) return;
   lastTry_ = now;
   for (Unresolved& file : unresolved_) --file.timesLeft;
   const auto resolved = std::erase_if(unresolved_, [&](const Unresolved& file) {
@@ -297,6 +301,7 @@ void Driver::drain() {
   const std::uint64_t sequence = noop();
   for (; takeRequest(); current_.reset())
     if (current_->reached) current_->reached(sequence);
+  sinks_.pause();
 }
 
 void Driver::write(const FlrJrnCommandRaw& record) {

@@ -61,6 +61,8 @@ struct DriverSinks {
   RecordStream::Sink record;
   // Takes one line that says what may have been missed. May come often.
   std::function<void(const std::string&)> doubt;
+  // Called when nothing more will be said for the moment, after records or after none.
+  std::function<void()> pause = [] {};
 };
 
 // For people who want to know how it goes.
@@ -182,6 +184,7 @@ class Driver {
   std::vector<unsigned char> buffer_;
   std::vector<Event> batch_;
   bool lastReadWasFull_ = false;
+  int nap_;
   bool takesEvents_ = true;
   std::optional<Request> current_;  // being served
   bool isListing_ = false;

@@ -3,17 +3,24 @@
 #include "agent/live/driver_port.h"
 
 #include "agent/errors.h"
+#include "agent/live/give_way.h"
 
 namespace kddc {
 
 DriverPort::DriverPort(DriverOptions options, DriverSinks sinks)
-    : doubt_(sinks.doubt), driver_(std::move(options), std::move(sinks)) {}
+    : doubt_(sinks.doubt),
+      staged_(std::move(sinks.record)),
+      driver_(std::move(options),
+              {.record = [this](std::span<unsigned char> bytes) { staged_.take(bytes); },
+               .doubt = doubt_,
+               .pause = [this] { staged_.handOver(); }}) {}
 
 void DriverPort::start() {
   thread_ = std::thread([this] { run(); });
 }
 
 void DriverPort::run() {
+  giveWay();
   while (!ending_) {
     try {
       driver_.run();

@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "agent/live/staged_records.h"
 #include "agent/live/volume_rows.h"
 #include "driver/driver.h"
 
@@ -37,6 +38,7 @@ class DriverPort {
   void run();
 
   std::function<void(const std::string&)> doubt_;
+  StagedRecords staged_;
   Driver driver_;
   std::atomic<bool> ending_ = false;
   std::thread thread_;
