@@ -18,6 +18,7 @@
 #include "agent/engine/full_scan.h"
 #include "agent/errors.h"
 #include "agent/interrupt.h"
+#include "agent/live/give_way.h"
 #include "agent/live/watched_volume.h"
 #include "catalogue/db_access.h"
 #include "platform/file_handle.h"
@@ -236,6 +237,7 @@ void WatchSession::applyRecords() {
     applier_ = std::move(applier);
   }
   applying_ = std::thread([this] {
+    giveWay();
     queue_->DbThreadStarted();
     applier_->run();
   });
