@@ -9,3 +9,4 @@
 #include "buffer/persistent_raw_buffer.h"
 #include "buffer/raw_buffer.h"
 #include "volumes/catalogue_files.h"
+#include "volumes/volume_lists.h"
