@@ -78,7 +78,7 @@ struct RegistryFixture : testing::Test {
     return std::to_string(statOf(path).st_blksize);
   }
 
-  TempFolder folder;
+  TempFolder folder{inMemory()};
 
  private:
   // As the kernel writes a text of the table.

@@ -151,6 +151,20 @@ TEST_F(VolumeScan, LeavesNothingOpen) {
   EXPECT_TRUE(typesAlone.opendb(false));
 }
 
+TEST_F(VolumeScan, SeesWhatAnotherProgramWritesBetweenTwoMountPoints) {
+  makeRegistry();
+  registry("INSERT INTO FILTER VALUES('" + b + "')");
+  mounted({{"/dev/a", a, "ext4"}, {"/dev/b", b, "ext4"}});
+  dbg.SetLevel(1);
+  dbg.SetSink([this](const EvDebug::Line& line) {
+    if (line.text.find("Mount point:" + b) != std::string::npos) registry("DELETE FROM FILTER");
+  });
+  scan();
+  dbg.SetSink({});
+  dbg.SetLevel(0);
+  EXPECT_THAT(volumes(), ElementsAre(a, b));
+}
+
 TEST_F(ScanSkips, NetworkAndAutomountsWithoutAWord) {
   mounted({{"s:/x", a, "nfs"}, {"s:/y", b, "nfs4"}, {"systemd-1", c, "autofs"}});
   EXPECT_THAT(logOf(), ElementsAre("debug 1 Mount point:" + a + " , fstype:nfs , list size:3",
@@ -424,6 +438,13 @@ TEST_F(ScanThatFails, DeletesNothingWhenASettingIsNoNumber) {
   settings("nRetainUnMountedVolumes = yes\n");
   EXPECT_THAT(logOf(), ElementsAre("error 0 eRRoR --  UnExpected Exception on ",
                                    HasSubstr("nRetainUnMountedVolumes")));
+  EXPECT_THAT(volumes(), ElementsAre(a));
+}
+
+TEST_F(ScanThatFails, KeepsTheVolumesThatItHadAddedBefore) {
+  mounted({{"/dev/a", a, "ext4"}});
+  settings("nRetainUnMountedVolumes = yes\n");
+  scan();
   EXPECT_THAT(volumes(), ElementsAre(a));
 }
 
