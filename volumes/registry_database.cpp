@@ -60,7 +60,7 @@ std::string madeFolder() {
 std::unique_ptr<UDC_DBMS> open(const char* tag, const Schema& schema) {
   const std::string path = madeFolder() + "/" + schema.file;
   auto db = std::make_unique<UDC_DBMS>(path, 2, 120, false);
-  errno = 0;
+  errno = 0;  // opendb does not say why; a file that could be locked but is no database leaves none
   if (!db->opendb(false)) {
     const int error = errno;
     throw UDCException(tag, 0, error, error ? std::strerror(error) : "no database",
@@ -87,6 +87,7 @@ std::string catalogueFolder(const NewVolume& volume) {
   const char* mountPoint = volume.mountPoint.c_str();
   dbg.Debug(kTag, "%s is a Shared volume ", mountPoint);
   std::string path;
+  // An empty value would be a volume without a catalogue for ever.
   if (!GetFailOverDbPath(mountPoint, path) || path.empty()) return newCatalogueFolder(volume);
   dbg.Debug(kTag, "Trying to reuse the DB:%s for %s ", path.c_str(), mountPoint);
   return path;
@@ -108,10 +109,9 @@ std::string sqlLiteral(const std::string& text) {
 
 std::list<std::string> firstColumn(const UDC_DBMS& db) {
   std::list<std::string> column;
-  for (int row = 1; row <= db.rowCount; ++row) {
-    const char* cell = db.table[static_cast<std::size_t>(row * db.columnCount)];
-    column.emplace_back(cell ? cell : "");
-  }
+  const auto columns = static_cast<std::size_t>(db.columnCount);
+  for (std::size_t cell = columns; cell < db.table.size(); cell += columns)
+    column.emplace_back(db.table[cell] ? db.table[cell] : "");
   return column;
 }
 
@@ -122,6 +122,7 @@ std::string volumeInsertQuery(const NewVolume& volume) {
     throw UDCException("create_volume_insert_query", 0, errno, std::strerror(errno),
                        "Unable to stat the volume");
 
+  // Neither a quote nor the lack of a character may break the statement.
   const std::string driverSupport(volume.driverSupport ? 1 : 0, volume.driverSupport);
   std::string sql = kInsert;
   for (const std::string& text : {volume.device, volume.mountPoint, volume.fsType})

@@ -157,6 +157,7 @@ const char* VolumeScan::reasonToSkip(const std::string& mountPoint) const {
   return nullptr;
 }
 
+// Asked before the type is: a volume that was filtered loses its row, whatever it is now.
 bool VolumeScan::forgetIfFiltered(const std::string& mountPoint) {
   const std::string literal = sqlLiteral(mountPoint);
   if (ask("SELECT * FROM FILTER WHERE VOLNAME=" + literal).empty()) return false;
@@ -175,6 +176,7 @@ void VolumeScan::keepOrReplace(const KdMntEntry& entry, char driverSupport) {
   const std::string where = " FROM VOLUME WHERE MOUNT_POINT=" + sqlLiteral(entry.mountPoint);
   const Texts devices = ask("SELECT DEVLABEL" + where);
   if (!devices.empty() && devices.front() == entry.device) return;
+  // What is known of a row is true of one device only.
   if (!devices.empty()) run("DELETE" + where);
   const int number = nextNumber();
   run(kddc::volumeInsertQuery({entry.mountPoint, entry.device, entry.fsType, driverSupport, number,
@@ -187,6 +189,7 @@ int VolumeScan::nextNumber() {
   return static_cast<int>(static_cast<unsigned int>(greatest) + 1);
 }
 
+// The setting first: without it nobody can say what is to become of the rows.
 void VolumeScan::updateRows() {
   const bool retain = isSet("nRetainUnMountedVolumes");
   dbg.DebugLvl(kTag, 2, "handle unmounted volumes");
@@ -219,7 +222,8 @@ const KdMntEntry* VolumeScan::mountAt(const std::string& mountPoint) const {
   return found == mounts_.rend() ? nullptr : &*found;
 }
 
-// All that is to be known is asked before the first volume is stopped.
+// All that is to be known is asked before the first volume is stopped: a list that could not be
+// read must not look like one that names nobody.
 void VolumeScan::stopUnchosen(bool (*stopCallback)(const char*)) {
   const Texts monitored = askAndTell("SELECT VOLNAME FROM MONITOR", "VolsInMonitorTable");
   const Texts known = askAndTell("SELECT MOUNT_POINT FROM VOLUME", "VolsInVolumeTable");

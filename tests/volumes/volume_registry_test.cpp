@@ -14,7 +14,6 @@
 
 namespace {
 
-using kddc::test::DatabaseView;
 using kddc::test::LogCapture;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -43,7 +42,7 @@ struct VolumeRegistry : kddc::test::RegistryFixture {
   // A registry with one volume whose catalogue lies in the folder returned.
   std::string volumeWithCatalogue(const std::string& mountPoint) const {
     scan();
-    const std::string catalogue = place("catalogue");
+    std::string catalogue = place("catalogue");
     for (const char* name : {".db.kd", ".db.kd.lock", ".fid.kd", ".fid.kd.lock"})
       (void)folder.write(std::string("catalogue/") + name, "");
     registry("INSERT INTO VOLUME(MOUNT_POINT,PATH_TO_DB) VALUES('" + mountPoint + "','" +
