@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 #include "tests/support/registry_fixture.h"
 
@@ -163,6 +164,25 @@ TEST_F(VolumeScan, SeesWhatAnotherProgramWritesBetweenTwoMountPoints) {
   dbg.SetSink({});
   dbg.SetLevel(0);
   EXPECT_THAT(volumes(), ElementsAre(a, b));
+}
+
+TEST_F(VolumeScan, WaitsUntilAnotherWriterIsDone) {
+  makeRegistry();
+  char support;
+  supported_fs_type("ext4", &support);
+  UDC_DBMS other(typesPath(), 2, 0, false);
+  ASSERT_TRUE(other.opendb(false));
+  mounted({{"/dev/a", a, "ext4"}});
+  std::jthread done;
+  dbg.SetLevel(2);
+  dbg.SetSink([&](const EvDebug::Line& line) {  // the last line before the types are asked for
+    if (line.text.find("SELECT * FROM FILTER") != std::string::npos)
+      done = std::jthread([&other] { other.closedb(false); });
+  });
+  scan();
+  dbg.SetSink({});
+  dbg.SetLevel(0);
+  EXPECT_THAT(volumes(), ElementsAre(a));
 }
 
 TEST_F(ScanSkips, NetworkAndAutomountsWithoutAWord) {
