@@ -155,20 +155,20 @@ TEST_F(RefusedGate, ACountIsChangedBeforeTheBroadcastThatFails) {
       {"ReInitializeSyncPrim", [](SyncPrim* held) { ReInitializeSyncPrim(held); }, 0},
   };
   InitializeSyncPrim(&gate);
-  for (const auto& [name, operation, countAfterwards] : broadcasters) {
+  for (const Broadcaster& broadcaster : broadcasters) {
     gate->count = 3;
     const LogCapture log(0);
     refusals.broadcast = EINVAL;
-    EXPECT_EQ(thrown([&] { operation(gate); }), std::string("Function[UDC_MUTEX :: Broadcast <- ") +
-                                                    name +
-                                                    "] Type[4] Error[22: Invalid argument] "
-                                                    "BroadCast on  a conditional variable failed");
-    EXPECT_EQ(gate->count, countAfterwards);
+    EXPECT_EQ(thrown([&] { broadcaster.operation(gate); }),
+              std::string("Function[UDC_MUTEX :: Broadcast <- ") + broadcaster.name +
+                  "] Type[4] Error[22: Invalid argument] "
+                  "BroadCast on  a conditional variable failed");
+    EXPECT_EQ(gate->count, broadcaster.countAfterwards);
     EXPECT_TRUE(isFree());
     EXPECT_THAT(log.lines(),
                 ElementsAre("error 0 UDC_MUTEX :: Broadcast: eRRoR -- "
                             "BroadCast on  a conditional variable failed",
-                            std::string("error 0 ") + name +
+                            std::string("error 0 ") + broadcaster.name +
                                 ": eRRoR -- BroadCast on  a conditional variable failed"));
   }
 }
