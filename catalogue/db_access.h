@@ -65,6 +65,7 @@ struct StatFid_s {
 //   journal records        what each does to the rows         journal/
 //   times                  stamps that several of them share  journal/
 //   single names           for an agent, outside the journal  journal/remove_and_link.cpp
+//   comparison             with the disk, reported            verify/
 //   end of life            close                              catalogue/lifecycle.cpp
 //   full scans             DCSqliteDBSortedInsert, below      catalogue/sorted_insert.cpp
 //
@@ -241,6 +242,25 @@ class KDDC_API DCSqliteDB {
   // Removes every row of an identifier, through RemoveDuplicateFid.
   void DeleteDBEntries(const fsf_fid* fid);
 
+  // Comparison with the disk: a diagnostic that logs what differs and corrects nothing. verify/
+  //
+  // Two columns are borrowed as marks, 1 for what was seen: FILES.GID and FIDS.RESCAN. They keep
+  // the marks afterwards, so the owners' groups and the list of files to be scanned again are lost.
+  // Besides UDCException as everywhere, what the platform throws comes as type 5; nothing else ends
+  // the walk.
+
+  // Walks the mounted volume, breadth first, then lists the rows that nothing on the disk claimed.
+  // A folder without rows is not looked into. Differences are debug lines.
+  void Verify(std::string volumePath);
+  // One folder; its row is expected in the folder `pinode` under `name`. True when it has rows and
+  // was not seen before; `inode` receives its inode, also when the rest fails. `st` is not used.
+  bool VerifyFolder(std::string path, unsigned long long pinode, const char* name,
+                    unsigned long long& inode, const struct stat& st);
+  // One entry that is no folder, with what lstat says of it. Access times are compared only while
+  // the file /tmp/verifyatime exists.
+  void VerifyFile(std::string path, unsigned long long pinode, const char* name,
+                  const struct stat& st);
+
   // End of life. catalogue/lifecycle.cpp
 
   // Writes the reference time (seconds; 600 earlier when it is greater than that, nothing when it
@@ -339,3 +359,9 @@ KDDC_API int DeleteCallBack1(void* object, int columns, char** values, char** na
 // DCSqliteDB, and all that lies below the folder is stamped (UpdateTimeFieldRecursively). -1,
 // logged, ends the query. Never throws.
 KDDC_API int UpdateTimeCallBack(void* object, int columns, char** values, char** names);
+
+// The row callbacks of Verify for rows that nothing claimed: the one column is FILES_ROWID, or the
+// two are INODE and NAME. One debug line for each row; -1 and an error ends the list at a NULL.
+// Never throw.
+KDDC_API int StaleFidCallBack(void* object, int columns, char** values, char** names);
+KDDC_API int StaleFilesCallBack(void* object, int columns, char** values, char** names);
