@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <memory>
 #include <utility>
 
 #include "platform/ev_debug.h"
@@ -109,13 +108,11 @@ int UDC_MUTEX::Broadcast(pthread_cond_t* condition) {
 int InitializeSyncPrim(SyncPrim** out) {
   constexpr char kTag[] = "InitializeSyncPrim";
   return logged(kTag, [&] {
-    *out = nullptr;
-    void* block = std::malloc(sizeof(SyncPrim));
-    if (const int error = errno; !block)
+    *out = static_cast<SyncPrim*>(std::malloc(sizeof(SyncPrim)));
+    if (const int error = errno; !*out)
       throw UDCException(kTag, kSystemCall, error, kddc::errnoText(error),
                          "Unable to allocate memory for SyncPrim");
-    // Zeros, so that FreeSyncPrim may also have a block that stayed half made.
-    *out = std::construct_at(static_cast<SyncPrim*>(block));
+    (*out)->count = 0;
     check(kTag, pthread_mutex_init(&(*out)->mutex, nullptr),
           "Unable to initialize the SyncPrim mutex");
     return check(kTag, pthread_cond_init(&(*out)->cond, nullptr),

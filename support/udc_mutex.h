@@ -57,9 +57,9 @@ struct SyncPrim {
   int count;              // holders; below zero after more releases than holds
 };
 
-// Allocates a gate that nobody holds, and stores its address in `*out`, which is null before; 0.
-// Type 0 with errno when there is no memory, and `*out` is null then. When the mutex or the
-// condition cannot be made, `*out` still points to the block, which is the caller's to free.
+// Allocates a gate that nobody holds, and stores its address in `*out`; 0. Type 0 with errno when
+// there is no memory, and `*out` is null then. When the mutex or the condition cannot be made,
+// `*out` points to the block all the same, and the caller gives it to free(3).
 KDDC_API int InitializeSyncPrim(SyncPrim** out);
 
 // Takes one hold, once fewer than `limit` are taken; 0. A limit of 0 waits for a count below zero.
@@ -70,6 +70,5 @@ KDDC_API int UnHoldSyncPrim(SyncPrim* gate);
 // Forgets all holds and wakes all who wait; 0.
 KDDC_API int ReInitializeSyncPrim(SyncPrim* gate);
 
-// Frees a gate that no thread uses any more, also one that InitializeSyncPrim could not finish.
-// Null is fine. Never fails.
+// Frees a gate that no thread uses any more. Null is fine. Never fails.
 KDDC_API void FreeSyncPrim(SyncPrim* gate);

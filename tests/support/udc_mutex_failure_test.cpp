@@ -33,7 +33,7 @@ int taken(int& refusal) {
 
 extern "C" {
 
-void* __libc_malloc(std::size_t size);
+void* __libc_malloc(std::size_t size);  // NOLINT(bugprone-reserved-identifier)
 
 #ifndef __SANITIZE_ADDRESS__
 void* malloc(std::size_t size) noexcept {
@@ -47,8 +47,8 @@ int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*) noexc
   *mutex = PTHREAD_MUTEX_INITIALIZER;
   return taken(refusals.mutexInit);
 }
-int pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t*) noexcept {
-  *condition = PTHREAD_COND_INITIALIZER;
+int pthread_cond_init(pthread_cond_t* cond, const pthread_condattr_t*) noexcept {
+  *cond = PTHREAD_COND_INITIALIZER;
   return taken(refusals.condInit);
 }
 int pthread_cond_wait(pthread_cond_t*, pthread_mutex_t*) {
@@ -77,7 +77,7 @@ std::string thrown(const std::function<void()>& operation) {
 struct RefusedGate : testing::Test {
   ~RefusedGate() override {
     refusals = {};
-    FreeSyncPrim(gate);
+    std::free(gate);
   }
   bool isFree() const {
     const bool free = pthread_mutex_trylock(&gate->mutex) == 0;
@@ -110,7 +110,6 @@ TEST_F(RefusedGate, WithoutAMutexTheBlockStaysWithTheCaller) {
             "Function[InitializeSyncPrim] Type[4] Error[11: Resource temporarily unavailable] "
             "Unable to initialize the SyncPrim mutex");
   ASSERT_NE(gate, nullptr);
-  EXPECT_EQ(gate->count, 0);
   EXPECT_THAT(log.lines(), ElementsAre("error 0 InitializeSyncPrim: eRRoR -- "
                                        "Unable to initialize the SyncPrim mutex"));
 }

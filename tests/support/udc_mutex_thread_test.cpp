@@ -69,6 +69,7 @@ TEST_F(UdcMutexThreads, ABroadcastWakesThoseThatWaitWithAndWithoutATime) {
     checked.UnLock(&mutex);
   };
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int n = 0; n < 4; ++n) threads.emplace_back(wait, n % 2 == 0);
 
   UDC_MUTEX checked;
@@ -137,6 +138,7 @@ TEST_F(UdcMutexThreads, ALimitOfZeroWaitsForACountBelowZero) {
 TEST_F(UdcMutexThreads, AResetLetsWaitersOfEveryLimitIn) {
   for (int n = 0; n < 4; ++n) HoldSyncPrim(gate, 4);
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int limit = 1; limit <= 4; ++limit)
     threads.emplace_back([this, limit] {
       HoldSyncPrim(gate, limit);

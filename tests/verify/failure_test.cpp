@@ -19,9 +19,9 @@ std::string unreadable;  // the folder whose readdir fails
 
 }  // namespace
 
-extern "C" dirent* readdir(DIR* folder) {
+extern "C" dirent* readdir(DIR* dirp) {
   char path[4096];
-  const std::string link = "/proc/self/fd/" + std::to_string(::dirfd(folder));
+  const std::string link = "/proc/self/fd/" + std::to_string(::dirfd(dirp));
   const ssize_t length = ::readlink(link.c_str(), path, sizeof path);
   if (!unreadable.empty() && length > 0 &&
       std::string(path, static_cast<std::size_t>(length)).ends_with(unreadable)) {
@@ -29,18 +29,14 @@ extern "C" dirent* readdir(DIR* folder) {
     return nullptr;
   }
   static const auto real = reinterpret_cast<dirent* (*)(DIR*)>(::dlsym(RTLD_NEXT, "readdir"));
-  return real(folder);
+  return real(dirp);
 }
 
 namespace {
 
-using kddc::test::OpenCatalogue;
-using kddc::test::TempFolder;
 using kddc::test::VerifiedVolume;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::MatchesRegex;
 
 struct VerifyFailure : VerifiedVolume {
   void SetUp() override { begin("tmpfs"); }

@@ -16,7 +16,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
-using testing::StartsWith;
 
 constexpr char kVerifyAtime[] = "/tmp/verifyatime";
 
@@ -168,7 +167,7 @@ TEST_F(Verify, AccessTimesAreComparedOnlyWhileSomebodyAsks) {
   ASSERT_EQ(::utimensat(AT_FDCWD, path("f").c_str(), times, 0), 0);
   files("UPDATE FILES SET CTIME=" + std::to_string(status("f").st_ctime) + " WHERE NAME='f'");
   EXPECT_THAT(differences(), IsEmpty());
-  std::ofstream{kVerifyAtime};
+  std::ofstream(kVerifyAtime) << "please";
   EXPECT_THAT(differences(), ElementsAre("debug 1 DCSqliteDB :: VerifyFile: "
                                          "[V/f] Atime differs.DB has[1]. Current[300]"));
   std::filesystem::remove(kVerifyAtime);
