@@ -15,7 +15,7 @@ namespace {
 constexpr int kSystemCall = 0, kMisuse = 1, kThreadCall = 4;
 constexpr char kMoved[] = "UDC_MUTEX cannot be moved across threads";
 
-// Unlike the rest of the library, the threads' log shows the message alone.
+// As elsewhere, but with the message alone: logs are searched for exactly that text.
 template <class Operation>
 auto logged(const char* tag, Operation&& operation) {
   try {
