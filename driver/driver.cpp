@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::size_t kReadBytes = 256 * 1024;
 constexpr std::size_t kRoomForAnEvent = 4096;  // with less than this left, a read was full
-constexpr int kShortNap = 2, kLongNap = 100;    // milliseconds
+constexpr int kShortNap = 2, kLongNap = 100;   // milliseconds
 constexpr std::size_t kManyEvents = 100;
 constexpr std::chrono::milliseconds kIdle(100);
 constexpr int kRequestsAtOnce = 256;

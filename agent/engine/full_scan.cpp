@@ -53,10 +53,9 @@ Failure scanInterrupted(const std::string& volumePath) {
 
 WalkCounts fullScan(UniqueFd volume, const std::string& volumePath, const WalkOptions& options,
                     ScanCatalogue& catalogue, const ScanProgress& progress) {
-  WalkThread walk(
-      std::move(volume), volumePath, options, {.check = [&] {
-        if (interrupted()) throw scanInterrupted(volumePath);
-      }});
+  WalkThread walk(std::move(volume), volumePath, options, {.check = [&] {
+                    if (interrupted()) throw scanInterrupted(volumePath);
+                  }});
   Consumer consumer(catalogue, progress);
   while (const auto batch = walk.next()) consumer.insert(*batch);
   return walk.finish();

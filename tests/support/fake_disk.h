@@ -53,7 +53,8 @@ class FakeDisk : public Disk {
     if (volume_.node(fid) == nullptr) return Whereabouts::kGone;
     for (const fsf_fid& folder : leaveOut)
       if (volume_.isBelow(fid, folder)) return Whereabouts::kOutside;
-    return volume_.isBelow(fid, asked ? *asked : root) ? Whereabouts::kInside : Whereabouts::kOutside;
+    return volume_.isBelow(fid, asked ? *asked : root) ? Whereabouts::kInside
+                                                       : Whereabouts::kOutside;
   }
   void forget() override { ++forgotten; }
 
