@@ -15,6 +15,7 @@
 #include <system_error>
 
 #include "agent/errors.h"
+#include "agent/registry/registered_volumes.h"
 #include "platform/platform_info.h"
 
 namespace kddc {
@@ -56,16 +57,15 @@ std::string defaultStateFolder() {
   return (base && base[0] == '/' ? std::string(base) : homeFolder() + "/.local/state") + "/kddc";
 }
 
-// Absolute, links resolved as far as the path exists, without a blank last part.
-std::string settled(const std::string& path) {
+}  // namespace
+
+std::string settledPath(const std::string& path) {
   std::error_code error;
   const fs::path settled = fs::weakly_canonical(fs::absolute(path), error);
   if (error) throw systemFailure("cannot use " + path, error.value());
   return settled.has_filename() || !settled.has_parent_path() ? settled.string()
                                                               : settled.parent_path().string();
 }
-
-}  // namespace
 
 std::string realVolumePath(const std::string& volume) {
   std::error_code error;
@@ -81,15 +81,24 @@ std::string placeName(const std::string& volumePath) {
 }
 
 std::string stateFolder(const Options& options) {
-  if (!options.state.empty()) return settled(options.state);
+  if (!options.state.empty()) return settledPath(options.state);
   std::string configured;
   KDPlatformInfo::getString("DataClassification", "StateDir", &configured);
-  return settled(configured.empty() ? defaultStateFolder() : configured);
+  return settledPath(configured.empty() ? defaultStateFolder() : configured);
+}
+
+std::string cataloguesFolder(const Options& options) {
+  return stateFolder(options) + "/catalogues";
+}
+
+std::string defaultCatalogueFolder(const Options& options, const std::string& volumePath) {
+  return cataloguesFolder(options) + "/" + placeName(volumePath);
 }
 
 std::string catalogueFolder(const Options& options, const std::string& volumePath) {
-  if (!options.catalogue.empty()) return settled(options.catalogue);
-  return stateFolder(options) + "/catalogues/" + placeName(volumePath);
+  if (!options.catalogue.empty()) return settledPath(options.catalogue);
+  if (const auto registered = registeredCatalogue(volumePath)) return *registered;
+  return defaultCatalogueFolder(options, volumePath);
 }
 
 std::string socketsFolder(const Options& options) {

@@ -5,6 +5,7 @@
 // sockets by which a process that watches is asked.
 //
 //   --catalogue DIR            the folder of the catalogue, else
+//   the registry's word        the same, of a volume that is registered (see kddc volumes), else
 //   <state>/catalogues/<name>  the same
 //   <state>/sockets/<name>     the socket of the process that watches the volume
 //
@@ -21,6 +22,9 @@
 
 namespace kddc {
 
+// Absolute, links resolved as far as the path exists, without a slash at the end.
+std::string settledPath(const std::string& path);
+
 // The real path of a volume, which must be a folder.
 std::string realVolumePath(const std::string& volume);
 
@@ -29,6 +33,11 @@ std::string realVolumePath(const std::string& volume);
 std::string placeName(const std::string& volumePath);
 
 std::string stateFolder(const Options& options);
+
+// The folder of all catalogues that lie in the state folder, and that of a volume that nothing else
+// is said about, given by its real path. Need not exist.
+std::string cataloguesFolder(const Options& options);
+std::string defaultCatalogueFolder(const Options& options, const std::string& volumePath);
 
 // The catalogue folder of a volume, given by its real path. Need not exist.
 std::string catalogueFolder(const Options& options, const std::string& volumePath);

@@ -3,6 +3,8 @@
 //
 // kddc status [VOLUME]: how catalogues are doing, from the processes that watch the volumes, and
 // from the catalogues themselves where nobody does.
+#include "agent/commands/status.h"
+
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
@@ -17,12 +19,11 @@
 #include <vector>
 
 #include "agent/catalogue_place.h"
-#include "agent/commands/commands.h"
 #include "agent/control/client.h"
-#include "agent/control/volume_status.h"
 #include "agent/engine/catalogue_reader.h"
 #include "agent/errors.h"
 #include "agent/logging.h"
+#include "agent/registry/registered_volumes.h"
 
 namespace kddc {
 namespace {
@@ -45,12 +46,6 @@ VolumeStatus statusOfCatalogue(const std::string& folder, const std::string& vol
   status.rows = reader.count();
   status.lastScan = reader.scanned();
   return status;
-}
-
-VolumeStatus statusOf(const Options& options, const std::string& volume) {
-  const std::string path = realVolumePath(volume);
-  if (auto status = askStatus(controlSocket(options, path), path)) return *std::move(status);
-  return statusOfCatalogue(catalogueFolder(options, path), path);
 }
 
 // What a folder holds; a folder that is not there holds nothing.
@@ -87,15 +82,20 @@ struct Overview {
 
 Overview overview(const Options& options) {
   Overview all;
-  std::set<std::string> watched;
+  std::set<std::string> told;
   for (const fs::path& socket : entriesOf(socketsFolder(options)))
-    if (all.add([&] { return askStatus(socket, ""); })) watched.insert(socket.filename());
-  for (const fs::path& folder : entriesOf(stateFolder(options) + "/catalogues")) {
+    if (all.add([&] { return askStatus(socket, ""); })) told.insert(socket.filename());
+  const auto addCatalogue = [&](const std::string& folder, const std::string& volume) {
+    if (told.insert(placeName(volume)).second)
+      all.add([&] { return std::optional(statusOfCatalogue(folder, volume)); });
+  };
+  for (const RegisteredVolume& volume : registeredVolumesIfReadable())
+    if (volumeOf(volume.catalogue) == volume.mountPoint)
+      addCatalogue(volume.catalogue, volume.mountPoint);
+  for (const fs::path& folder : entriesOf(cataloguesFolder(options))) {
     const auto volume = volumeOf(folder);
     // One that is being built, beside the old one, has another name.
-    if (!volume || folder.filename() != placeName(*volume)) continue;
-    if (watched.contains(folder.filename())) continue;
-    all.add([&] { return std::optional(statusOfCatalogue(folder, *volume)); });
+    if (volume && folder.filename() == placeName(*volume)) addCatalogue(folder, *volume);
   }
   std::ranges::sort(all.volumes, {}, &VolumeStatus::volume);
   return all;
@@ -104,13 +104,6 @@ Overview overview(const Options& options) {
 std::string timeText(const std::optional<std::int64_t>& time) {
   if (!time) return "never";
   return fmt::format("{:%Y-%m-%d %H:%M:%S}", fmt::localtime(static_cast<std::time_t>(*time)));
-}
-
-std::string stateText(const VolumeStatus& status) {
-  std::string text = nameOf(status.state);
-  if (status.staleSince) text += " since " + timeText(status.staleSince);
-  if (!status.staleReason.empty()) text += ": " + status.staleReason;
-  return text;
 }
 
 class Block {
@@ -159,9 +152,25 @@ void print(const std::vector<VolumeStatus>& volumes, bool json) {
 
 }  // namespace
 
+std::optional<VolumeStatus> watchedStatus(const Options& options, const std::string& volumePath) {
+  return askStatus(controlSocket(options, volumePath), volumePath);
+}
+
+VolumeStatus statusOf(const Options& options, const std::string& volumePath) {
+  if (auto status = watchedStatus(options, volumePath)) return *std::move(status);
+  return statusOfCatalogue(catalogueFolder(options, volumePath), volumePath);
+}
+
+std::string stateText(const VolumeStatus& status) {
+  std::string text = nameOf(status.state);
+  if (status.staleSince) text += " since " + timeText(status.staleSince);
+  if (!status.staleReason.empty()) text += ": " + status.staleReason;
+  return text;
+}
+
 int runStatus(const Options& options, const std::string& volume, bool json) {
   if (!volume.empty()) {
-    print({statusOf(options, volume)}, json);
+    print({statusOf(options, realVolumePath(volume))}, json);
     return kExitDone;
   }
   const Overview all = overview(options);

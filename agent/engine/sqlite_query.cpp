@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/engine/sqlite_query.h"
 
+#include <fmt/format.h>
+
 #include "platform/exceptions.h"
 
 namespace kddc {
@@ -13,12 +15,21 @@ constexpr int kBusyMilliseconds = 5000;
 constexpr char kSettings[] =
     "PRAGMA mmap_size=2147418112; PRAGMA cell_size_check=1; PRAGMA trusted_schema=0";
 
+// SQLite hears of a read-only medium only in a URI, where every byte may be given as %xx.
+std::string uriOf(const std::string& path) {
+  std::string uri = "file:";
+  for (const char c : path)
+    uri += c == '/' ? "/" : fmt::format("%{:02x}", static_cast<unsigned char>(c));
+  return uri + "?immutable=1";
+}
+
 }  // namespace
 
-ReadConnection::ReadConnection(const std::string& path) {
+ReadConnection::ReadConnection(const std::string& path, Medium medium) {
   sqlite3* handle = nullptr;
-  const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX;
-  const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
+  const bool isUri = medium == Medium::kReadOnly;
+  const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX | (isUri ? SQLITE_OPEN_URI : 0);
+  const int result = sqlite3_open_v2((isUri ? uriOf(path) : path).c_str(), &handle, flags, nullptr);
   handle_.reset(handle);
   if (result != SQLITE_OK) fail(result);
   sqlite3_busy_timeout(handle, kBusyMilliseconds);

@@ -19,8 +19,11 @@ namespace kddc {
 
 class ReadConnection {
  public:
+  // On a read-only medium nothing can be made beside the database, and nobody changes it.
+  enum class Medium { kWritable, kReadOnly };
+
   // Opens the file, which must exist; a link in its place is not followed.
-  explicit ReadConnection(const std::string& path);
+  explicit ReadConnection(const std::string& path, Medium medium = Medium::kWritable);
 
   sqlite3* get() const { return handle_.get(); }
   // Executes statements that give no rows.
