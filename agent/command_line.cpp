@@ -115,6 +115,30 @@ CLI::App* addWatch(CLI::App& app, Words& words) {
   return watch;
 }
 
+void addPlaceCommand(CLI::App* volumes, Words& words, const char* name, const char* what) {
+  volumes->add_subcommand(name, what)
+      ->add_option("PATH", words.volume, "Where it is mounted")
+      ->required();
+}
+
+CLI::App* addVolumes(CLI::App& app, Words& words) {
+  CLI::App* volumes = app.add_subcommand("volumes", "Look after the registry of volumes");
+  volumes->require_subcommand(1);
+  CLI::App* list = volumes->add_subcommand("list", "Print the registered volumes");
+  list->add_flag("--json", words.json, "JSON Lines with all that is known");
+  volumes->add_subcommand("refresh", "Bring the registry in step with what is mounted");
+  addPlaceCommand(volumes, words, "add", "Have the next refresh register a mounted volume");
+  addPlaceCommand(volumes, words, "remove", "Have the next refresh forget a volume");
+  return volumes;
+}
+
+int volumes(const CLI::App& app, const Words& words) {
+  if (app.got_subcommand("list")) return runVolumesList(words.options, words.json);
+  if (app.got_subcommand("refresh")) return runVolumesRefresh(words.options);
+  if (app.got_subcommand("add")) return runVolumesAdd(words.options, words.volume);
+  return runVolumesRemove(words.options, words.volume);
+}
+
 int watch(const Words& words) {
   if (words.volumes.size() > 1 && !words.options.catalogue.empty())
     throw CLI::ValidationError("--catalogue", "names the catalogue of one volume only");
@@ -159,6 +183,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   CLI::App* dumping = addDump(app, words);
   CLI::App* replaying = addReplay(app, words);
   CLI::App* watching = addWatch(app, words);
+  CLI::App* registry = addVolumes(app, words);
   addForms(list, words);
   addForms(changes, words);
 
@@ -178,6 +203,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   if (status->parsed()) return runStatus(words.options, words.volume, words.json);
   if (replaying->parsed()) return replay(words);
   if (watching->parsed()) return watch(words);
+  if (registry->parsed()) return volumes(*registry, words);
   if (dumping->parsed()) return runDump(words.files, words.recordFormat(), words.json);
   return runChanges(words.options, words.volume, {since, words.form(), !words.noFlush});
 }

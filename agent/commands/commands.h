@@ -56,8 +56,15 @@ int runStatus(const Options& options, const std::string& volume, bool json);
 int runCheck(const Options& options, const std::string& volume);
 // As text, or as JSON Lines.
 int runDump(const std::vector<std::string>& files, RecordFormat format, bool json);
-// Until an interrupt. `print`: a line for each change, as it is applied.
+// Until an interrupt. Without volumes those that are registered. `print`: a line for each change,
+// as it is applied.
 int runWatch(const Options& options, const std::vector<std::string>& volumes, bool print);
 int runReplay(const Options& options, const ReplayOptions& replayOptions);
+// The registry of volumes. As text, or as JSON Lines.
+int runVolumesList(const Options& options, bool json);
+int runVolumesRefresh(const Options& options);
+// Have the next refresh register, or forget, what is mounted there.
+int runVolumesAdd(const Options& options, const std::string& path);
+int runVolumesRemove(const Options& options, const std::string& path);
 
 }  // namespace kddc
