@@ -106,8 +106,8 @@ CLI::App* addReplay(CLI::App& app, Words& words) {
 
 CLI::App* addWatch(CLI::App& app, Words& words) {
   CLI::App* watch = app.add_subcommand("watch", "Keep catalogues current until Ctrl-C");
-  watch->add_option("VOLUME", words.volumes, "Folders, usually where volumes are mounted")
-      ->required();
+  watch->add_option("VOLUME", words.volumes,
+                    "Folders, usually where volumes are mounted; without one, those registered");
   watch->add_flag("--print", words.print,
                   "Print what changes, as it is applied: added, changed, moved or removed and a "
                   "path, of several volumes a whole one; in it \\n, \\t and \\xNN stand for bytes "

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// kddc watch VOLUME...: keeps catalogues current until it is told to stop.
+// kddc watch [VOLUME...]: keeps catalogues current until it is told to stop.
 #include <fmt/format.h>
 #include <limits.h>
 #include <poll.h>
@@ -23,6 +23,7 @@
 #include "agent/live/watch_session.h"
 #include "agent/logging.h"
 #include "agent/progress.h"
+#include "agent/registry/registered_volumes.h"
 #include "platform/stub_attribute.h"
 
 namespace kddc {
@@ -41,6 +42,22 @@ const char* wordFor(CatalogueChange::Kind kind) {
     default:
       return "removed";
   }
+}
+
+// Those that are mounted. Of a registry that is empty, or missing, none.
+std::vector<std::string> registeredPlaces(const Options& options) {
+  const auto mounts = mountsByPlace();
+  std::vector<std::string> places;
+  for (const RegisteredVolume& volume : registeredVolumes())
+    if (mounts.contains(volume.mountPoint))
+      places.push_back(volume.mountPoint);
+    else if (!options.quiet)
+      complain(volume.mountPoint + " is not mounted and so not watched");
+  if (places.empty())
+    throw Failure("no volume is registered and mounted; name one, or see: kddc volumes --help");
+  if (places.size() > 1 && !options.catalogue.empty())
+    throw Failure("--catalogue names the catalogue of one volume only; several are registered");
+  return places;
 }
 
 WatchPlan planFor(const Options& options, const std::vector<std::string>& volumes) {
@@ -153,7 +170,7 @@ WatchListeners listenersFor(const Options& options, Progress& progress) {
 }  // namespace
 
 int runWatch(const Options& options, const std::vector<std::string>& volumes, bool print) {
-  const WatchPlan plan = planFor(options, volumes);
+  const WatchPlan plan = planFor(options, volumes.empty() ? registeredPlaces(options) : volumes);
   std::unique_ptr<WatchSession> session;
   std::atomic<int> signals = 0;
   Lines lines([&] { return signals > 1; }, [&] { session->stop(); });

@@ -24,21 +24,17 @@ std::string registryPath() {
 }
 
 std::string reasonOf(const UDCException& e) {
-  const auto damaged = [](const std::string& how) {
-    return fmt::format("it is damaged ({}); move it away and run: kddc volumes refresh", how);
-  };
+  constexpr char kHeld[] = "another process holds it; try again later";
   const int number = e.GetErrorNumber();
-  // A file that could be opened and locked but is no database leaves no number.
-  if (e.GetType() == 0 && number == 0) return damaged("no database");
-  if (e.GetType() == 0 && number == EWOULDBLOCK) return "another process holds it; try again later";
-  if (e.GetType() == 0) return std::strerror(number);
+  if (e.GetType() == 0) return number == EWOULDBLOCK ? kHeld : std::strerror(number);
   switch (number & 0xff) {  // the primary code
     case SQLITE_NOTADB:
     case SQLITE_CORRUPT:
-      return damaged(e.GetMessage());
+      return fmt::format("it is damaged ({}); move it away and run: kddc volumes refresh",
+                         e.GetMessage());
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
-      return "another process holds it; try again later";
+      return kHeld;
     case SQLITE_READONLY:
       return "it is read-only";
     case SQLITE_FULL:
@@ -137,7 +133,10 @@ std::map<std::string, KdMntEntry> mountsByPlace() {
   return mounts;
 }
 
-RegistryEditor::RegistryEditor() : db_(onRegistry("open", [] { return openRegistry(); })) {
+RegistryEditor::RegistryEditor() {
+  registeredVolumes();  // of a damaged one it tells the reason, which an opening for writing does
+                        // not
+  db_ = onRegistry("open", [] { return openRegistry(); });
   run("CREATE TABLE IF NOT EXISTS IDENTITY(MOUNT_POINT TEXT PRIMARY KEY,UUID TEXT)");
 }
 
