@@ -20,6 +20,8 @@
 #include "agent/output.h"
 #include "agent/registry/disk_identity.h"
 #include "agent/registry/registered_volumes.h"
+#include "platform/platform_info.h"
+#include "volumes/volume_registry.h"
 
 namespace kddc {
 namespace {
@@ -131,11 +133,24 @@ void print(const std::vector<Told>& all, bool json) {
 // What a command does to the table of the mode.
 enum class Edit { kPut, kDrop };
 
-void requireMountPoint(const std::string& place) {
-  if (!mountsByPlace().contains(place))
-    throw Failure(place +
-                  " is no mount point, so it cannot be registered; any folder can be scanned or "
-                  "watched by its path");
+KdMntEntry requireMountPoint(const std::string& place) {
+  const auto mounts = mountsByPlace();
+  if (const auto mount = mounts.find(place); mount != mounts.end()) return mount->second;
+  throw Failure(place +
+                " is no mount point, so it cannot be registered; any folder can be scanned or "
+                "watched by its path");
+}
+
+// What no refresh would register is better said at once.
+void requireRegistrable(const KdMntEntry& mount) {
+  long long rootToo = 0;
+  KDPlatformInfo::getNumber("DataClassification", "nEnableMonitoringForRoot", &rootToo);
+  if (mount.mountPoint == "/" && rootToo == 0)
+    throw Failure("/ is registered only with nEnableMonitoringForRoot = 1 in the settings");
+  char support = 0;
+  if (!supported_fs_type(mount.fsType.c_str(), &support))
+    throw Failure(fmt::format("{} cannot be registered: its type ({}) is not in the table FSTYPE",
+                              mount.mountPoint, mount.fsType));
 }
 
 void edit(RegistryMode mode, Edit edit, const std::string& place) {
@@ -179,6 +194,7 @@ int runVolumesList(const Options& options, bool json) {
 int runVolumesAdd(const Options& options, const std::string& path) {
   const std::string place = settledPath(path);
   const RegistryMode mode = registryMode();
+  requireRegistrable(requireMountPoint(place));
   edit(mode, mode == RegistryMode::kMonitor ? Edit::kPut : Edit::kDrop, place);
   note(options, "the next kddc volumes refresh registers " + place);
   return kExitDone;

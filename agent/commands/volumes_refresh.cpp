@@ -119,30 +119,36 @@ class Settlement {
   // Whether everything was done.
   bool settle(Volumes& volumes) {
     bool isWhole = true;
-    for (RegisteredVolume& volume : volumes) {
-      if (!findIn(before_, volume.mountPoint)) adopt(volume);
-      isWhole = identify(volume) && isWhole;
-    }
+    for (RegisteredVolume& volume : volumes)
+      if (const auto mount = mounts_.find(volume.mountPoint); mount != mounts_.end())
+        isWhole = settle(volume, identityOf(mount->second)) && isWhole;
     registry_.close();
     return isWhole;
   }
 
  private:
-  void adopt(RegisteredVolume& volume) {
-    const std::string folder = presentCatalogue(options_, volume.mountPoint);
-    if (folder.empty()) return;
+  bool settle(RegisteredVolume& volume, const std::string& identity) {
+    const std::string known = identities_[volume.mountPoint];
+    const RegisteredVolume* before = findIn(before_, volume.mountPoint);
+    const bool identityTells = !known.empty() && !identity.empty();
+    // The scan goes by the name of the device and gives a disk that came back under another one a
+    // new row, with a new place. Where the identity tells, it keeps the old place.
+    if (!before)
+      putCatalogue(volume, presentCatalogue(options_, volume.mountPoint));
+    else if (identityTells)
+      putCatalogue(volume, before->catalogue);
+
+    const bool isAnother =
+        identityTells ? areDifferent(known, identity) : before && before->device != volume.device;
+    // As long as the catalogue is the old one's, the next refresh must notice again.
+    if (isAnother && !dropCatalogue(volume)) return false;
+    if (!identity.empty() && identity != known) registry_.setIdentity(volume.mountPoint, identity);
+    return true;
+  }
+  void putCatalogue(RegisteredVolume& volume, const std::string& folder) {
+    if (folder.empty() || folder == volume.catalogue) return;
     volume.catalogue = folder;
     registry_.setCatalogue(volume.mountPoint, folder);
-  }
-  bool identify(const RegisteredVolume& volume) {
-    const auto mount = mounts_.find(volume.mountPoint);
-    if (mount == mounts_.end()) return true;
-    const std::string& known = identities_[volume.mountPoint];
-    const std::string now = identityOf(mount->second);
-    // As long as the catalogue is the old one's, the next refresh must notice again.
-    if (areDifferent(known, now) && !dropCatalogue(volume)) return false;
-    if (!now.empty() && now != known) registry_.setIdentity(volume.mountPoint, now);
-    return true;
   }
 
   const Options& options_;

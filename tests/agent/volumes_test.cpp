@@ -204,6 +204,13 @@ TEST_F(VolumesTest, WhatIsNoMountPointIsRefused) {
                     "watched by its path");
 }
 
+TEST_F(VolumesTest, WhatNoRefreshWouldRegisterIsRefused) {
+  expectRefused(volumes({"add", "/proc"}),
+                "/proc cannot be registered: its type (proc) is not in the table FSTYPE");
+  expectRefused(volumes({"add", "/"}),
+                "/ is registered only with nEnableMonitoringForRoot = 1 in the settings");
+}
+
 TEST_F(VolumesTest, WhatIsListedAlreadyOrNotListedIsSaid) {
   const std::string place = mountAt("volume");
   expectRefused(volumes({"remove", place}), place + " is not listed in MONITOR");
@@ -381,6 +388,33 @@ TEST_F(Swapped, TheSameDiskAgainIsNoOther) {
   EXPECT_EQ(list().at(0).at("state"), "not watched");
 }
 
+TEST_F(Swapped, TheSameDiskUnderAnotherDeviceNameKeepsItsCatalogue) {
+  add(mountAt("second"));
+  refresh();
+  rows("UPDATE VOLUME SET DEVLABEL='/dev/other' WHERE ROWID=1");
+  const Outcome outcome = refresh();
+  EXPECT_EQ(outcome.out + outcome.err, "");
+  const json volume = list().at(1);
+  EXPECT_EQ(volume.at("number"), 3);
+  EXPECT_EQ(volume.at("mount_point"), place);
+  EXPECT_EQ(volume.at("catalogue"), numbered(1));
+  EXPECT_EQ(volume.at("state"), "not watched");
+}
+
+TEST_F(Swapped, AnotherDiskUnderAnotherDeviceNameIsNoticedToo) {
+  swap("two");
+  rows("UPDATE VOLUME SET DEVLABEL='/dev/other'");
+  EXPECT_THAT(refresh().err, HasSubstr("its catalogue begins anew"));
+  EXPECT_FALSE(fs::exists(numbered(1)));
+}
+
+TEST_F(Swapped, WhereNoIdentityIsKnownAnotherDeviceNameIsAnotherDisk) {
+  rows("DELETE FROM IDENTITY");
+  rows("UPDATE VOLUME SET DEVLABEL='/dev/other'");
+  EXPECT_THAT(refresh().err, HasSubstr("its catalogue begins anew"));
+  EXPECT_FALSE(fs::exists(numbered(1)));
+}
+
 TEST_F(Swapped, ACatalogueInUseIsNotRemovedAndTheNextRefreshTriesAgain) {
   swap("two");
   const Program user({"watch", place, "--state", state});
@@ -503,6 +537,14 @@ TEST_F(VolumesTest, ADamagedRegistryIsNamedAndLeftAlone) {
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), noise);
 }
 
+TEST_F(VolumesTest, AWriterDoesNotHoldUpReaders) {
+  add(mountAt("volume"));
+  refresh();
+  DatabaseView other(registry);
+  (void)other.rows("BEGIN IMMEDIATE");
+  EXPECT_EQ(list().size(), 1U);  // readers are not held up
+}
+
 TEST_F(VolumesTest, ARegistryThatLostATableRemovesNothing) {
   const std::string place = mountAt("volume");
   add(place);
@@ -531,7 +573,9 @@ TEST_F(VolumesTest, AReadOnlyRegistryIsReadAndNotWritten) {
 TEST_F(VolumesTest, WhatCouldNotBeRefreshedIsSaid) {
   const std::string place = mountAt("volume");
   add(place);
-  fs::create_directories(etc + "/DataClassification/fstype_db.kd");  // a folder in a file's place
+  const std::string types = etc + "/DataClassification/fstype_db.kd";
+  fs::remove(types);
+  fs::create_directory(types);  // a folder in a file's place
   const Outcome outcome = volumes({"refresh", "-q"});
   EXPECT_EQ(outcome.exitCode, 3);
   EXPECT_THAT(outcome.err, StartsWith("kddc: the registry is not up to date: eRRoR -- "));
