@@ -82,6 +82,12 @@ void addRecordFormat(CLI::App* command, Words& words) {
       ->check(CLI::IsMember({"swap", "stream"}));
 }
 
+CLI::App* addVerify(CLI::App& app, Words& words) {
+  CLI::App* verify = addCommand(app, words, "verify", "Tell where catalogue and disk differ");
+  verify->add_flag("--json", words.json, "JSON Lines, the counts last");
+  return verify;
+}
+
 CLI::App* addDump(CLI::App& app, Words& words) {
   CLI::App* dump = app.add_subcommand("dump", "Print the records of a swap file or a stream");
   dump->add_option("FILE", words.files, "A file of records, - for standard input")->required();
@@ -179,6 +185,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   CLI::App* flush =
       addCommand(app, words, "flush", "Wait until the catalogue holds all that happened so far");
   CLI::App* status = addStatus(app, words);
+  CLI::App* verify = addVerify(app, words);
   CLI::App* check = addCommand(app, words, "check", "Check the integrity of both databases");
   CLI::App* dumping = addDump(app, words);
   CLI::App* replaying = addReplay(app, words);
@@ -198,6 +205,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   if (scan->parsed()) return runScan(words.options, words.volume);
   if (rescan->parsed()) return runRescan(words.options, words.volume, words.json);
   if (list->parsed()) return runList(words.options, words.volume, words.form());
+  if (verify->parsed()) return runVerify(words.options, words.volume, words.json);
   if (check->parsed()) return runCheck(words.options, words.volume);
   if (flush->parsed()) return runFlush(words.options, words.volume);
   if (status->parsed()) return runStatus(words.options, words.volume, words.json);

@@ -27,8 +27,8 @@ constexpr std::size_t kManyEvents = 100;
 constexpr std::chrono::milliseconds kIdle(100);
 constexpr int kRequestsAtOnce = 256;
 constexpr std::size_t kNamesAtOnce = 256;
-constexpr int kResolveTimes =
-    50;  // a short nap apart: who made the change may have to wait for a processor
+// A short nap apart: who made the change may have to wait for a processor.
+constexpr int kResolveTimes = 50;
 
 std::vector<UniqueFd> openRoots(const std::vector<std::string>& paths) {
   std::vector<UniqueFd> roots;

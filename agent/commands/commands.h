@@ -53,6 +53,8 @@ int runFlush(const Options& options, const std::string& volume);
 // Of one volume; of all that the state folder knows when `volume` is empty. As text, or as JSON
 // Lines.
 int runStatus(const Options& options, const std::string& volume, bool json);
+// What differs, as lines or as JSON Lines, and counts.
+int runVerify(const Options& options, const std::string& volume, bool json);
 int runCheck(const Options& options, const std::string& volume);
 // As text, or as JSON Lines.
 int runDump(const std::vector<std::string>& files, RecordFormat format, bool json);

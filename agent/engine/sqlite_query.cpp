@@ -58,6 +58,13 @@ void Query::bindAt(int parameter, std::int64_t value) {
   if (result != SQLITE_OK) connection_.fail(result);
 }
 
+Query& Query::bindText(int parameter, std::string_view text) {
+  const int result = sqlite3_bind_text(statement_.get(), parameter, text.data(),
+                                       static_cast<int>(text.size()), SQLITE_TRANSIENT);
+  if (result != SQLITE_OK) connection_.fail(result);
+  return *this;
+}
+
 bool Query::step() {
   const int result = sqlite3_step(statement_.get());
   if (result == SQLITE_ROW) return true;

@@ -51,6 +51,8 @@ class Query {
     ((void)bindAt(++parameter, static_cast<std::int64_t>(values)), ...);
     return *this;
   }
+  // A text for the parameter of that number, after the values.
+  Query& bindText(int parameter, std::string_view text);
   // Whether there is another row; after the last one the query is reset.
   bool step();
   void reset() { sqlite3_reset(statement_.get()); }
