@@ -46,9 +46,11 @@ struct NameLine {
 constexpr NameLine kNameLines[] = {{"ShortName differs. DB[", "] . Current["},
                                    {"Name in DB[", "] Name on Disk["}};
 
-// The identifier has no row, or of a file's several names this one has none.
+// The identifier has no row or names none, or of a file's several names this one has none.
 constexpr std::string_view kUnknown[] = {"has no corresponding entry in the FIDS DB",
                                          "has multiple or no entries [0] in the FIDS DB",
+                                         "has one/more[0] entries in the FILES DB",
+                                         "has multiple or no entries [0] in the FILES DB",
                                          "has multiple entries in the FILES DB[0] "};
 
 unsigned long long numberAt(std::string_view text) {
