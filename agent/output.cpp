@@ -27,11 +27,6 @@ constexpr std::size_t kFlushBytes = 256 * 1024;
 constexpr std::array kTypes = {"file", "folder", "symlink", "chardev", "blockdev",
                                "fifo", "socket", "other",   "stub"};
 
-const char* typeName(int type) {
-  const auto index = static_cast<std::size_t>(type);
-  return index < kTypes.size() ? kTypes[index] : "other";
-}
-
 std::string fidMember(const std::optional<fsf_fid>& fid) {
   char digits[49];
   return fid ? '"' + std::string(fid2hex(&*fid, digits)) + '"' : "null";
@@ -57,6 +52,11 @@ void Output::endPiece() {
 void Output::flush() {
   writeAll(buffer_.data(), buffer_.size());
   buffer_.clear();
+}
+
+const char* typeName(int type) {
+  const auto index = static_cast<std::size_t>(type);
+  return index < kTypes.size() ? kTypes[index] : "other";
 }
 
 std::string jsonMember(std::string_view name, std::string_view text) {

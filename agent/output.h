@@ -33,6 +33,9 @@ class Output {
   fmt::memory_buffer buffer_;
 };
 
+// The word for a FILE_TYPE.
+const char* typeName(int type);
+
 // A member of a JSON object: "<name>":"<text>", or "<name>_base64":"<digits>" when the text is not
 // UTF-8.
 std::string jsonMember(std::string_view name, std::string_view text);

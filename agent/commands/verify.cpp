@@ -23,7 +23,7 @@
 namespace kddc {
 namespace {
 
-enum class Values { kNone, kNumbers, kTexts, kDetail };
+enum class Values { kNone, kNumbers, kModes, kTypes, kTexts, kDetail };
 
 // How each kind is told; by its number.
 struct Words {
@@ -37,7 +37,10 @@ constexpr Words kWords[] = {
     {"identifier", "the catalogue has the identifier of another file", Values::kNone},
     {"folder", "folder", Values::kTexts},
     {"name", "name", Values::kTexts},
-    {"type", "type", Values::kTexts},
+    {"type", "type", Values::kTypes},
+    {"mode", "mode", Values::kModes},
+    {"uid", "uid", Values::kNumbers},
+    {"gid", "gid", Values::kNumbers},
     {"nlink", "nlink", Values::kNumbers},
     {"size", "size", Values::kNumbers},
     {"atime", "atime", Values::kNumbers},
@@ -48,6 +51,17 @@ constexpr Words kWords[] = {
 
 const Words& wordsOf(const Difference& difference) {
   return kWords[static_cast<std::size_t>(difference.kind)];
+}
+
+int numberOf(const std::string& text) {
+  return std::stoi(text);
+}
+
+// A value as people read it.
+std::string textOf(Values values, const std::string& value) {
+  if (values == Values::kModes) return fmt::format("{:o}", numberOf(value));
+  if (values == Values::kTypes) return typeName(numberOf(value));
+  return printable(value);
 }
 
 // "a/b", ".", "row 7 of FIDS"
@@ -62,10 +76,10 @@ std::string lineOf(const Suspect& suspect, const Difference& difference) {
   const Words& words = wordsOf(difference);
   const std::string line = nameOf(suspect) + ": " + words.line;
   if (words.values == Values::kNone) return line;
-  const std::string catalogue = printable(difference.catalogue);
-  if (words.values == Values::kDetail) return line + ": " + catalogue;
-  return fmt::format("{} is {} in the catalogue, {} on the disk", line, catalogue,
-                     printable(difference.disk));
+  if (words.values == Values::kDetail) return line + ": " + printable(difference.catalogue);
+  return fmt::format("{} is {} in the catalogue, {} on the disk", line,
+                     textOf(words.values, difference.catalogue),
+                     textOf(words.values, difference.disk));
 }
 
 std::string jsonNameOf(const Suspect& suspect) {
@@ -75,14 +89,19 @@ std::string jsonNameOf(const Suspect& suspect) {
   return fmt::format(R"("{}":{})", table, suspect.row);
 }
 
+std::string wordOf(Values values, const std::string& value) {
+  return values == Values::kTypes ? typeName(numberOf(value)) : value;
+}
+
 std::string jsonOf(const Suspect& suspect, const Difference& difference) {
   const auto& [json, line, values] = wordsOf(difference);
   const auto& [kind, catalogue, disk] = difference;
   std::string members = fmt::format(R"({},"differs":"{}")", jsonNameOf(suspect), json);
-  if (values == Values::kNumbers)
+  if (values == Values::kNumbers || values == Values::kModes)
     members += fmt::format(R"(,"catalogue":{},"disk":{})", catalogue, disk);
-  if (values == Values::kTexts)
-    members += "," + jsonMember("catalogue", catalogue) + "," + jsonMember("disk", disk);
+  if (values == Values::kTexts || values == Values::kTypes)
+    members += "," + jsonMember("catalogue", wordOf(values, catalogue)) + "," +
+               jsonMember("disk", wordOf(values, disk));
   if (values == Values::kDetail) members += "," + jsonMember("detail", catalogue);
   return "{" + members + "}";
 }

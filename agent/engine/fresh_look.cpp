@@ -12,6 +12,8 @@
 #include <utility>
 
 #include "agent/engine/catalogue_folder.h"
+#include "agent/errors.h"
+#include "catalogue/file_type.h"
 #include "platform/exceptions.h"
 
 namespace kddc {
@@ -47,11 +49,10 @@ constexpr NameLine kNameLines[] = {{"ShortName differs. DB[", "] . Current["},
                                    {"Name in DB[", "] Name on Disk["}};
 
 // The identifier has no row or names none, or of a file's several names this one has none.
-constexpr std::string_view kUnknown[] = {"has no corresponding entry in the FIDS DB",
-                                         "has multiple or no entries [0] in the FIDS DB",
-                                         "has one/more[0] entries in the FILES DB",
-                                         "has multiple or no entries [0] in the FILES DB",
-                                         "has multiple entries in the FILES DB[0] "};
+constexpr std::string_view kUnknown[] = {
+    "has no corresponding entry in the FIDS DB", "has multiple or no entries [0] in the FIDS DB",
+    "has one/more[0] entries in the FILES DB", "has multiple or no entries [0] in the FILES DB",
+    "has multiple entries in the FILES DB[0] "};
 
 unsigned long long numberAt(std::string_view text) {
   unsigned long long number = 0;
@@ -59,14 +60,62 @@ unsigned long long numberAt(std::string_view text) {
   return number;
 }
 
+bool has(const Differences& differences, Kind kind) {
+  return std::ranges::find(differences, kind, &Difference::kind) != differences.end();
+}
+
+// What a row tells of attributes, and what the disk does; both as 32 bits but for the size.
+struct Attribute {
+  Kind kind;
+  std::uint64_t (*onDisk)(const struct stat& st);
+};
+std::uint64_t low(std::uint64_t number) {
+  return number & 0xffffffff;
+}
+constexpr Attribute kAttributes[] = {
+    {Kind::kMode, [](const struct stat& st) { return low(st.st_mode); }},
+    {Kind::kOwner, [](const struct stat& st) { return low(st.st_uid); }},
+    {Kind::kGroup, [](const struct stat& st) { return low(st.st_gid); }},
+    {Kind::kLinks, [](const struct stat& st) { return low(st.st_nlink); }},
+    {Kind::kSize, [](const struct stat& st) { return static_cast<std::uint64_t>(st.st_size); }},
+    {Kind::kModified,
+     [](const struct stat& st) { return low(static_cast<std::uint64_t>(st.st_mtime)); }},
+    {Kind::kChanged,
+     [](const struct stat& st) { return low(static_cast<std::uint64_t>(st.st_ctime)); }},
+};
+constexpr char kAttributeColumns[] = "MODE,UID,GID,NLINK,SIZE,MTIME,CTIME,FILE_TYPE";
+
+std::vector<std::uint64_t> numbersFrom(const Query& query, int column) {
+  std::vector<std::uint64_t> numbers;
+  for (const Attribute& attribute : kAttributes) {
+    const auto number = static_cast<std::uint64_t>(query.integer(column++));
+    numbers.push_back(attribute.kind == Kind::kSize ? number : low(number));
+  }
+  numbers.push_back(static_cast<std::uint64_t>(query.integer(column)));
+  return numbers;
+}
+
+bool isSameType(std::uint64_t type, mode_t mode) {
+  return type == kStub ? S_ISREG(mode) : type == static_cast<std::uint64_t>(GetFileType(mode));
+}
+
+// Where the row and the disk differ, unless that is known.
+void addAttributes(const std::vector<std::uint64_t>& numbers, const struct stat& st,
+                   Differences& found) {
+  for (std::size_t i = 0; i < std::size(kAttributes); ++i) {
+    const std::uint64_t onDisk = kAttributes[i].onDisk(st);
+    if (numbers[i] != onDisk && !has(found, kAttributes[i].kind))
+      found.push_back({kAttributes[i].kind, fmt::to_string(numbers[i]), fmt::to_string(onDisk)});
+  }
+  if (!isSameType(numbers.back(), st.st_mode))
+    found.push_back({Kind::kType, fmt::to_string(numbers.back()),
+                     fmt::to_string(static_cast<int>(GetFileType(st.st_mode)))});
+}
+
 std::pair<std::string_view, std::string> splitPath(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   if (slash == std::string::npos) return {"", path};
   return {std::string_view(path).substr(0, slash), path.substr(slash + 1)};
-}
-
-bool has(const Differences& differences, Kind kind) {
-  return std::ranges::find(differences, kind, &Difference::kind) != differences.end();
 }
 
 bool isSame(const fsf_fid& a, const fsf_fid& b) {
@@ -108,14 +157,22 @@ FreshLook::FreshLook(CatalogueCopy& copy, const std::string& volume, bool much)
       files_(copy.folder() + kFilesDatabase),
       fids_(copy.folder() + kFidDatabase),
       paths_(files_),
-      namedRows_(files_, "SELECT INODE,FID_ROWID FROM FILES WHERE PINODE=?1 AND NAME=?2"),
+      namedRows_(files_, fmt::format("SELECT INODE,FID_ROWID,{} FROM FILES WHERE PINODE=?1 AND "
+                                     "NAME=?2",
+                                     kAttributeColumns)
+                             .c_str()),
       row_(files_, "SELECT PINODE,NAME,FID_ROWID FROM FILES WHERE INODE=?1"),
-      fidsRow_(fids_, "SELECT FILES_ROWID FROM FIDS WHERE FIDS_ROWID=?1") {}
+      fidsRow_(fids_, "SELECT FILES_ROWID FROM FIDS WHERE FIDS_ROWID=?1") {
+  // The rows as they came: the marks of what is looked at are not seen.
+  files_.run("BEGIN");
+  row_.bind(0).step();
+}
 
 std::vector<FreshLook::Row> FreshLook::rowsAt(std::int64_t folder, const std::string& name) {
   std::vector<Row> rows;
   namedRows_.bind(folder).bindText(2, name);
-  while (namedRows_.step()) rows.push_back({namedRows_.integer(0), namedRows_.integer(1)});
+  while (namedRows_.step())
+    rows.push_back({namedRows_.integer(0), namedRows_.integer(1), numbersFrom(namedRows_, 2)});
   return rows;
 }
 
@@ -141,6 +198,27 @@ std::optional<std::string> FreshLook::pathOf(std::int64_t inode) {
     return prefix ? std::optional(*prefix + name) : std::nullopt;
   } catch (const UDCException&) {  // no chain of folders
     return std::nullopt;
+  }
+}
+
+void FreshLook::eachOther(const std::function<void(const std::string& path)>& suspect,
+                          const std::function<bool()>& tick) {
+  Query all(files_, fmt::format("SELECT PINODE,NAME,{} FROM FILES", kAttributeColumns).c_str());
+  while (all.step()) {
+    if (!tick()) throw Failure("interrupted");
+    const std::int64_t folder = all.integer(0);
+    const std::string name(all.text(1));
+    try {
+      const std::string* prefix = folder == 0 ? nullptr : paths_.prefixOf(folder);
+      if (folder != 0 && !prefix) continue;
+      const std::string path = prefix ? *prefix + name : "";
+      struct stat st;
+      Differences found;
+      if (lstat((volume_ + "/" + path).c_str(), &st) == 0)
+        addAttributes(numbersFrom(all, 2), st, found);
+      if (!found.empty()) suspect(path);
+    } catch (const UDCException&) {  // no chain of folders; nothing on the disk will claim it
+    }
   }
 }
 
@@ -218,38 +296,40 @@ Differences FreshLook::compare(const std::string& path, const Sight& sight, std:
     else
       db_.VerifyFile(whole, parent, name.c_str(), sight.status());
   }
-  return judge(path, fid, rows, std::move(found));
+  return judge({path, fid, sight.status()}, rows, std::move(found));
 }
 
 // What the lines about the identifier's row mean, in view of the rows that bear the name.
-Differences FreshLook::judge(const std::string& path, const fsf_fid& fid,
-                             const std::vector<Row>& rows, Differences found) {
+Differences FreshLook::judge(const Seen& seen, const std::vector<Row>& rows, Differences found) {
   if (rows.empty()) {
     const bool isElsewhere = has(found, Kind::kFolder) || has(found, Kind::kName);
-    if (has(found, Kind::kIdentifier) || (isElsewhere && hasAnotherName(path, fid)))
+    if (has(found, Kind::kIdentifier) || (isElsewhere && hasAnotherName(seen)))
       return {{Kind::kOnlyOnDisk, "", ""}};
     return found;
   }
   if (rows.size() > 1)
     found.push_back({Kind::kRows, fmt::format("{} rows bear this name", rows.size()), ""});
-  const bool isNamed = std::ranges::any_of(rows, [&](const Row& row) {
+  const auto own = std::ranges::find_if(rows, [&](const Row& row) {
     fsf_fid named{};
     return db_.GetFidGivenFidsRowId(static_cast<unsigned long long>(row.fidRow), &named) &&
-           isSame(named, fid);
+           isSame(named, seen.fid);
   });
-  if (!isNamed && !has(found, Kind::kIdentifier)) found.push_back({Kind::kIdentifier, "", ""});
+  if (own != rows.end())
+    addAttributes(own->numbers, seen.st, found);
+  else if (!has(found, Kind::kIdentifier))
+    found.push_back({Kind::kIdentifier, "", ""});
   return found;
 }
 
 // Whether a row of the identifier rightly bears another name: the file has several.
-bool FreshLook::hasAnotherName(const std::string& path, const fsf_fid& fid) {
+bool FreshLook::hasAnotherName(const Seen& seen) {
   std::list<unsigned long long> inodes;
-  db_.GetFidTuple(&fid, &inodes, nullptr, nullptr, nullptr, nullptr, nullptr);
+  db_.GetFidTuple(&seen.fid, &inodes, nullptr, nullptr, nullptr, nullptr, nullptr);
   return std::ranges::any_of(inodes, [&](unsigned long long inode) {
     const auto other = pathOf(static_cast<std::int64_t>(inode));
-    if (!other || *other == path) return false;
+    if (!other || *other == seen.path) return false;
     try {
-      return isSame(FlrDriver().getFID(volume_ + "/" + *other, false), fid);
+      return isSame(FlrDriver().getFID(volume_ + "/" + *other, false), seen.fid);
     } catch (const KdException&) {  // not there
       return false;
     }
@@ -274,8 +354,9 @@ std::optional<Difference> FreshLook::understand(std::string_view line, const std
     line.remove_suffix(end.size());
     return Difference{Kind::kName, std::string(line), name};
   }
-  if (line.starts_with("FileType differs")) return Difference{Kind::kType, "folder", "no folder"};
-  if (line.starts_with("is a Folder, But")) return Difference{Kind::kType, "no folder", "folder"};
+  // The types are compared in full, elsewhere.
+  if (line.starts_with("FileType differs") || line.starts_with("is a Folder, But"))
+    return std::nullopt;
   if (std::ranges::find(kUnknown, line) != std::end(kUnknown))
     return Difference{Kind::kIdentifier, "", ""};
   return Difference{Kind::kRows, std::string(line), ""};

@@ -30,7 +30,10 @@ struct Difference {
     kIdentifier,  // the row under this name is another file's
     kFolder,      // the row lies in another folder
     kName,        // the row has another name
-    kType,
+    kType,        // both as FILES.FILE_TYPE
+    kMode,
+    kOwner,
+    kGroup,
     kLinks,
     kSize,
     kAccessed,
@@ -67,6 +70,10 @@ class FreshLook {
 
   // How the path differs from what was seen there just now; nothing when it agrees.
   Differences at(const std::string& path, const Sight& sight);
+  // Calls `suspect` with each path whose attributes seem to be others than those of its row. False
+  // of `tick` ends it as a Failure.
+  void eachOther(const std::function<void(const std::string& path)>& suspect,
+                 const std::function<bool()>& tick);
   // The path of a row of FILES: none when there is no such row, or when no chain of folders leads
   // from it up to the root.
   std::optional<std::string> pathOf(std::int64_t inode);
@@ -75,17 +82,24 @@ class FreshLook {
   Differences ofFidsRow(std::int64_t row);
 
  private:
+  // The row of one name; of its numbers, those that can be compared with the disk's.
   struct Row {
     std::int64_t inode, fidRow;
+    std::vector<std::uint64_t> numbers;
+  };
+  // What was found on the disk.
+  struct Seen {
+    const std::string& path;
+    const fsf_fid& fid;
+    const struct stat& st;
   };
   std::vector<Row> rowsAt(std::int64_t folder, const std::string& name);
   std::optional<std::int64_t> inodeOf(const std::string& folder);
   void forgetMarks(const fsf_fid& fid);
   Differences compare(const std::string& path, const Sight& sight, std::int64_t folder,
                       const std::string& name, const std::vector<Row>& rows);
-  Differences judge(const std::string& path, const fsf_fid& fid, const std::vector<Row>& rows,
-                    Differences found);
-  bool hasAnotherName(const std::string& path, const fsf_fid& fid);
+  Differences judge(const Seen& seen, const std::vector<Row>& rows, Differences found);
+  bool hasAnotherName(const Seen& seen);
   std::optional<Difference> understand(std::string_view line, const std::string& path,
                                        const std::string& name);
   Difference otherFolder(unsigned long long inode, const std::string& path);

@@ -31,11 +31,10 @@ Sight::Sight(const std::string& volume, const std::string& path,
     trace_.insert(trace_.end(), {static_cast<long long>(st_.st_ino), st_.st_mode});
     isPresent_ = S_ISDIR(st_.st_mode) && step(whole.substr(0, end), leftOut);
     if (!isPresent_) st_ = folder;
-    // A folder's own times tell of what is in it, not of its name.
-    if (!isPresent_ || (end == whole.size() && S_ISDIR(st_.st_mode))) {
-      note(folder.st_mtim);
-      note(folder.st_ctim);
-    }
+    if (isPresent_) continue;
+    // Whatever comes to stand here will tell by its folder's times.
+    note(folder.st_mtim);
+    note(folder.st_ctim);
   }
   if (isPresent_) noteTarget();
 }
@@ -49,9 +48,8 @@ bool Sight::step(const std::string& path, const std::vector<FileKey>& leftOut) {
 }
 
 void Sight::noteTarget() {
-  trace_.insert(trace_.end(), {1, static_cast<long long>(st_.st_ino), st_.st_mode});
-  if (S_ISDIR(st_.st_mode)) return;
-  trace_.insert(trace_.end(), {static_cast<long long>(st_.st_nlink), st_.st_size});
+  trace_.insert(trace_.end(), {1, static_cast<long long>(st_.st_ino), st_.st_mode,
+                               static_cast<long long>(st_.st_nlink), st_.st_size});
   note(st_.st_mtim);
   note(st_.st_ctim);
 }

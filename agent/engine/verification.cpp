@@ -250,7 +250,13 @@ VerificationResult verifyVolume(const VerificationPlan& plan) {
     });
     rows = count(copy.rows(), "SELECT COUNT(*) FROM FILES");
     db = &copy.rows();
-    suspects = FirstLook(plan, copy).run();
+    FreshLook(copy, plan.volume, false)
+        .eachOther(
+            [&](const std::string& path) {
+              suspects.insert({Kind::kPath, path});
+            },
+            [&] { return plan.proceed(0); });
+    suspects.merge(FirstLook(plan, copy).run());
     addUnclaimed(copy, plan.volume, suspects);
     result.compared = count(copy.rows(), "SELECT COUNT(*) FROM FILES WHERE GID=1");
   }

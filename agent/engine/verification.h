@@ -3,8 +3,11 @@
 //
 // Where a catalogue and its volume differ, while both may change.
 //
-//   copy ─► DCSqliteDB::Verify ─► suspects: paths and rows
+//   copy ─► DCSqliteDB::Verify, and the attributes ─► suspects: paths and rows
 //   look at the disk ─► flush ─► copy ─► the suspects again ─► look at the disk       up to 8 times
+//
+// Verify looks at size, link count and times of files only; owners, modes, types, and all of
+// folders are compared here, row by row.
 //
 // A suspect that agrees is none. One that still differs does so in truth only if nothing happened
 // to it between the two looks at the disk; where the catalogue is kept current it must be seen to
