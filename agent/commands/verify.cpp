@@ -19,6 +19,7 @@
 #include "agent/logging.h"
 #include "agent/output.h"
 #include "agent/progress.h"
+#include "platform/exceptions.h"
 
 namespace kddc {
 namespace {
@@ -126,13 +127,19 @@ void print(const VerificationResult& result, double seconds, bool json) {
   output.flush();
 }
 
-VerificationResult verify(const VerificationPlan& plan) {
-  const std::string cannot = "cannot verify " + plan.volume;
+// What a file is, is told by identifiers that not every file system gives.
+void requireIdentifiers(const std::string& path) {
   try {
-    return during(cannot, [&] {
-      FlrDriver().getFID(plan.volume, false);  // whether there are identifiers to compare
-      return verifyVolume(plan);
-    });
+    FlrDriver().getFID(path, false);
+  } catch (const KdException& e) {
+    throw Failure(
+        fmt::format("cannot verify {}: {}; kddc rescan works there", path, e.getMessage()));
+  }
+}
+
+VerificationResult verify(const VerificationPlan& plan) {
+  try {
+    return during("cannot verify " + plan.volume, [&] { return verifyVolume(plan); });
   } catch (const Failure&) {
     // A signal ends the work in whatever it was doing then.
     if (interrupted()) throw Failure("the verification of " + plan.volume + " was interrupted");
@@ -149,6 +156,7 @@ int runVerify(const Options& options, const std::string& volume, bool json) {
   flushWatched(options, path);
   // Says what is wrong with a catalogue that cannot answer.
   CatalogueReader(folder, path, CatalogueReader::Columns::kPath);
+  requireIdentifiers(path);
   noteInterrupts();
   Progress progress(!options.quiet && options.verbosity == 0);
   const VerificationResult result = verify({.volume = path,
