@@ -107,6 +107,11 @@ void OpenCopy::setTick(std::function<bool()> tick) {
     sqlite3_progress_handler(db->handle, kStepsBetweenTicks, call, &tick_);
 }
 
+void OpenCopy::makeIndexOfNames() {
+  filesDb->exec_query("CREATE INDEX IF NOT EXISTS IN_NAME ON FILES(PINODE,NAME)");
+  filesDb->Commit();
+}
+
 std::uint64_t OpenCopy::changes() const {
   return static_cast<std::uint64_t>(sqlite3_total_changes64(filesDb->handle));
 }

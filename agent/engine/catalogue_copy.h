@@ -32,6 +32,8 @@ class OpenCopy : public DCSqliteDB {
   UDC_DBMS& fids() { return *fidDb; }
   // How many rows of FILES were changed so far, one that was changed twice counting twice.
   std::uint64_t changes() const;
+  // For who asks for many names. Commits.
+  void makeIndexOfNames();
   // `tick` is called again and again during SQLite's work; false ends the work with a failure of
   // SQLite's code 9 (interrupted).
   void setTick(std::function<bool()> tick);

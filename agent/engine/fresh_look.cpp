@@ -126,11 +126,6 @@ std::string dotForRoot(const std::string& path) {
   return path.empty() ? "." : path;
 }
 
-void makeIndexOfNames(OpenCopy& db) {
-  db.files().exec_query("CREATE INDEX IF NOT EXISTS IN_NAME ON FILES(PINODE,NAME)");
-  db.files().Commit();
-}
-
 }  // namespace
 
 ComparisonLog::ComparisonLog(Call line, std::function<void()> disturbed)
@@ -151,8 +146,8 @@ ComparisonLog::~ComparisonLog() {
   dbg.SetSink(std::move(before_));
 }
 
-FreshLook::FreshLook(CatalogueCopy& copy, const std::string& volume, bool much)
-    : db_((much ? makeIndexOfNames(copy.rows()) : void(), copy.rows())),
+FreshLook::FreshLook(CatalogueCopy& copy, const std::string& volume)
+    : db_(copy.rows()),
       volume_(volume),
       files_(copy.folder() + kFilesDatabase),
       fids_(copy.folder() + kFidDatabase),
@@ -230,8 +225,11 @@ Differences FreshLook::ofFilesRow(std::int64_t inode) {
   if (folder == 0 && name == volume_) return {};
   try {
     // Rows that wait for a name are none, and have no path either.
-    if (folder != 0) return paths_.prefixOf(folder), Differences{};
-  } catch (const UDCException&) {
+    if (folder != 0) {
+      paths_.prefixOf(folder);
+      return {};
+    }
+  } catch (const UDCException&) {  // no chain of folders
   }
   return {{Kind::kRows, fmt::format("'{}' has no way up to the volume's root", name), ""}};
 }

@@ -65,8 +65,8 @@ class ComparisonLog {
 
 class FreshLook {
  public:
-  // `volume` is the real path. Makes an index of names in the copy when there is `much` to look at.
-  FreshLook(CatalogueCopy& copy, const std::string& volume, bool much);
+  // `volume` is the real path. What was committed to the copy until now is looked at.
+  FreshLook(CatalogueCopy& copy, const std::string& volume);
 
   // How the path differs from what was seen there just now; nothing when it agrees.
   Differences at(const std::string& path, const Sight& sight);

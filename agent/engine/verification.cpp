@@ -131,7 +131,7 @@ void FirstLook::meet(const std::string& path, const char* name, unsigned long lo
 // The rows that nothing on the disk claimed.
 void addUnclaimed(CatalogueCopy& copy, const std::string& volume, Suspects& suspects) {
   copy.rows().Commit();  // the marks are read by another connection
-  FreshLook look(copy, volume, false);
+  FreshLook look(copy, volume);
   const auto add = [&](std::int64_t inode, Suspect otherwise) {
     if (auto path = look.pathOf(inode))
       suspects.insert({Kind::kPath, *std::move(path)});
@@ -189,7 +189,8 @@ void Settling::lookAgain(const std::function<bool()>& tick) {
     if (open.suspect.kind == Kind::kPath) open.before = see(open.suspect);
   const bool isKept = plan_.flush();
   CatalogueCopy copy(plan_.catalogue, plan_.copies, tick);
-  FreshLook look(copy, plan_.volume, open_.size() > kMuch);
+  if (open_.size() > kMuch) copy.rows().makeIndexOfNames();
+  FreshLook look(copy, plan_.volume);
   std::erase_if(open_, [&](Open& open) {
     if (!tick()) throw Failure("interrupted");
     const Verdict verdict = judge(look, open, isKept);
@@ -250,7 +251,7 @@ VerificationResult verifyVolume(const VerificationPlan& plan) {
     });
     rows = count(copy.rows(), "SELECT COUNT(*) FROM FILES");
     db = &copy.rows();
-    FreshLook(copy, plan.volume, false)
+    FreshLook(copy, plan.volume)
         .eachOther(
             [&](const std::string& path) {
               suspects.insert({Kind::kPath, path});
