@@ -172,7 +172,9 @@ int runVerify(const Options& options, const std::string& volume, bool json) {
   const double seconds = progress.elapsed().count();
   progress.end();
   if (result.unsettled > 0)
-    complain(fmt::format("{} entries kept changing and could not be compared", result.unsettled));
+    complain(fmt::format(
+        "{} entries could not be compared: they kept changing, or no path leads to them",
+        result.unsettled));
   try {
     print(result, seconds, json);
   } catch (const ReaderGone&) {

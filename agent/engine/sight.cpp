@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <tuple>
 
 namespace kddc {
@@ -18,6 +19,10 @@ bool isMountRoot(const std::string& path) {
 }
 
 }  // namespace
+
+bool leadsNowhere(int error) {
+  return error == ENOENT || error == ENOTDIR || error == ESTALE || error == ELOOP;
+}
 
 Sight::Sight(const std::string& volume, const std::string& path,
              const std::vector<FileKey>& leftOut) {
@@ -41,7 +46,11 @@ Sight::Sight(const std::string& volume, const std::string& path,
 
 bool Sight::step(const std::string& path, const std::vector<FileKey>& leftOut) {
   struct stat next;
-  if (lstat(path.c_str(), &next) != 0 || next.st_dev != device_ || isMountRoot(path)) return false;
+  if (lstat(path.c_str(), &next) != 0) {
+    isKnown_ = leadsNowhere(errno);
+    return false;
+  }
+  if (next.st_dev != device_ || isMountRoot(path)) return false;
   if (std::ranges::find(leftOut, FileKey{next.st_dev, next.st_ino}) != leftOut.end()) return false;
   st_ = next;
   return true;

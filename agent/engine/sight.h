@@ -7,7 +7,7 @@
 // A name that comes, goes or changes hands gives its folder new times, taken from the kernel's
 // coarse clock; so a folder that was touched within the present tick proves nothing yet.
 //
-// Threads: any. Failures: none; what cannot be seen is absent.
+// Threads: any. Failures: none; see isKnown.
 #pragma once
 
 #include <sys/stat.h>
@@ -19,12 +19,17 @@
 
 namespace kddc {
 
+// Whether an errno says that a path leads nowhere (any more).
+bool leadsNowhere(int error);
+
 class Sight {
  public:
   // Of `path`, relative to the volume and "" for its root. What is mounted below the root, and the
   // folders in `leftOut` with all below them, do not belong to the volume: they count as absent.
   Sight(const std::string& volume, const std::string& path, const std::vector<FileKey>& leftOut);
 
+  // Whether it could be told what is there: not where a path is too long or may not be followed.
+  bool isKnown() const { return isKnown_; }
   bool isPresent() const { return isPresent_; }
   // Of what is present.
   const struct stat& status() const { return st_; }
@@ -36,6 +41,7 @@ class Sight {
   void noteTarget();
   void note(const struct timespec& time);
 
+  bool isKnown_ = true;
   bool isPresent_ = false;
   bool isQuiet_ = true;
   struct stat st_ {};

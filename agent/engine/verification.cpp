@@ -22,17 +22,14 @@
 namespace kddc {
 namespace {
 
-constexpr int kMostRounds = 8;
+// Where nobody keeps the catalogue, only an entry that vanished under our hands needs another one.
+constexpr int kMostRounds = 8, kMostRoundsUnkept = 2;
 // From how many suspects on an index of names is worth making.
 constexpr std::size_t kMuch = 1000;
 constexpr int kPlatformType = 5;  // of an exception: not the catalogue's fault
 
 using Suspects = std::set<Suspect>;
 using Kind = Suspect::Kind;
-
-bool meansVanished(int error) {
-  return error == ENOENT || error == ENOTDIR || error == ESTALE || error == ELOOP;
-}
 
 // The whole comparison, and what it finds to be looked at again.
 class FirstLook {
@@ -99,7 +96,7 @@ void FirstLook::walk() {
 void FirstLook::lookInto(const Folder& folder) {
   const std::string path = whole(folder.path);
   const std::unique_ptr<DIR, Close> names(opendir(path.c_str()));
-  if (!names && meansVanished(errno)) {
+  if (!names && (leadsNowhere(errno) || errno == ENAMETOOLONG)) {
     suspects_.insert({Kind::kPath, folder.path});
     return;
   }
@@ -157,7 +154,9 @@ class Settling {
   }
 
   void run(VerificationResult& result, const std::function<bool()>& tick) {
-    for (int round = 0; round < kMostRounds && !open_.empty(); ++round) lookAgain(tick);
+    int most = kMostRounds;
+    for (int round = 0; round < most && !open_.empty(); ++round)
+      most = lookAgain(tick) ? kMostRounds : kMostRoundsUnkept;
     result.unsettled = open_.size();
     result.differing = std::move(differing_);
     std::ranges::sort(result.differing, {}, &Differing::suspect);
@@ -175,7 +174,8 @@ class Settling {
   Sight see(const Suspect& suspect) const {
     return Sight(plan_.volume, suspect.path, plan_.leftOut);
   }
-  void lookAgain(const std::function<bool()>& tick);
+  // Whether the catalogue is kept current.
+  bool lookAgain(const std::function<bool()>& tick);
   Verdict judge(FreshLook& look, Open& open, bool isKept) const;
   Differences differencesOf(FreshLook& look, const Suspect& suspect, const Sight& now) const;
 
@@ -184,7 +184,7 @@ class Settling {
   std::vector<Differing> differing_;
 };
 
-void Settling::lookAgain(const std::function<bool()>& tick) {
+bool Settling::lookAgain(const std::function<bool()>& tick) {
   for (Open& open : open_)
     if (open.suspect.kind == Kind::kPath) open.before = see(open.suspect);
   const bool isKept = plan_.flush();
@@ -198,10 +198,12 @@ void Settling::lookAgain(const std::function<bool()>& tick) {
       differing_.push_back({open.suspect, std::move(open.differences)});
     return verdict != Verdict::kOpen;
   });
+  return isKept;
 }
 
 Settling::Verdict Settling::judge(FreshLook& look, Open& open, bool isKept) const {
   const Sight now = see(open.suspect);
+  if (!now.isKnown()) return Verdict::kOpen;
   try {
     open.differences = differencesOf(look, open.suspect, now);
   } catch (const KdException&) {

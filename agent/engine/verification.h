@@ -57,7 +57,7 @@ struct Differing {
 struct VerificationResult {
   std::uint64_t compared = 0;        // entries that were found in both
   std::vector<Differing> differing;  // by path
-  std::uint64_t unsettled = 0;       // suspects that kept changing
+  std::uint64_t unsettled = 0;       // suspects that kept changing, or have no usable path
 };
 
 VerificationResult verifyVolume(const VerificationPlan& plan);

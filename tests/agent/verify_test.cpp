@@ -3,6 +3,7 @@
 //
 // kddc verify as users meet it: each kind of difference, on volumes that nobody watches and on
 // those that change under its hands.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "agent/catalogue_place.h"
+#include "platform/unique_fd.h"
 #include "tests/support/database_view.h"
 #include "tests/support/watch_fixture.h"
 
@@ -202,6 +204,22 @@ TEST_F(Verify, WhatIsMountedBelowAndKddcsOwnFilesAreNotExpected) {
   EXPECT_THAT(outcome.out, HasSubstr("mounted: only in the catalogue\n"));
   EXPECT_THAT(outcome.out, testing::Not(HasSubstr("only on the disk"))) << outcome;
   EXPECT_EQ(::umount((*this / "mounted").c_str()), 0);
+}
+
+TEST_F(Verify, WhatNoPathReachesIsCountedAndNotTakenForGone) {
+  const std::string name(250, 'n');
+  UniqueFd folder(::open(volume.c_str(), O_RDONLY | O_DIRECTORY));
+  for (int depth = 0; depth < 20; ++depth) {
+    ASSERT_EQ(::mkdirat(folder.get(), name.c_str(), 0700), 0);
+    folder.reset(::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY));
+  }
+  folder.reset();
+  ASSERT_EQ(run({"scan", "-q", volume}).exitCode, 0);
+  const Outcome outcome = run({"verify", volume});
+  EXPECT_EQ(outcome.exitCode, 0) << outcome;
+  EXPECT_THAT(outcome.out, StartsWith("0 differ; compared "));
+  EXPECT_THAT(outcome.err, testing::MatchesRegex("kddc: [0-9]+ entries could not be compared: they "
+                                                 "kept changing, or no path leads to them\n"));
 }
 
 TEST_F(Verify, TheCatalogueStaysAsItIsToTheLastByte) {
