@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -327,26 +328,48 @@ TEST_P(LiveDiskAnywhere, OneFolderStaysOpenUntilItIsForgotten) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
+// As long as it lives, no descriptor is left.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &saved_), 0);
+    // Descriptors are numbered from the lowest that is free.
+    const rlimit none{static_cast<rlim_t>(UniqueFd(dup(0)).get()), saved_.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  }
+  ~NoDescriptors() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &saved_), 0); }
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+  rlimit saved_{};
+};
+
 TEST_P(LiveDiskAnywhere, WithoutDescriptorsLeftNothingIsTakenForAbsent) {
   const fsf_fid f = fidAt(write("f"));
   const fsf_fid top = root();
   LiveDisk disk = this->disk();
-  rlimit saved{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-  // Descriptors are numbered from the lowest that is free.
-  const rlimit none{static_cast<rlim_t>(UniqueFd(dup(0)).get()), saved.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  std::optional<NoDescriptors> none(std::in_place);
   const Look byName = disk.lookUp(top, "f"), byFid = disk.lookAt(f);
-  const auto listing = disk.list(top);
   const Whereabouts where = disk.whereabouts(f);
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
-  std::vector<std::string> names;
-  const int listed = listing->read(names);  // a sanitizer needs descriptors for a virtual call
+  none.reset();
   EXPECT_EQ(byName.sight, Sight::kUnknown);
   EXPECT_EQ(byName.error, EMFILE);
   EXPECT_EQ(byFid.sight, Sight::kUnknown);
-  EXPECT_EQ(listed, -EMFILE);
   EXPECT_EQ(where, Whereabouts::kUnknown);
+}
+
+TEST_P(LiveDiskAnywhere, WithoutDescriptorsLeftAFolderIsNotTakenForEmpty) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer needs descriptors to look at an object with virtual functions";
+#endif
+  const fsf_fid top = root();
+  LiveDisk disk = this->disk();
+  std::optional<NoDescriptors> none(std::in_place);
+  const auto listing = disk.list(top);
+  none.reset();
+  std::vector<std::string> names;
+  EXPECT_EQ(listing->read(names), -EMFILE);
 }
 
 TEST_P(LiveDiskAnywhere, VolumesMustLieOnOneFileSystem) {
