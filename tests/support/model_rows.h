@@ -4,22 +4,26 @@
 // Rows of a catalogue as plain values, and as the text in which SQLite prints them.
 #pragma once
 
-#include <cstdio>
 #include <limits>
 #include <string>
 #include <variant>
 
 #include "platform/file_id.h"
+#include "tests/support/database_view.h"
 
 namespace kddc::test {
 
 // An integer column that SQL text writes to: from 2^63 on SQLite takes it for a floating-point
-// number.
-using Number = std::variant<long long, double>;
+// number, and does not read its last digits.
+struct FloatingPoint {
+  std::string text;
+};
+using Number = std::variant<long long, FloatingPoint>;
 
 inline Number literal(unsigned long long value) {
-  if (value > std::numeric_limits<long long>::max()) return static_cast<double>(value);
-  return static_cast<long long>(value);
+  if (value <= std::numeric_limits<long long>::max()) return static_cast<long long>(value);
+  static DatabaseView sqlite(":memory:");
+  return FloatingPoint{sqlite.cell("SELECT " + std::to_string(value))};
 }
 
 // A floating-point number here is always too great for an integer: SQLite reads the greatest one.
@@ -49,10 +53,8 @@ inline std::string cellText(const std::string& value) {
   return value;
 }
 inline std::string cellText(const Number& value) {
-  if (const auto* integer = std::get_if<long long>(&value)) return std::to_string(*integer);
-  char text[32];
-  std::snprintf(text, sizeof text, "%.15g", std::get<double>(value));
-  return text;
+  const auto* integer = std::get_if<long long>(&value);
+  return integer ? std::to_string(*integer) : std::get<FloatingPoint>(value).text;
 }
 
 template <class... Cells>
