@@ -14,7 +14,7 @@
 #include "platform/udc_dbms.h"
 
 // True when the database at `path` passes SQLite's integrity check, at once or after a vacuum,
-// which builds its indexes and free pages anew. Waits up to 120 seconds for a lock. Never throws:
+// which writes its pages anew. Waits up to 120 seconds for a lock. Never throws:
 // whatever fails is logged and counts as false.
 KDDC_API bool VerifyDBIntegrity(const char* path);
 

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "agent/engine/catalogue_folder.h"
+#include "agent/engine/catalogue_header.h"
 #include "agent/engine/folder_paths.h"
 #include "agent/engine/sqlite_query.h"
 #include "agent/errors.h"
@@ -25,7 +26,6 @@
 namespace kddc {
 namespace {
 
-constexpr char kVersion[] = "10.1";
 // How often a reader begins anew because the catalogue is replaced under its hands.
 constexpr int kAttempts = 20;
 
@@ -35,27 +35,6 @@ constexpr char kPathColumns[] = "SELECT INODE,PINODE,NAME FROM FILES";
 constexpr char kAllColumns[] =
     "SELECT INODE,PINODE,NAME,FILE_TYPE,MODE,UID,GID,NLINK,SIZE,BLOCKSUSED,ATIME,MTIME,CTIME,TIME,"
     "FID_ROWID FROM FILES";
-
-// What the one row of the table TIME and the root row say.
-struct Header {
-  bool fullScan = false, graceful = false;
-  std::time_t scanned = 0;
-  std::string version, volume;
-};
-
-Header readHeader(const ReadConnection& files) {
-  Header header;
-  Query time(files, "SELECT FULL_SCAN,GRACEFUL_SHUTDOWN,DB_CREATION_TIME,VERSION FROM TIME");
-  if (time.step()) {
-    header.fullScan = time.integer(0) == 1;
-    header.graceful = time.integer(1) == 1;
-    header.scanned = static_cast<std::time_t>(time.word(2));
-    header.version = time.text(3);
-  }
-  Query root(files, "SELECT NAME FROM FILES WHERE PINODE=0 LIMIT 1");
-  if (root.step()) header.volume = root.text(0);
-  return header;
-}
 
 }  // namespace
 
@@ -91,7 +70,7 @@ class CatalogueReader::View {
   std::string folder_;
   std::string volumePath_;
   Columns columns_;
-  Header header_;
+  CatalogueHeader header_;
   std::optional<ReadConnection> files_, fids_;
   std::optional<Query> fid_;
 };
@@ -137,9 +116,9 @@ void CatalogueReader::View::openDatabases() {
 }
 
 void CatalogueReader::View::requireUsable() {
-  if (header_.version != kVersion)
+  if (header_.version != kCatalogueVersion)
     refuse(fmt::format("the catalogue in {} is of version '{}', not {}", folder_, header_.version,
-                       kVersion));
+                       kCatalogueVersion));
   if (!header_.fullScan) refuse(fmt::format("the first scan of {} has not finished", volumePath_));
   if (header_.volume != volumePath_)
     throw Failure(fmt::format("{} holds the catalogue of {}, not of {}", folder_, header_.volume,
@@ -158,7 +137,7 @@ void CatalogueReader::View::read(const std::optional<long long>& since, const Ro
     while (query.step()) {
       const std::int64_t parent = query.integer(1);
       if (parent == 0) {
-        path = ".";
+        path.assign(1, '.');
       } else {
         const std::string* prefix = folders.prefixOf(parent);
         if (!prefix) continue;
