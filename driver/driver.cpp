@@ -30,13 +30,15 @@ constexpr std::size_t kNamesAtOnce = 256;
 // A short nap apart: who made the change may have to wait for a processor.
 constexpr int kResolveTimes = 50;
 
+UniqueFd openRoot(const std::string& path) {
+  UniqueFd root(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!root) throw std::system_error(errno, std::generic_category(), "cannot open " + path);
+  return root;
+}
+
 std::vector<UniqueFd> openRoots(const std::vector<std::string>& paths) {
   std::vector<UniqueFd> roots;
-  for (const std::string& path : paths) {
-    roots.emplace_back(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!roots.back())
-      throw std::system_error(errno, std::generic_category(), "cannot open " + path);
-  }
+  for (const std::string& path : paths) roots.push_back(openRoot(path));
   return roots;
 }
 
@@ -103,6 +105,16 @@ std::uint64_t Driver::barrier(Reached reached) {
 }
 std::uint64_t Driver::endCapture(Reached reached) {
   return ask({Kind::kEndCapture, {}, {}, std::move(reached)});
+}
+
+std::uint64_t Driver::addRoot(const std::string& path, std::vector<fsf_fid> leaveOut) {
+  Request request{Kind::kAddRoot, {}, path, {}};
+  request.opened = openRoot(path);
+  request.leaveOut = std::move(leaveOut);
+  return ask(std::move(request));
+}
+std::uint64_t Driver::dropRoot(const fsf_fid& root) {
+  return ask({Kind::kDropRoot, root, {}, {}});
 }
 
 std::uint64_t Driver::ask(Request request) {
@@ -252,8 +264,27 @@ bool Driver::serve(Request& request) {
       readQueued();
       request.reached(noop());
       return true;
+    case Kind::kAddRoot:
+      follow(request);
+      return true;
+    case Kind::kDropRoot:
+      disk_.dropRoot(request.fid);
+      return true;
   }
   return true;
+}
+
+// Whatever happened in it before was told of as outside.
+void Driver::follow(Request& request) {
+  for (const fsf_fid& folder : request.leaveOut) {
+    disk_.leaveOut(folder);
+    translator_.leaveOut(folder);
+  }
+  try {
+    disk_.addRoot(std::move(request.opened));
+  } catch (const std::exception& e) {
+    sinks_.doubt("cannot follow " + request.name + ": " + e.what());
+  }
 }
 
 bool Driver::listSome(const fsf_fid& folder) {

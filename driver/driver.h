@@ -114,6 +114,12 @@ class Driver {
   // Requests are served after it as before.
   std::uint64_t endCapture(Reached reached);
 
+  // Follows one more folder on the file system, and leaves out these. Throws std::system_error
+  // when it cannot be opened.
+  std::uint64_t addRoot(const std::string& path, std::vector<fsf_fid> leaveOut);
+  // Follows a folder no longer, unless it is the last.
+  std::uint64_t dropRoot(const fsf_fid& root);
+
   Served finished() const;
   DriverCounts counts() const;
   // The number of the next record: where the next driver of this volume begins.
@@ -123,7 +129,7 @@ class Driver {
 
  private:
   using Clock = std::chrono::steady_clock;
-  enum class Kind { kList, kLook, kLookAt, kResolve, kBarrier, kEndCapture };
+  enum class Kind { kList, kLook, kLookAt, kResolve, kBarrier, kEndCapture, kAddRoot, kDropRoot };
   struct Request {
     Kind kind = Kind::kList;
     fsf_fid fid{};
@@ -131,6 +137,8 @@ class Driver {
     Reached reached;
     std::optional<fsf_fid> root = {};
     std::uint64_t number = 0;
+    UniqueFd opened = {};
+    std::vector<fsf_fid> leaveOut = {};
   };
   // A resolve() that is to be asked again.
   struct Unresolved {
@@ -157,6 +165,7 @@ class Driver {
   void serveSome();
   bool serve(Request& request);
   bool listSome(const fsf_fid& folder);
+  void follow(Request& request);
   void resolveAgain();
   void publish();
   void sayIdle();

@@ -101,14 +101,24 @@ class OpenListing : public Listing {
 
 LiveDisk::LiveDisk(LiveDiskOptions options)
     : leaveOut_(std::move(options.leaveOut)), stubAttribute_(std::move(options.stubAttribute)) {
-  for (const UniqueFd& root : options.roots) {
-    const Identity identity = identityOrThrow(root.get());
-    if (!roots_.empty() && identity.st.st_dev != device_)
-      throw std::invalid_argument("the volumes lie on several file systems");
-    roots_.push_back(identity.fid);
-    device_ = identity.st.st_dev;
-  }
-  mounts_ = std::move(options.roots);
+  for (UniqueFd& root : options.roots) addRoot(std::move(root));
+}
+
+void LiveDisk::addRoot(UniqueFd root) {
+  const Identity identity = identityOrThrow(root.get());
+  if (!roots_.empty() && identity.st.st_dev != device_)
+    throw std::invalid_argument("the volumes lie on several file systems");
+  device_ = identity.st.st_dev;
+  roots_.push_back(identity.fid);
+  mounts_.push_back(std::move(root));
+}
+
+void LiveDisk::dropRoot(const fsf_fid& root) {
+  const auto at = std::ranges::find(roots_, root);
+  if (at == roots_.end() || roots_.size() == 1) return;
+  mounts_.erase(mounts_.begin() + (at - roots_.begin()));
+  roots_.erase(at);
+  forget();
 }
 
 Look LiveDisk::lookUp(const fsf_fid& folder, const std::string& name) {

@@ -40,6 +40,12 @@ class LiveDisk : public Disk {
   Whereabouts whereabouts(const fsf_fid& fid, const fsf_fid* root) override;
   void forget() override { folder_ = {}; }
 
+  // Another volume on the file system, and folders that are no part of it; as in LiveDiskOptions.
+  void addRoot(UniqueFd root);
+  void leaveOut(const fsf_fid& folder) { leaveOut_.push_back(folder); }
+  // Lets go of a volume. One must stay.
+  void dropRoot(const fsf_fid& root);
+
   // st_dev of the file system's files.
   dev_t device() const { return device_; }
 

@@ -102,6 +102,9 @@ class Translator {
   // A record that says nothing.
   void noop();
 
+  // From now on this folder's events are dropped, too.
+  void leaveOut(const fsf_fid& folder) { options_.leaveOut.push_back(folder); }
+
  private:
   using Name = std::pair<fsf_fid, std::string>;
   struct Said;  // what was looked at and said in the batch under way

@@ -292,6 +292,35 @@ TEST_P(DriverTest, ResolvesWhatIsGoneOutsideOrInside) {
   EXPECT_THAT(taken(), ElementsAre("NOOP"));
 }
 
+TEST_P(DriverTest, FollowsAnotherFolderAndLetsGoOfOne) {
+  fs::create_directory(path("one"));
+  fs::create_directory(path("two"));
+  fs::create_directory(path("two/own"));
+  write("one/a");
+  write("two/b");
+  const fsf_fid a = fidAt(path("one/a")), b = fidAt(path("two/b"));
+  options.roots = {path("one")};
+  make();
+  start();
+  driver->resolve(b);
+  barrier();
+  EXPECT_THAT(taken(), ElementsAre("REMOVE  0 x1", "NOOP"));  // outside
+
+  driver->addRoot(path("two"), {fidAt(path("two/own"))});
+  barrier();
+  taken();
+  write("two/own/ours");
+  driver->dropRoot(fidAt(path("one")));
+  driver->dropRoot(fidAt(path("two")));  // the last one stays
+  driver->resolve(a);
+  barrier();
+  EXPECT_THAT(taken(), ElementsAre("REMOVE  0 x1", "NOOP"));
+  driver->look(fidAt(path("")), "two");
+  driver->look(fidAt(path("two")), "own");
+  barrier();
+  EXPECT_THAT(taken(), ElementsAre("MKDIR two", "SETATTR", "REMOVE own 0 x0", "NOOP"));
+}
+
 TEST_P(DriverTest, ResolveSaysFirstWhatIsQueued) {
   write("a");
   const fsf_fid a = fidAt(path("a"));
