@@ -69,10 +69,23 @@ void waitAMoment(const UniqueFd& event, const UniqueFd& orEvent) {
 ControlServer::ControlServer(std::vector<ControlPlace> places, Handler handler,
                              ControlLimits limits)
     : handler_(std::move(handler)), limits_(limits), stop_(newEvent()), ended_(newEvent()) {
-  for (ControlPlace& place : places)
-    places_.push_back({std::move(place.volume), ListeningSocket(place.socket)});
+  for (const ControlPlace& place : places) add(place);
   const SignalsBlocked blocked;
   accepting_ = std::thread([this] { acceptClients(); });
+}
+
+void ControlServer::add(const ControlPlace& place) {
+  ListeningSocket socket(place.socket);
+  const std::lock_guard lock(placing_);
+  places_.push_back({place.volume, std::move(socket)});
+  raise(ended_);
+}
+
+std::vector<const ControlServer::Place*> ControlServer::allPlaces() {
+  const std::lock_guard lock(placing_);
+  std::vector<const Place*> all;
+  for (const Place& place : places_) all.push_back(&place);
+  return all;
 }
 
 ControlServer::~ControlServer() {
@@ -83,16 +96,17 @@ ControlServer::~ControlServer() {
 }
 
 void ControlServer::acceptClients() {
-  std::vector<pollfd> polled;
-  for (const Place& place : places_) polled.push_back({place.socket.fd(), POLLIN, 0});
-  polled.push_back({ended_.get(), POLLIN, 0});
-  polled.push_back({stop_.get(), POLLIN, 0});
   for (;;) {
+    const std::vector<const Place*> places = allPlaces();
+    std::vector<pollfd> polled;
+    for (const Place* place : places) polled.push_back({place->socket.fd(), POLLIN, 0});
+    polled.push_back({ended_.get(), POLLIN, 0});
+    polled.push_back({stop_.get(), POLLIN, 0});
     if (poll(polled.data(), polled.size(), -1) < 0) continue;  // for want of memory
     if (polled.back().revents != 0) return;
     forgetDone();
-    for (std::size_t i = 0; i < places_.size(); ++i)
-      if (polled[i].revents != 0) admit(places_[i]);
+    for (std::size_t i = 0; i < places.size(); ++i)
+      if (polled[i].revents != 0) admit(*places[i]);
   }
 }
 

@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <functional>
 #include <list>
+#include <mutex>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <thread>
@@ -52,6 +53,8 @@ class ControlServer {
   using Handler = std::function<nlohmann::json(const ControlRequest&, const Gone& gone)>;
 
   ControlServer(std::vector<ControlPlace> places, Handler handler, ControlLimits limits = {});
+  // Clients of one more volume are answered. From any thread; Failure as of the constructor.
+  void add(const ControlPlace& place);
   // Ends all clients, waits until the handler has returned to each, and removes the sockets.
   ~ControlServer();
   ControlServer(const ControlServer&) = delete;
@@ -68,6 +71,7 @@ class ControlServer {
   };
 
   void acceptClients();
+  std::vector<const Place*> allPlaces();
   void admit(const Place& place);
   void start(const Place& place, Channel channel);
   void forgetDone();
@@ -79,8 +83,9 @@ class ControlServer {
   Handler handler_;
   ControlLimits limits_;
   UniqueFd stop_;   // an eventfd; readable from the destructor on
-  UniqueFd ended_;  // an eventfd; readable when a client is done
-  std::vector<Place> places_;
+  UniqueFd ended_;  // an eventfd; readable when a client is done, or there is another place
+  std::mutex placing_;
+  std::list<Place> places_;    // guarded; they stay where they are
   std::list<Client> clients_;  // of the accepting thread, as long as there is one
   std::thread accepting_;
 };

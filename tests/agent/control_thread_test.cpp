@@ -140,6 +140,17 @@ TEST_F(Control, ASocketSpeaksForItsVolumeAlone) {
             refusal("this socket is of /other, not of /data"));
 }
 
+TEST_F(Control, AVolumeMayComeWhileItServes) {
+  start();
+  RawClient client(path);
+  EXPECT_EQ(client.ask(kStatus), kGood);
+  const std::string other = temp / "state/sockets/other-1";
+  server->add({"/other", other});
+  EXPECT_EQ(RawClient(other).ask(kStatus), R"({"ok":true,"version":1,"volume":"/other"})");
+  EXPECT_EQ(client.ask(kStatus), kGood);
+  EXPECT_THAT(failureOf([&] { server->add({"/third", other}); }), HasSubstr("listens"));
+}
+
 TEST_F(Control, SaysWhatTheHandlerCouldNotDo) {
   serve([](const ControlRequest& request, const Gone&) -> json {
     if (request.command == ControlCommand::kFlush) throw Failure("not now");
