@@ -3,6 +3,8 @@
 //
 // kddc volumes refresh: brings the registry in step with what is mounted, and the catalogues with
 // the file systems they are of.
+#include "agent/commands/volumes_refresh.h"
+
 #include <fmt/format.h>
 #include <sys/stat.h>
 
@@ -166,19 +168,25 @@ void printNew(const char* word, const Volumes& volumes, const Volumes& others) {
 
 }  // namespace
 
-int runVolumesRefresh(const Options& options) {
+RegistryChange refreshRegistry(const Options& options) {
   const RegistryMode mode = registryMode();
   // Where the settings name no other place, what we keep lies together, not in the volumes.
   KDPlatformInfo::setDefault("DataClassification", "DB_FOLDER", cataloguesFolder(options));
   refuseToStopUsed(mode);
-  const Volumes before = registeredVolumes();
-  bool isWhole = scanMounts(options, mode);
-  Volumes after = registeredVolumes();
-  isWhole = Settlement(options, before).settle(after) && isWhole;
-  printNew("removed", before, after);
-  printNew("added", after, before);
-  if (!options.quiet) fmt::print(stderr, "{} registered\n", after.size());
-  return isWhole ? kExitDone : kExitFailed;
+  RegistryChange change;
+  change.before = registeredVolumes();
+  change.isWhole = scanMounts(options, mode);
+  change.after = registeredVolumes();
+  change.isWhole = Settlement(options, change.before).settle(change.after) && change.isWhole;
+  return change;
+}
+
+int runVolumesRefresh(const Options& options) {
+  const RegistryChange change = refreshRegistry(options);
+  printNew("removed", change.before, change.after);
+  printNew("added", change.after, change.before);
+  if (!options.quiet) fmt::print(stderr, "{} registered\n", change.after.size());
+  return change.isWhole ? kExitDone : kExitFailed;
 }
 
 }  // namespace kddc

@@ -13,9 +13,11 @@
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "agent/catalogue_place.h"
 #include "agent/commands/commands.h"
+#include "agent/commands/volumes_refresh.h"
 #include "agent/control/server.h"
 #include "agent/control/volume_status.h"
 #include "agent/errors.h"
@@ -24,6 +26,7 @@
 #include "agent/logging.h"
 #include "agent/progress.h"
 #include "agent/registry/registered_volumes.h"
+#include "platform/platform_info.h"
 #include "platform/stub_attribute.h"
 
 namespace kddc {
@@ -44,45 +47,63 @@ const char* wordFor(CatalogueChange::Kind kind) {
   }
 }
 
-// Those that are mounted. Of a registry that is empty, or missing, none.
-std::vector<std::string> registeredPlaces(const Options& options) {
-  const auto mounts = mountsByPlace();
-  std::vector<std::string> places;
-  for (const RegisteredVolume& volume : registeredVolumes())
-    if (mounts.contains(volume.mountPoint))
-      places.push_back(volume.mountPoint);
-    else if (!options.quiet)
-      complain(volume.mountPoint + " is not mounted and so not watched");
-  if (places.empty())
-    throw Failure("no volume is registered and mounted; name one, or see: kddc volumes --help");
-  if (places.size() > 1 && !options.catalogue.empty())
-    throw Failure("--catalogue names the catalogue of one volume only; several are registered");
-  return places;
+std::string queuesFolder(const Options& options) {
+  return stateFolder(options) + "/queues/";
 }
 
-WatchPlan planFor(const Options& options, const std::vector<std::string>& volumes) {
+WatchPlan::Volume planOf(const Options& options, const std::string& path) {
+  return {path, catalogueFolder(options, path), queuesFolder(options) + placeName(path) + ".lock"};
+}
+
+WatchPlan basePlan(const Options& options, const std::string& queue) {
   WatchPlan plan;
   plan.stateFolder = stateFolder(options);
   plan.stubAttribute = stubAttribute();
-  const auto own = [&](const std::string& path) {
-    return plan.stateFolder + "/queues/" + placeName(path);
-  };
-  for (const std::string& volume : volumes) {
-    const std::string path = realVolumePath(volume);
-    const bool known = std::ranges::find(plan.volumes, path, &WatchPlan::Volume::path) !=
-                       plan.volumes.end();  // named twice
-    if (!known) plan.volumes.push_back({path, catalogueFolder(options, path), own(path) + ".lock"});
-  }
-  plan.queueFolder = own(plan.volumes.front().path);
+  plan.queueFolder = queuesFolder(options) + queue;
   plan.numbersFile = plan.queueFolder + ".numbers";
   return plan;
 }
 
-std::vector<ControlPlace> placesFor(const Options& options, const WatchPlan& plan) {
-  std::vector<ControlPlace> places;
-  for (const WatchPlan::Volume& volume : plan.volumes)
-    places.push_back({volume.path, controlSocket(options, volume.path)});
-  return places;
+WatchPlan planForNamed(const Options& options, const std::vector<std::string>& volumes) {
+  WatchPlan plan = basePlan(options, placeName(realVolumePath(volumes.front())));
+  for (const std::string& volume : volumes) {
+    const std::string path = realVolumePath(volume);
+    const bool known = std::ranges::find(plan.volumes, path, &WatchPlan::Volume::path) !=
+                       plan.volumes.end();  // named twice
+    if (!known) plan.volumes.push_back(planOf(options, path));
+  }
+  return plan;
+}
+
+// When the mount table has changed the registry is brought in step with it first: another disk may
+// have come. What cannot be done then is told, and what is registered is followed all the same.
+std::vector<WatchPlan::Volume> registeredPlans(const Options& options, bool mountsChanged) {
+  if (mountsChanged) {
+    try {
+      refreshRegistry(options);
+    } catch (const Failure& e) {
+      complain(e.what());
+    }
+  }
+  const RegistryMode mode = registryMode();
+  const std::set<std::string> listed = listedNames(mode);
+  std::vector<WatchPlan::Volume> plans;
+  for (const RegisteredVolume& volume : registeredVolumes())
+    if (listed.contains(volume.mountPoint) == (mode == RegistryMode::kMonitor))
+      plans.push_back(planOf(options, volume.mountPoint));
+  return plans;
+}
+
+WatchPlan planForRegistered(const Options& options) {
+  if (!options.catalogue.empty())
+    throw Failure("--catalogue names the catalogue of one volume only; name the volume, too");
+  // One whose disk is away for a while keeps its catalogue, and its place in the registry.
+  KDPlatformInfo::setDefault("DataClassification", "nRetainUnMountedVolumes", "1");
+  WatchPlan plan = basePlan(options, "registered");
+  plan.registered = [options](bool mountsChanged) {
+    return registeredPlans(options, mountsChanged);
+  };
+  return plan;
 }
 
 nlohmann::json toJson(const RescanCounts& counts) {
@@ -170,8 +191,11 @@ WatchListeners listenersFor(const Options& options, Progress& progress) {
 }  // namespace
 
 int runWatch(const Options& options, const std::vector<std::string>& volumes, bool print) {
-  const WatchPlan plan = planFor(options, volumes.empty() ? registeredPlaces(options) : volumes);
+  const bool registered = volumes.empty();
+  WatchPlan plan = registered ? planForRegistered(options) : planForNamed(options, volumes);
+  const bool isOne = !registered && plan.volumes.size() == 1;
   std::unique_ptr<WatchSession> session;
+  std::unique_ptr<ControlServer> server;
   std::atomic<int> signals = 0;
   Lines lines([&] { return signals > 1; }, [&] { session->stop(); });
   Progress progress(!options.quiet && options.verbosity == 0);
@@ -179,18 +203,26 @@ int runWatch(const Options& options, const std::vector<std::string>& volumes, bo
   if (print)
     listeners.change = [&](const std::string& volume, CatalogueChange::Kind kind,
                            const std::string& path) {
-      const std::string name = plan.volumes.size() == 1 ? path : pathOnDisk(volume, path);
+      const std::string name = isOne ? path : pathOnDisk(volume, path);
       lines.say(fmt::format("{} {}", wordFor(kind), printable(name)));
     };
-  session = std::make_unique<WatchSession>(plan, std::move(listeners));
+  const auto placeOf = [&](const std::string& volume) {
+    return ControlPlace{volume, controlSocket(options, volume)};
+  };
+  listeners.added = [&](const std::string& volume) { server->add(placeOf(volume)); };
+  session = std::make_unique<WatchSession>(std::move(plan), std::move(listeners));
   const InterruptThread interrupts([&] {
     session->stop();
     ++signals;
   });
-  const ControlServer server(placesFor(options, plan),
-                             [&](const ControlRequest& request, const ControlServer::Gone& gone) {
-                               return answer(*session, request, gone);
-                             });
+  if (session->volumes().empty())
+    throw Failure("no volume is registered; name one, or see: kddc volumes --help");
+  std::vector<ControlPlace> places;
+  for (const std::string& volume : session->volumes()) places.push_back(placeOf(volume));
+  server = std::make_unique<ControlServer>(
+      std::move(places), [&](const ControlRequest& request, const ControlServer::Gone& gone) {
+        return answer(*session, request, gone);
+      });
   session->run([&] {
     progress.end();
     lines.say("ready");

@@ -6,6 +6,7 @@
 
 #include <utility>
 
+#include "agent/errors.h"
 #include "platform/ev_debug.h"
 #include "records/journal_record.h"
 
@@ -17,10 +18,22 @@ constexpr std::chrono::milliseconds kPause(1000), kPatience(20);
 
 }  // namespace
 
-Applier::Applier(PersistentDCRawBuffer& queue, std::vector<VolumeRows*> volumes,
-                 const FirstNumbers& first, Doubt doubt)
-    : queue_(queue), volumes_(std::move(volumes)), doubt_(std::move(doubt)) {
-  for (const auto& [devt, number] : first) numbers_[devt] = {number, number - 1};
+Applier::Applier(PersistentDCRawBuffer& queue, Sink doubt)
+    : queue_(queue), doubt_(std::move(doubt)) {}
+
+void Applier::expect(unsigned long long devt, unsigned long long number) {
+  const std::lock_guard lock(mutex_);
+  numbers_.try_emplace(devt, Numbers{number, number - 1});
+}
+
+void Applier::attach(VolumeRows& volume) {
+  const std::lock_guard lock(applying_);
+  volumes_.push_back(&volume);
+}
+
+void Applier::detach(VolumeRows& volume) {
+  const std::lock_guard lock(applying_);
+  std::erase(volumes_, &volume);
 }
 
 void Applier::run() {
@@ -40,7 +53,7 @@ void Applier::readSome() {
   try {
     if (queue_.ReadEntry(&data, &length)) take({data, static_cast<std::size_t>(length)});
   } catch (const std::exception&) {  // logged; the queue tries the same file again
-    doubt_(nullptr, "a swap file cannot be read");
+    doubt_(nullptr, {"a swap file cannot be read"});
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, kPause, [&] { return finished_; });
   }
@@ -81,11 +94,12 @@ void Applier::take(std::span<unsigned char> bytes) {
   if (!isWellFormedRecord(bytes.data(), bytes.size())) {
     count(bytes.size(), &Counts::refused);
     dbg.Error(kTag, "a record of %zu bytes is damaged and was left out", bytes.size());
-    return doubt_(nullptr, "a record was damaged");
+    return doubt_(nullptr, {"a record was damaged"});
   }
   count(bytes.size());
   FlrJrnCommandRaw record;
   decodeRawCmd(bytes.data(), &record);
+  const std::lock_guard lock(applying_);
   checkNumber(record.devt, record.seq_num);
   if (record.cmd == FLR_JRN_NOOP)
     checkpoint(record.devt, record.seq_num);
@@ -107,13 +121,13 @@ void Applier::checkNumber(unsigned long long devt, unsigned long long number) {
                                  ? fmt::format("{} records are missing", number - expected)
                                  : "records came twice or out of order";
   for (const VolumeRows* volume : volumes_)
-    if (volume->devt() == devt) doubt_(volume, reason);
+    if (volume->devt() == devt) doubt_(volume, {reason});
 }
 
 void Applier::applyToVolumes(const FlrJrnCommandRaw& record) {
   for (VolumeRows* volume : volumes_)
     if (volume->devt() == record.devt && volume->take(record) == Settle::Result::kFailed)
-      doubt_(volume, "a record could not be applied");
+      doubt_(volume, {"a record could not be applied", Doubt::Remedy::kReopen});
 }
 
 void Applier::checkpoint(unsigned long long devt, unsigned long long number) {
@@ -121,9 +135,10 @@ void Applier::checkpoint(unsigned long long devt, unsigned long long number) {
     if (volume->devt() != devt) continue;
     try {
       volume->checkpoint();
-    } catch (const std::exception& e) {
-      dbg.Error(kTag, "eRRoR -- %s", e.what());
-      doubt_(volume, "the catalogue could not be written");
+    } catch (...) {
+      const std::string why = describeCurrentException();
+      dbg.Error(kTag, "eRRoR -- %s", why.c_str());
+      doubt_(volume, {"the catalogue could not be written: " + why, Doubt::Remedy::kReopen});
     }
   }
   const std::lock_guard lock(mutex_);
@@ -137,7 +152,7 @@ void Applier::reportLosses() {
   const unsigned long long damaged = queue_.DamagedBlocks();
   if (damaged == damagedBlocks_) return;
   damagedBlocks_ = damaged;
-  doubt_(nullptr, "a swap file was damaged");
+  doubt_(nullptr, {"a swap file was damaged"});
 }
 
 void Applier::measureRate() {
@@ -167,7 +182,8 @@ Applier::Counts Applier::counts() const {
 
 unsigned long long Applier::expected(unsigned long long devt) const {
   const std::lock_guard lock(mutex_);
-  return numbers_.at(devt).expected;
+  const auto of = numbers_.find(devt);
+  return of == numbers_.end() ? 0 : of->second.expected;
 }
 
 bool Applier::waitFor(unsigned long long devt, unsigned long long number,

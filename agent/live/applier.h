@@ -18,7 +18,11 @@
 // comes again, records that the queue lost, one that could not be applied. Each is counted, logged
 // and reported as a doubt, upon which the volumes are compared with the disk.
 //
-// Threads: `run` on the database thread; the other functions from any.
+// Volumes come and go while it works. Records of one that is not there at the moment are dropped;
+// whoever brings it back compares it with the disk afterwards.
+//
+// Threads: `run` on the database thread; the other functions from any. A catalogue belongs to the
+// database thread between attach and detach.
 #pragma once
 
 #include <chrono>
@@ -36,17 +40,32 @@
 
 namespace kddc {
 
+// Why a catalogue may not be as the disk is.
+struct Doubt {
+  enum class Remedy {
+    kCompare,  // the catalogue is whole, but was not told everything
+    kReopen,   // it could not be read or written: it must be examined first
+  };
+  std::string reason;
+  Remedy remedy = Remedy::kCompare;
+};
+
 class Applier {
  public:
   // What makes a comparison with the disk necessary; none of the volumes in particular when null.
-  using Doubt = std::function<void(const VolumeRows*, const std::string& reason)>;
+  // Called with no volume coming or going meanwhile: must not attach or detach any.
+  using Sink = std::function<void(const VolumeRows*, const Doubt&)>;
 
-  // The number of the first record that is expected of each file system, by its devt.
-  using FirstNumbers = std::map<unsigned long long, unsigned long long>;
+  // The queue must outlive the object.
+  Applier(PersistentDCRawBuffer& queue, Sink doubt);
 
-  // All must outlive the object.
-  Applier(PersistentDCRawBuffer& queue, std::vector<VolumeRows*> volumes, const FirstNumbers& first,
-          Doubt doubt);
+  // The number of the first record that is expected of a file system, before its first record is
+  // added to the queue. Of one that is known the number stays.
+  void expect(unsigned long long devt, unsigned long long number);
+  // From now on the volume is given its records; until detach it must stay where it is.
+  void attach(VolumeRows& volume);
+  // Nothing of the volume is touched any more when this returns.
+  void detach(VolumeRows& volume);
 
   // Works until a NOOP after finishAtNextNoop, or until `abandon`.
   void run();
@@ -70,7 +89,7 @@ class Applier {
     double rate = 0;            // records in the last whole second in which there were any
   };
   Counts counts() const;
-  // The number of the next record of a file system.
+  // The number of the next record of a file system; 0 when none is expected.
   unsigned long long expected(unsigned long long devt) const;
 
  private:
@@ -90,9 +109,11 @@ class Applier {
   bool isFinished() const;
 
   PersistentDCRawBuffer& queue_;
-  std::vector<VolumeRows*> volumes_;
-  Doubt doubt_;
+  Sink doubt_;
   unsigned long long damagedBlocks_ = 0;
+
+  std::mutex applying_;  // held while a record is applied; before mutex_
+  std::vector<VolumeRows*> volumes_;
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;

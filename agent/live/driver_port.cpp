@@ -2,10 +2,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/live/driver_port.h"
 
+#include <chrono>
+
 #include "agent/errors.h"
 #include "agent/live/give_way.h"
 
 namespace kddc {
+namespace {
+
+// While the queue takes nothing, what it would have taken is dropped; the disk knows it.
+constexpr std::chrono::milliseconds kRetry(100);
+
+}  // namespace
 
 DriverPort::DriverPort(DriverOptions options, DriverSinks sinks)
     : doubt_(sinks.doubt),
@@ -27,6 +35,8 @@ void DriverPort::run() {
       return;
     } catch (...) {
       doubt_("the queue cannot take records: " + describeCurrentException());
+      staged_.clear();
+      std::this_thread::sleep_for(kRetry);
     }
   }
 }
@@ -36,6 +46,7 @@ void DriverPort::end() {
   ending_ = true;
   driver_.stop();
   thread_.join();
+  ended_ = true;
 }
 
 // Numbers rise, but two threads may come here in any order.

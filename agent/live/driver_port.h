@@ -12,8 +12,10 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "agent/live/staged_records.h"
 #include "agent/live/volume_rows.h"
@@ -31,6 +33,7 @@ class DriverPort {
   void start();
   // Ends the thread: what the kernel has queued is still said.
   void end();
+  bool hasEnded() const { return ended_; }
 
   Driver& driver() { return driver_; }
 
@@ -40,14 +43,15 @@ class DriverPort {
   std::function<void(const std::string&)> doubt_;
   StagedRecords staged_;
   Driver driver_;
-  std::atomic<bool> ending_ = false;
+  std::atomic<bool> ending_ = false, ended_ = false;
   std::thread thread_;
 };
 
 // What one volume asks; what lies in another volume on the file system lies outside of it.
 class VolumePort : public DriverQuestions {
  public:
-  VolumePort(DriverPort& port, const fsf_fid& root) : driver_(port.driver()), root_(root) {}
+  VolumePort(std::shared_ptr<DriverPort> port, const fsf_fid& root)
+      : port_(std::move(port)), driver_(port_->driver()), root_(root) {}
 
   void list(const fsf_fid& folder) override { note(driver_.list(folder)); }
   void look(const fsf_fid& folder, const std::string& name) override {
@@ -55,17 +59,21 @@ class VolumePort : public DriverQuestions {
   }
   void lookAt(const fsf_fid& file) override { note(driver_.lookAt(file)); }
   std::uint64_t resolve(const fsf_fid& file) override { return note(driver_.resolve(file, root_)); }
+  // When the driver has ended nothing is answered any more.
   bool isAnswered(std::uint64_t question) const override {
-    return driver_.finished().request >= question;
+    return port_->hasEnded() || driver_.finished().request >= question;
   }
 
   // The number of the last question.
   std::uint64_t lastQuestion() const { return lastQuestion_; }
   Driver& driver() { return driver_; }
+  DriverPort& port() { return *port_; }
+  const fsf_fid& root() const { return root_; }
 
  private:
   std::uint64_t note(std::uint64_t question);
 
+  std::shared_ptr<DriverPort> port_;
   Driver& driver_;
   fsf_fid root_;
   std::atomic<std::uint64_t> lastQuestion_ = 0;

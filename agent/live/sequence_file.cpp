@@ -49,14 +49,17 @@ void fail(const std::string& file) {
 }  // namespace
 
 NumbersByDevt beginNumbering(const std::string& file, const std::set<unsigned long long>& devts) {
-  NumbersByDevt known = readNumbers(file), numbers, afterCrash;
-  for (const unsigned long long devt : devts) {
-    numbers[devt] = known[devt];
-    const unsigned long long next = known[devt].next + kFarAhead;
-    afterCrash[devt] = {next, next};
-  }
-  keepNumbers(file, afterCrash);
+  NumbersByDevt known = readNumbers(file), numbers;
+  for (const unsigned long long devt : devts) numbers[devt] = known[devt];
+  keepFarAhead(file, numbers);
   return numbers;
+}
+
+void keepFarAhead(const std::string& file, const NumbersByDevt& all) {
+  NumbersByDevt afterCrash;
+  for (const auto& [devt, numbers] : all)
+    afterCrash[devt] = {numbers.next + kFarAhead, numbers.next + kFarAhead};
+  keepNumbers(file, afterCrash);
 }
 
 void keepNumbers(const std::string& file, const NumbersByDevt& all) {

@@ -29,6 +29,8 @@ using NumbersByDevt = std::map<unsigned long long, RecordNumbers>;
 // The numbers with which a run begins that follows those file systems; leaves the numbers for a
 // crash in the file, durably. What the file knows of other file systems is forgotten.
 NumbersByDevt beginNumbering(const std::string& file, const std::set<unsigned long long>& devts);
+// When more file systems are followed: those with which their drivers began.
+void keepFarAhead(const std::string& file, const NumbersByDevt& numbers);
 // At the end of a run.
 void keepNumbers(const std::string& file, const NumbersByDevt& numbers);
 

@@ -29,4 +29,9 @@ void StagedRecords::handOver() {
   bytes_.clear();
 }
 
+void StagedRecords::clear() {
+  bytes_.clear();
+  lengths_.clear();
+}
+
 }  // namespace kddc

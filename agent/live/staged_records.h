@@ -30,6 +30,7 @@ class StagedRecords {
   // Gives the sink everything, in order. An exception of it leaves the call; what was not taken is
   // kept for the next one.
   void handOver();
+  void clear();
 
  private:
   Sink sink_;

@@ -3,6 +3,7 @@
 //
 // The part of a watch session that answers: when the catalogue holds everything, and how it is
 // doing.
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,69 +27,125 @@ constexpr std::chrono::milliseconds kMoment(2);
 }  // namespace
 
 WatchSession::Volume* WatchSession::find(const std::string& path) const {
+  const std::lock_guard lock(mutex_);
   const auto at =
       std::ranges::find_if(volumes_, [&](const auto& v) { return v->plan.path == path; });
   return at == volumes_.end() ? nullptr : at->get();
 }
 
+std::vector<WatchSession::Volume*> WatchSession::allVolumes() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<Volume*> all;
+  for (const auto& volume : volumes_) all.push_back(volume.get());
+  return all;
+}
+
+std::vector<std::string> WatchSession::volumes() const {
+  std::vector<std::string> paths;
+  for (const Volume* volume : allVolumes()) paths.push_back(volume->plan.path);
+  return paths;
+}
+
+bool WatchSession::isLive(const Volume& volume) const {
+  const std::lock_guard lock(mutex_);
+  return volume.live;
+}
+
+bool WatchSession::isInDoubt(const Volume& volume) const {
+  const std::lock_guard lock(mutex_);
+  return !volume.doubt.empty();
+}
+
+bool WatchSession::mustReopen(const Volume& volume) const {
+  const std::lock_guard lock(mutex_);
+  return volume.rows && volume.remedy == Doubt::Remedy::kReopen;
+}
+
+bool WatchSession::isEnding(const Volume& volume) const {
+  return isStopping() || volume.leaving;
+}
+
 // Waits until the driver has said all there was, and all that this made necessary to ask.
-bool WatchSession::catchUp(Volume& volume, const std::function<bool()>& giveUp) {
+bool WatchSession::catchUp(const Volume& volume, const std::function<bool()>& giveUp) {
+  std::shared_ptr<VolumePort> port;
+  {
+    const std::lock_guard lock(mutex_);
+    port = volume.port;
+  }
+  const auto ends = [&] {
+    return !port || giveUp() || stops_ > 1 || port->port().hasEnded() || applier_->hasEnded();
+  };
   for (int round = 0; round < kMostRounds; ++round) {
+    if (ends()) return false;
     const auto reached = std::make_shared<std::promise<std::uint64_t>>();
     auto number = reached->get_future();
-    const std::uint64_t barrier = volume.port->driver().barrier(
-        [reached](std::uint64_t sequence) { reached->set_value(sequence); });
+    const std::uint64_t barrier =
+        port->driver().barrier([reached](std::uint64_t sequence) { reached->set_value(sequence); });
     while (number.wait_for(kLook) != std::future_status::ready)
-      if (giveUp() || stops_ > 1) return false;
+      if (ends()) return false;
     const std::uint64_t last = number.get();
-    while (!applier_->waitFor(volume.device, last, kLook))
-      if (giveUp() || stops_ > 1 || applier_->hasEnded()) return false;
-    const std::uint64_t asked = volume.port->lastQuestion();
+    while (!applier_->waitFor(port->driver().device(), last, kLook))
+      if (ends()) return false;
+    const std::uint64_t asked = port->lastQuestion();
     if (asked < barrier) return true;
-    for (; !volume.port->isAnswered(asked); std::this_thread::sleep_for(kMoment))
-      if (giveUp() || stops_ > 1) return false;
+    for (; !port->isAnswered(asked); std::this_thread::sleep_for(kMoment))
+      if (ends()) return false;
   }
   return true;
 }
 
+// False as for flush. What has just been tried in vain is not waited for: nobody knows how long.
+bool WatchSession::waitUntilLive(Volume& volume, const std::function<bool()>& giveUp) {
+  std::unique_lock lock(mutex_);
+  const auto isHopeless = [&] { return !volume.live && volume.failed && !volume.inHand; };
+  const auto isOver = [&] { return volume.live || isHopeless() || isStopping(); };
+  while (!changed_.wait_for(lock, kLook, isOver))
+    if (giveUp()) return false;
+  if (isHopeless() && !isStopping())
+    throw Failure(
+        fmt::format("the catalogue of {} is not up to date: {}", volume.plan.path, volume.doubt));
+  return !isStopping();
+}
+
 bool WatchSession::flush(const std::string& path, const std::function<bool()>& giveUp) {
-  Volume* volume = find(path);
+  Volume& volume = *find(path);
   for (;;) {
-    {
-      std::unique_lock lock(mutex_);
-      if (!changed_.wait_for(lock, kLook, [&] { return volume->live || isStopping(); })) {
-        if (giveUp()) return false;
-        continue;
-      }
-    }
-    if (isStopping() || !catchUp(*volume, giveUp)) return false;
-    if (isLive(*volume)) return true;
+    if (!waitUntilLive(volume, giveUp)) return false;
+    const bool level = catchUp(volume, giveUp);
+    if (isStopping() || giveUp()) return false;
+    if (level && isLive(volume)) return true;
   }
 }
 
 std::optional<RescanCounts> WatchSession::rescan(const std::string& path,
                                                  const std::function<bool()>& giveUp) {
-  Volume* volume = find(path);
+  Volume& volume = *find(path);
   if (!flush(path, giveUp)) return std::nullopt;
-  const SettleCounts before = volume->rows->report().settled;
-  const std::uint64_t comparisons = [&] {
+  const auto settled = [&]() -> SettleCounts {
     const std::lock_guard lock(mutex_);
-    return volume->comparisons;
-  }();
-  doubt(*volume, "somebody asked for it");
-  for (;;) {
+    return volume.rows ? volume.rows->report().settled : SettleCounts{};
+  };
+  const auto comparisons = [&] {
+    const std::lock_guard lock(mutex_);
+    return volume.comparisons;
+  };
+  const SettleCounts settledBefore = settled();
+  const std::uint64_t before = comparisons();
+  doubt(volume, {"somebody asked for it"});
+  do {
+    {
+      const std::lock_guard lock(mutex_);
+      volume.pacer.hurry();
+    }
     if (!flush(path, giveUp)) return std::nullopt;
-    const std::lock_guard lock(mutex_);
-    if (volume->comparisons > comparisons) break;
-  }
-  const SettleCounts settled = volume->rows->report().settled - before;
+  } while (comparisons() == before);
   const std::lock_guard lock(mutex_);
-  return RescanCounts{volume->compared, settled};
+  return RescanCounts{volume.compared, volume.rows->report().settled - settledBefore};
 }
 
 VolumeStatus::State WatchSession::stateOf(const Volume& volume) const {
   if (volume.live) return VolumeStatus::State::kLive;
-  if (volume.fresh) return VolumeStatus::State::kScanning;
+  if (volume.scanning) return VolumeStatus::State::kScanning;
   return volume.comparing ? VolumeStatus::State::kRescanning : VolumeStatus::State::kStale;
 }
 
@@ -123,17 +180,23 @@ void WatchSession::fillFromCatalogue(VolumeStatus& status) const {
 }
 
 void WatchSession::fillFromThreads(const Volume& volume, VolumeStatus& status) const {
-  const DriverCounts driver = volume.port->driver().counts();
-  status.overflows = driver.overflows;
-  const std::lock_guard lock(mutex_);
-  if (!applier_) return;
+  std::shared_ptr<VolumePort> port;
+  std::shared_ptr<VolumeRows> rows;
+  {
+    const std::lock_guard lock(mutex_);
+    port = volume.port;
+    rows = volume.rows;
+    status.overflows = volume.overflows;
+  }
+  if (port) status.overflows += port->driver().counts().overflows;
   const Applier::Counts applied = applier_->counts();
   const std::uint64_t records = queuedRecords_, bytes = queuedBytes_;
   status.backlogRecords = records - std::min(records, applied.records);
   status.backlogBytes = bytes - std::min(bytes, applied.bytes);
   status.recordsPerSecond = applied.rate;
   status.refusedRecords = applied.refused;
-  const VolumeRows::Report report = volume.rows->report();
+  if (!rows) return;
+  const VolumeRows::Report report = rows->report();
   status.failedRecords = report.settled.failed;
   if (report.lastCommit != 0) status.lastCommit = report.lastCommit;
 }

@@ -25,12 +25,13 @@ constexpr std::size_t kMostReasons = 10;
 // What differs is asked for again by the driver's thread, so that its records keep their order.
 class WatchSession::Questions : public Suspicions {
  public:
-  Questions(WatchSession& session, Volume& volume) : session_(session), volume_(volume) {}
+  Questions(WatchSession& session, Volume& volume)
+      : session_(session), volume_(volume), port_(*volume.port), rows_(*volume.rows) {}
 
   // The two databases were not read at one moment, and time has passed since: whatever is done
   // about rows makes sure first.
   void identity(const WalkedEntry& folder, std::int64_t inode) override {
-    volume_.rows->doLater([inode, fid = folder.fid](LiveCatalogue& rows, Settle&) {
+    rows_.doLater([inode, fid = folder.fid](LiveCatalogue& rows, Settle&) {
       auto row = rows.rowAt(static_cast<unsigned long long>(inode));
       const bool isRoot = row && row->parent == 0;
       if (isRoot && !(row->fid == fid)) rows.readopt(*row, fid);
@@ -38,15 +39,15 @@ class WatchSession::Questions : public Suspicions {
     });
   }
   void name(const fsf_fid& folder, const WalkedEntry& entry) override {
-    volume_.port->look(folder, std::string(entry.name));
+    port_.look(folder, std::string(entry.name));
     noteOne();
   }
   void attributes(const WalkedEntry& entry) override {
-    volume_.port->lookAt(entry.fid);
+    port_.lookAt(entry.fid);
     noteOne();
   }
   void absent(const fsf_fid& folder, std::string_view name) override {
-    volume_.port->look(folder, std::string(name));
+    port_.look(folder, std::string(name));
     noteOne();
   }
   void row(std::int64_t inode) override { unname({inode}); }
@@ -57,7 +58,7 @@ class WatchSession::Questions : public Suspicions {
     const Strays strays = kddc::findStrays(volume_.plan.catalogue);
     unname(strays.rows);
     unname(strays.circles);
-    volume_.rows->doLater([identifiers = strays.identifiers](LiveCatalogue& rows, Settle&) {
+    rows_.doLater([identifiers = strays.identifiers](LiveCatalogue& rows, Settle&) {
       for (const std::int64_t id : identifiers)
         rows.forgetUnlessBorne(static_cast<unsigned long long>(id));
     });
@@ -65,9 +66,8 @@ class WatchSession::Questions : public Suspicions {
 
  private:
   void unname(std::vector<std::int64_t> inodes) {
-    volume_.rows->doLater([port = volume_.port.get(), inodes = std::move(inodes)](
-                              LiveCatalogue& rows, Settle& settle) {
-      for (const std::int64_t inode : inodes) unnameNow(rows, settle, *port, inode);
+    rows_.doLater([&port = port_, inodes = std::move(inodes)](LiveCatalogue& rows, Settle& settle) {
+      for (const std::int64_t inode : inodes) unnameNow(rows, settle, port, inode);
     });
   }
   // Should the name be right by now, a look gives it back.
@@ -81,18 +81,20 @@ class WatchSession::Questions : public Suspicions {
   // The list of questions shall not grow with the volume.
   void noteOne() {
     if (++asked_ % kMostOpenQuestions != 0) return;
-    if (!session_.catchUp(volume_, [this] { return session_.isStopping(); })) throw Stopped();
+    if (!session_.catchUp(volume_, [this] { return session_.isEnding(volume_); })) throw Stopped();
   }
 
   WatchSession& session_;
   Volume& volume_;
+  VolumePort& port_;  // both stay while the volume is in hand; chores end with the rows
+  VolumeRows& rows_;
   std::uint64_t asked_ = 0;
 };
 
 void WatchSession::compare(Volume& volume) {
+  const auto began = Pacer::Clock::now();
   {
     const std::lock_guard lock(mutex_);
-    volume.live = false;
     volume.comparing = true;
     volume.reasons.push_back({std::time(nullptr), std::exchange(volume.doubt, {})});
     if (volume.reasons.size() > kMostReasons) volume.reasons.pop_front();
@@ -101,16 +103,18 @@ void WatchSession::compare(Volume& volume) {
     const CompareCounts met = compareNow(volume);
     const std::lock_guard lock(mutex_);
     volume.compared = met;
-    volume.pause = kFirstPause;
     volume.lastComparison = std::time(nullptr);
     ++volume.comparisons;
     volume.live = volume.doubt.empty();
+    volume.failed = volume.failed && !volume.live;
+    volume.pacer.ended(began, Pacer::Clock::now(), true);
   } catch (const Stopped&) {
-  } catch (...) {
-    doubt(volume, describeCurrentException());
     const std::lock_guard lock(mutex_);
-    volume.notBefore = WatchClock::now() + volume.pause;
-    volume.pause = std::min<WatchClock::duration>(2 * volume.pause, kLongestPause);
+    if (volume.doubt.empty()) volume.doubt = volume.reasons.back().reason;
+  } catch (...) {
+    fail(volume, describeCurrentException());
+    const std::lock_guard lock(mutex_);
+    volume.pacer.ended(began, Pacer::Clock::now(), false);
   }
   const std::lock_guard lock(mutex_);
   volume.comparing = false;
@@ -118,62 +122,89 @@ void WatchSession::compare(Volume& volume) {
 }
 
 CompareCounts WatchSession::compareNow(Volume& volume) {
-  const auto stopped = [this] { return isStopping(); };
+  const auto ends = [&] { return isEnding(volume); };
   Questions questions(*this, volume);
   const CompareWishes wishes{.progress = listeners_.progress, .check = [&] {
-                               if (isStopping()) throw Stopped();
+                               if (ends()) throw Stopped();
                              }};
   WalkOptions options = walkOptions(volume);
   options.folderLost = [&](const fsf_fid& folder) { volume.port->list(folder); };
   const CompareCounts met = compareVolume(openRoot(volume.plan.path), volume.plan.path, options,
                                           volume.plan.catalogue, questions, wishes);
   questions.findStrays(met);
-  if (!catchUp(volume, stopped)) throw Stopped();
+  if (!catchUp(volume, ends)) throw Stopped();
   return met;
 }
 
-void WatchSession::watchOver() {
-  while (!isStopping()) {
-    Volume* due = nullptr;
-    {
-      std::unique_lock lock(mutex_);
-      changed_.wait_for(lock, kLook, [&] { return isStopping() || (due = nextInDoubt()); });
-    }
-    if (due && !isStopping()) compare(*due);
+// Called with the mutex held.
+WatchSession::Volume* WatchSession::nextToDo() const {
+  const auto now = Pacer::Clock::now();
+  for (const auto& volume : volumes_) {
+    const bool mayDo = volume->wanted && !volume->absent && !volume->inHand && !volume->leaving;
+    const bool hasToDo = !volume->rows || !volume->doubt.empty();
+    if (mayDo && hasToDo && volume->pacer.isDue(now)) return volume.get();
   }
-}
-
-WatchSession::Volume* WatchSession::nextInDoubt() {
-  for (const auto& volume : volumes_)
-    if (!volume->doubt.empty() && WatchClock::now() >= volume->notBefore) return volume.get();
   return nullptr;
 }
 
-void WatchSession::doubt(const VolumeRows* rows, const std::string& reason) {
-  for (const auto& volume : volumes_)
-    if (!rows || volume->rows.get() == rows) doubt(*volume, reason);
+void WatchSession::doubt(const VolumeRows* rows, const Doubt& why) {
+  for (Volume* volume : allVolumes()) {
+    bool concerned = false;
+    {
+      const std::lock_guard lock(mutex_);
+      concerned = volume->rows && (!rows || volume->rows.get() == rows);
+    }
+    if (concerned) doubt(*volume, why);
+  }
 }
 
-void WatchSession::doubt(dev_t device, const std::string& reason) {
-  for (const auto& volume : volumes_)
-    if (volume->device == device) doubt(*volume, reason);
+void WatchSession::doubt(dev_t device, const Doubt& why) {
+  for (Volume* volume : allVolumes()) {
+    bool concerned = false;
+    {
+      const std::lock_guard lock(mutex_);
+      concerned = volume->port && volume->port->driver().device() == device;
+    }
+    if (concerned) doubt(*volume, why);
+  }
 }
 
-void WatchSession::doubt(Volume& volume, const std::string& reason) {
+// The first of several reasons is told; the stronger remedy counts.
+void WatchSession::doubt(Volume& volume, const Doubt& why) {
+  const bool reopens = why.remedy == Doubt::Remedy::kReopen;
   {
     const std::lock_guard lock(mutex_);
+    if (reopens) volume.remedy = why.remedy;
     if (!volume.doubt.empty()) return;
-    volume.doubt = reason;
-    if (volume.live) volume.staleSince = std::time(nullptr);
-    volume.live = false;
+    volume.doubt = why.reason;
+    setStale(volume);
   }
   changed_.notify_all();
-  listeners_.note(fmt::format("{}: {}; comparing it with the disk", volume.plan.path, reason));
+  listeners_.note(fmt::format(
+      "{}: {}; {}", volume.plan.path, why.reason,
+      reopens ? "opening it again and comparing it with the disk" : "comparing it with the disk"));
 }
 
-bool WatchSession::isLive(const Volume& volume) const {
-  const std::lock_guard lock(mutex_);
-  return volume.live;
+// It is tried again, as the pacer says or when what stood in the way has changed.
+void WatchSession::fail(Volume& volume, const std::string& why) {
+  bool isNews = false;
+  {
+    const std::lock_guard lock(mutex_);
+    isNews = !volume.failed || volume.doubt != why;
+    volume.doubt = why;
+    volume.remedy = Doubt::Remedy::kReopen;
+    volume.failed = true;
+    volume.scanning = false;
+    setStale(volume);
+  }
+  changed_.notify_all();
+  if (isNews) listeners_.note(why);
+}
+
+// Called with the mutex held.
+void WatchSession::setStale(Volume& volume) {
+  if (volume.live) volume.staleSince = std::time(nullptr);
+  volume.live = false;
 }
 
 void WatchSession::setLive(Volume& volume) {

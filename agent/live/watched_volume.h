@@ -4,6 +4,7 @@
 // What the parts of a watch session know of one volume, and how long they wait. Theirs alone.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <ctime>
@@ -12,39 +13,69 @@
 #include <string>
 
 #include "agent/engine/new_catalogue.h"
+#include "agent/errors.h"
+#include "agent/live/pacer.h"
+#include "agent/live/volume_place.h"
 #include "agent/live/watch_session.h"
 #include "platform/lock_file.h"
 #include "platform/unique_fd.h"
 
 namespace kddc {
 
-using WatchClock = std::chrono::steady_clock;
-
 inline constexpr std::chrono::milliseconds kLook(200);  // how often a wait asks whether to go on
-inline constexpr std::chrono::seconds kFirstPause(1), kLongestPause(300);
 
-// Leaves a scan or a comparison because the session is being stopped.
+// Leaves a scan or a comparison because the session, or the watching of the volume, ends.
 struct WatchSession::Stopped {};
+
+// What stood at the place of a volume is not there.
+class WatchSession::Absent : public Failure {
+ public:
+  using Failure::Failure;
+};
 
 struct WatchSession::Volume {
   WatchPlan::Volume plan;
-  LockFile lock;
-  dev_t device = 0;
-  std::unique_ptr<NewCatalogue> fresh;  // as long as there is no good catalogue
-  bool isNew = false;                   // there was none
-  std::unique_ptr<VolumePort> port;
-  std::unique_ptr<VolumeRows> rows;
+  std::unique_ptr<LockFile> lock;  // null until it was first followed
 
-  // Guarded by the session's mutex.
-  bool live = false, comparing = false;
-  std::string doubt;  // why a comparison is due; empty: none is
+  // Of the thread that has it in hand.
+  std::unique_ptr<NewCatalogue> fresh;  // as long as there is no catalogue to go on with
+  VolumePlace place;                    // also of others, while there is a port
+  bool mustBeMounted = false;           // the folder below the mount is another thing
+
+  std::atomic<bool> leaving = false;  // whatever is done with it is to end early
+
+  // Guarded by the session's mutex. What it lacks of the two is made, or waited for.
+  std::shared_ptr<VolumePort> port;  // its file system is marked
+  std::shared_ptr<VolumeRows> rows;  // records are applied
+  FileKey catalogueFile;             // the database that is open
+  bool inHand = false;               // a thread is at work on it
+  bool wanted = true;
+  bool absent = false;  // nothing stands at its place
+  bool live = false, scanning = false, comparing = false;
+  bool failed = false;  // what was tried last
+  std::string doubt;    // why it may not be exact; empty: it is
+  Doubt::Remedy remedy = Doubt::Remedy::kCompare;
   std::time_t staleSince = 0;
   std::time_t lastComparison = 0;
   std::uint64_t comparisons = 0;  // that have ended
+  std::uint64_t overflows = 0;    // of drivers that are gone
   CompareCounts compared;         // by the last of them
   std::deque<VolumeStatus::Rescan> reasons;
-  WatchClock::time_point notBefore{};
-  WatchClock::duration pause = kFirstPause;
+  Pacer pacer;
+};
+
+// While it lives the volume is in the hand of the thread that made it.
+class WatchSession::InHand {
+ public:
+  // Waits for its turn.
+  InHand(WatchSession& session, Volume& volume);
+  ~InHand();
+  InHand(const InHand&) = delete;
+  InHand& operator=(const InHand&) = delete;
+
+ private:
+  WatchSession& session_;
+  Volume& volume_;
 };
 
 // Opens the folder of a volume for reading; Failure when that is not possible.

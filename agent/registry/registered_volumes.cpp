@@ -127,6 +127,13 @@ const char* tableOf(RegistryMode mode) {
   return mode == RegistryMode::kMonitor ? "MONITOR" : "FILTER";
 }
 
+std::set<std::string> listedNames(RegistryMode mode) {
+  std::set<std::string> names;
+  forEachRow(tableOf(mode), (std::string("SELECT VOLNAME FROM ") + tableOf(mode)).c_str(),
+             [&](const Query& row) { names.emplace(row.text(0)); });
+  return names;
+}
+
 std::map<std::string, KdMntEntry> mountsByPlace() {
   std::map<std::string, KdMntEntry> mounts;
   for (KdMntEntry& entry : KdMntTab::getAll()) mounts[entry.mountPoint] = std::move(entry);

@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,9 @@ const char* tableOf(RegistryMode mode);
 
 // The mount table as a map: of several mounts at one place the last, which covers the others.
 std::map<std::string, KdMntEntry> mountsByPlace();
+
+// The names in the mode's table: of the volumes that are to be registered, or that are not.
+std::set<std::string> listedNames(RegistryMode mode);
 
 // The registry, open for writing; made when it is missing. One process has it at a time.
 class RegistryEditor {

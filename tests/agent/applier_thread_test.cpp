@@ -82,16 +82,16 @@ struct ApplierTest : QueueFolders {
   }
 
   void start(unsigned long long first = 1) {
-    std::vector<VolumeRows*> rows;
+    next = first;
+    applier = std::make_unique<Applier>(
+        *queue, [this](const VolumeRows* volume, const Doubt& why) { doubt(volume, why.reason); });
+    applier->expect(7, first);
+    applier->expect(8, 1);
     for (const unsigned long long devt : {7ULL, 7ULL, 8ULL}) {
       const int number = static_cast<int>(volumes.size());
       volumes.push_back(std::make_unique<VolumeRows>(catalogue(number), devt, driver));
-      rows.push_back(volumes.back().get());
+      applier->attach(*volumes.back());
     }
-    next = first;
-    applier = std::make_unique<Applier>(
-        *queue, rows, Applier::FirstNumbers{{7, first}, {8, 1}},
-        [this](const VolumeRows* volume, const std::string& reason) { doubt(volume, reason); });
     thread = std::thread([this] { applier->run(); });
   }
   void end() {
@@ -291,7 +291,9 @@ TEST_F(ApplierTest, ACatalogueThatCannotBeWrittenIsDoubtedAndStillWakesWhoeverWa
   start();
   create("a", 'A');
   settle();
-  EXPECT_THAT(doubts, ElementsAre("0: the catalogue could not be written"));
+  EXPECT_THAT(
+      doubts,
+      ElementsAre("0: the catalogue could not be written: no (SQLite 19: constraint failed)"));
   EXPECT_THAT(names(0), ElementsAre("/volume"));
   EXPECT_THAT(names(1), ElementsAre("/volume", "a"));
 }

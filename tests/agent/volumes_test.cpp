@@ -497,13 +497,17 @@ TEST_F(VolumesTest, TheStateIsTheOneOfTheProcessThatWatches) {
   EXPECT_EQ(list().at(0).at("state"), "live");
 
   volumes({"remove", mount.path()});
-  expectRefused(volumes({"refresh"}), numbered(1) + " is in use by process " +
-                                          std::to_string(watch.pid()) +
-                                          " (kddc watch); stop it first");
-  EXPECT_EQ(list().at(0).at("state"), "live");
+  // It is let go of within some seconds, and may be forgotten then.
+  ASSERT_TRUE(watch.waitUntil([&] {
+    const Outcome outcome = volumes({"refresh"});
+    if (outcome.exitCode == 0) return outcome.out == "removed " + mount.path() + "\n";
+    EXPECT_EQ(outcome.err, "kddc: " + numbered(1) + " is in use by process " +
+                               std::to_string(watch.pid()) + " (kddc watch); stop it first\n");
+    return false;
+  }));
+  EXPECT_EQ(watch.err(), "kddc: " + mount.path() + " is not registered any more\n");
   watch.signal(SIGTERM);
   EXPECT_EQ(watch.finish().exitCode, 0);
-  EXPECT_EQ(refresh().out, "removed " + mount.path() + "\n");
 }
 
 TEST_F(VolumesTest, AVolumeThatIsWatchedWhenItIsRegisteredKeepsItsCatalogue) {
@@ -518,8 +522,7 @@ TEST_F(VolumesTest, AVolumeThatIsWatchedWhenItIsRegisteredKeepsItsCatalogue) {
 }
 
 TEST_F(VolumesTest, WithoutARegisteredVolumeThereIsNothingToWatch) {
-  expectRefused(run({"watch"}),
-                "no volume is registered and mounted; name one, or see: kddc volumes --help");
+  expectRefused(run({"watch"}), "no volume is registered; name one, or see: kddc volumes --help");
 }
 
 TEST_F(VolumesTest, ADamagedRegistryIsNamedAndLeftAlone) {

@@ -106,10 +106,11 @@ TEST_F(WatchStop, NumbersOfRecordsGoOnOverARestart) {
   EXPECT_THAT(program->err(), IsEmpty());
 }
 
-TEST_F(WatchStop, AfterACrashItScansAgainAndGivesNoNumberTwice) {
+TEST_F(WatchStop, AfterACrashItComparesKeepsInodesAndGivesNoNumberTwice) {
   auto program = watch();
   write("before");
   flush();
+  const Words inode = rows("SELECT INODE,TIME FROM FILES WHERE NAME='before'");
   program->signal(SIGKILL);
   EXPECT_EQ(program->finish().exitCode, 128 + SIGKILL);
   write("meanwhile");
@@ -117,6 +118,8 @@ TEST_F(WatchStop, AfterACrashItScansAgainAndGivesNoNumberTwice) {
   EXPECT_EQ(program->err(), "");
   write("after");
   flush();
+  EXPECT_EQ(rows("SELECT INODE,TIME FROM FILES WHERE NAME='before'"), inode);
+  EXPECT_THAT(reasons(), ElementsAre("it was not watched for a while"));
   EXPECT_EQ(listed(), (Words{".", "after", "before", "lost+found", "meanwhile"}));
   stop(*program);
   EXPECT_GT(numbers().next, kFarAhead);
