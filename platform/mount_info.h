@@ -11,15 +11,26 @@
 
 namespace kddc {
 
+inline constexpr const char* kMountInfo = "/proc/self/mountinfo";
+
 struct MountInfo {
-  int id;        // as statx and name_to_handle_at give it
-  dev_t device;  // of the file system; where that is anonymous, files may show others
+  int id;              // as statx and name_to_handle_at give it
+  int parent;          // the id of the mount that it is mounted on, which the table need not hold
+  dev_t device;        // of the file system; where that is anonymous, files may show others
+  std::string source;  // what is mounted, such as "/dev/sda1"
   std::string mountPoint;
   std::string fsType;
   bool isLocal;  // holds files of this host: neither on the network nor made up
 };
 
-// Reads /proc/self/mountinfo. KdException when that fails.
-std::vector<MountInfo> readMountInfo();
+// Reads the table, or another file of its form. KdException when that fails.
+std::vector<MountInfo> readMountInfo(const std::string& file = kMountInfo);
+
+// The mount that `path` leads to, which must be absolute and without symbolic links; none when no
+// mount of the table holds it. Asks the table alone, so no server that is dead can hold it up.
+const MountInfo* mountOf(const std::vector<MountInfo>& mounts, const std::string& path);
+
+// Whether `path` is `folder`, or lies below it.
+bool isAtOrBelow(const std::string& path, const std::string& folder);
 
 }  // namespace kddc

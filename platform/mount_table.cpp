@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <set>
 #include <utility>
 
 #include "platform/failure.h"
@@ -99,11 +100,43 @@ bool GetFailOverDbPath(const char* mountPoint, std::string& path) {
   return KDPlatformInfo::getString("FailOver", mountPoint, &path) != 0;
 }
 
-std::vector<kddc::MountInfo> kddc::readMountInfo() {
+namespace kddc {
+
+std::vector<MountInfo> readMountInfo(const std::string& file) {
   std::vector<MountInfo> mounts;
-  forEachMount("/proc/self/mountinfo", [&](libmnt_fs* fs) {
-    mounts.push_back({mnt_fs_get_id(fs), mnt_fs_get_devno(fs), textOrEmpty(mnt_fs_get_target(fs)),
+  forEachMount(file, [&](libmnt_fs* fs) {
+    mounts.push_back({mnt_fs_get_id(fs), mnt_fs_get_parent_id(fs), mnt_fs_get_devno(fs),
+                      textOrEmpty(mnt_fs_get_source(fs)), textOrEmpty(mnt_fs_get_target(fs)),
                       textOrEmpty(mnt_fs_get_fstype(fs)), isLocal(fs)});
   });
   return mounts;
 }
+
+bool isAtOrBelow(const std::string& path, const std::string& folder) {
+  if (folder == "/") return path.starts_with('/');
+  return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+// The way the kernel goes: from mount to mount, over the first mount point on the way. The longest
+// mount point may lie hidden below another mount.
+const MountInfo* mountOf(const std::vector<MountInfo>& mounts, const std::string& path) {
+  std::set<int> known;
+  for (const MountInfo& mount : mounts) known.insert(mount.id);
+  const auto isNext = [&](const MountInfo& mount, const MountInfo* at) {
+    if (!isAtOrBelow(path, mount.mountPoint)) return false;
+    if (at) return mount.parent == at->id && mount.id != at->id;
+    return mount.parent == mount.id || !known.contains(mount.parent);
+  };
+  const MountInfo* at = nullptr;
+  for (std::size_t steps = 0; steps < mounts.size(); ++steps) {
+    const MountInfo* next = nullptr;
+    for (const MountInfo& mount : mounts)
+      if (isNext(mount, at) && (!next || mount.mountPoint.size() <= next->mountPoint.size()))
+        next = &mount;
+    if (!next) break;
+    at = next;
+  }
+  return at;
+}
+
+}  // namespace kddc

@@ -27,6 +27,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/mount_info.h"
 #include "tests/support/temp_folder.h"
 
 namespace kddc::test {
@@ -74,6 +75,11 @@ class LoopMount {
     struct stat st {};
     if (::stat(path().c_str(), &st) != 0) throw std::system_error(errno, std::generic_category());
     return st.st_dev;
+  }
+
+  // The loop device that is mounted; empty where there is none.
+  std::string loopDevice() const {
+    return usesImage(fsType_) ? mountOf(readMountInfo(), path())->source : "";
   }
 
   // Unmounts as a user would: throws when something holds it busy.
