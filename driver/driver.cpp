@@ -30,18 +30,6 @@ constexpr std::size_t kNamesAtOnce = 256;
 // A short nap apart: who made the change may have to wait for a processor.
 constexpr int kResolveTimes = 50;
 
-UniqueFd openRoot(const std::string& path) {
-  UniqueFd root(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!root) throw std::system_error(errno, std::generic_category(), "cannot open " + path);
-  return root;
-}
-
-std::vector<UniqueFd> openRoots(const std::vector<std::string>& paths) {
-  std::vector<UniqueFd> roots;
-  for (const std::string& path : paths) roots.push_back(openRoot(path));
-  return roots;
-}
-
 // None when any root will do.
 const fsf_fid* rootOf(const auto& question) {
   return question.root ? &*question.root : nullptr;
@@ -58,7 +46,7 @@ UniqueFd makeWake() {
 Driver::Driver(DriverOptions options, DriverSinks sinks)
     : sinks_(std::move(sinks)),
       group_(options.roots.at(0), options.queue),
-      disk_({openRoots(options.roots), options.leaveOut, options.stubAttribute}),
+      disk_({options.roots, options.leaveOut, options.stubAttribute}),
       stream_(disk_.device(), options.firstSequence, sinks_.record),
       translator_(disk_,
                   {options.ownPid, options.leaveOut,
@@ -109,7 +97,7 @@ std::uint64_t Driver::endCapture(Reached reached) {
 
 std::uint64_t Driver::addRoot(const std::string& path, std::vector<fsf_fid> leaveOut) {
   Request request{Kind::kAddRoot, {}, path, {}};
-  request.opened = openRoot(path);
+  request.opened.emplace(path);
   request.leaveOut = std::move(leaveOut);
   return ask(std::move(request));
 }
@@ -281,7 +269,7 @@ void Driver::follow(Request& request) {
     translator_.leaveOut(folder);
   }
   try {
-    disk_.addRoot(std::move(request.opened));
+    disk_.addRoot(*std::move(request.opened));
   } catch (const std::exception& e) {
     sinks_.doubt("cannot follow " + request.name + ": " + e.what());
   }

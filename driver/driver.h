@@ -137,7 +137,7 @@ class Driver {
     Reached reached;
     std::optional<fsf_fid> root = {};
     std::uint64_t number = 0;
-    UniqueFd opened = {};
+    std::optional<DetachedFolder> opened = {};
     std::vector<fsf_fid> leaveOut = {};
   };
   // A resolve() that is to be asked again.

@@ -13,11 +13,11 @@
 #include <climits>
 #include <iterator>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "platform/file_handle.h"
+#include "platform/mount_info.h"
 #include "platform/stub_attribute.h"
 #include "records/fsf_fid.h"
 
@@ -26,6 +26,7 @@ namespace {
 
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kEntryFlags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kWayFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 constexpr int kTries = 100;
 constexpr int kWorthListing = 4;
 constexpr std::size_t kMostListed = 4096;
@@ -50,6 +51,14 @@ Identity identityOrThrow(int fd) {
   if (const int result = identityOf(fd, identity); result < 0)
     throw std::system_error(-result, std::generic_category(), "cannot look at a volume's root");
   return identity;
+}
+
+// What the kernel calls the file of a descriptor.
+std::string linkText(int fd) {
+  std::array<char, PATH_MAX> path;
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  const ssize_t length = readlink(link.c_str(), path.data(), path.size());
+  return {path.data(), length < 0 ? 0 : static_cast<std::size_t>(length)};
 }
 
 // 0, or a negative errno.
@@ -101,27 +110,29 @@ class OpenListing : public Listing {
 
 LiveDisk::LiveDisk(LiveDiskOptions options)
     : leaveOut_(std::move(options.leaveOut)), stubAttribute_(std::move(options.stubAttribute)) {
-  for (UniqueFd& root : options.roots) addRoot(std::move(root));
+  for (const std::string& path : options.roots) addRoot(DetachedFolder(path));
 }
 
-void LiveDisk::addRoot(UniqueFd root) {
-  const Identity identity = identityOrThrow(root.get());
+void LiveDisk::addRoot(DetachedFolder root) {
+  const Identity identity = identityOrThrow(root.fd());
   if (!roots_.empty() && identity.st.st_dev != device_)
     throw std::invalid_argument("the volumes lie on several file systems");
+  roots_.push_back({std::move(root), identity.fid});
   device_ = identity.st.st_dev;
-  roots_.push_back(identity.fid);
-  mounts_.push_back(std::move(root));
 }
 
 void LiveDisk::dropRoot(const fsf_fid& root) {
-  const auto at = std::ranges::find(roots_, root);
-  if (at == roots_.end() || roots_.size() == 1) return;
-  mounts_.erase(mounts_.begin() + (at - roots_.begin()));
-  roots_.erase(at);
+  if (roots_.size() > 1) std::erase_if(roots_, [&](const Root& r) { return r.fid == root; });
   forget();
 }
 
+void LiveDisk::forget() {
+  folder_ = {};
+  knowsCovered_ = false;
+}
+
 Look LiveDisk::lookUp(const fsf_fid& folder, const std::string& name) {
+  if (isCovered(folder, name)) return {};
   if (const int result = openFolder(folder); result < 0) return failed(-result);
   if (folder_.names && !folder_.names->contains(name)) return {};
   const UniqueFd fd(openat(folder_.fd.get(), name.c_str(), kEntryFlags));
@@ -165,14 +176,18 @@ int LiveDisk::openFolder(const fsf_fid& folder) {
 }
 
 // ext4 says ENOMEM for a moment while it makes a new file where the one asked for has been.
-UniqueFd LiveDisk::open(const fsf_fid& fid, int flags) const {
+UniqueFd LiveDisk::open(const Root& through, const fsf_fid& fid, int flags) {
   int fd = -ENOMEM;
   for (int tries = 0; fd == -ENOMEM && tries < kTries; ++tries) {
     if (tries > 0) sched_yield();
-    fd = openByFid(mounts_.front().get(), fid, flags);
+    fd = openByFid(through.folder.fd(), fid, flags);
   }
   if (fd < 0) errno = -fd;
   return UniqueFd(fd);
+}
+
+UniqueFd LiveDisk::open(const fsf_fid& fid, int flags) const {
+  return open(roots_.front(), fid, flags);
 }
 
 // By a name one may come to another mount, by an identifier never: what is the root of its mount is
@@ -198,40 +213,72 @@ bool LiveDisk::isLeftOut(const Identity& identity) const {
   return identity.st.st_dev != device_ || contains(leaveOut_, identity.fid);
 }
 
+bool LiveDisk::isCovered(const fsf_fid& folder, const std::string& name) {
+  renewCovered();
+  return std::ranges::any_of(roots_, [&](const Root& root) {
+    return findCovered(root.folder.covered(), folder, name) != nullptr;
+  });
+}
+
+bool LiveDisk::isHidden(const fsf_fid& fid) const {
+  return std::ranges::any_of(roots_, [&](const Root& root) {
+    return std::ranges::find(root.folder.covered(), fid, &CoveredPlace::fid) !=
+           root.folder.covered().end();
+  });
+}
+
+void LiveDisk::renewCovered() {
+  if (std::exchange(knowsCovered_, true) || !mountChanges_.any()) return;
+  for (Root& root : roots_) root.folder.readCovered();
+}
+
 Whereabouts LiveDisk::whereabouts(const fsf_fid& fid, const fsf_fid* root) {
-  UniqueFd file = open(fid, kEntryFlags);
+  renewCovered();
+  bool isUnknown = false;
+  for (const Root& one : roots_) {
+    const Whereabouts where = whereaboutsIn(one, fid, root ? *root : one.fid);
+    if (where == Whereabouts::kGone || where == Whereabouts::kInside) return where;
+    isUnknown = isUnknown || where == Whereabouts::kUnknown;
+  }
+  return isUnknown ? Whereabouts::kUnknown : Whereabouts::kOutside;
+}
+
+// The mount of a volume ends at its root: upwards, and by path, it tells only of what lies below.
+Whereabouts LiveDisk::whereaboutsIn(const Root& mount, const fsf_fid& fid,
+                                    const fsf_fid& root) const {
+  UniqueFd file = open(mount, fid, kEntryFlags);
   if (!file) return meansGone(errno) ? Whereabouts::kGone : Whereabouts::kUnknown;
   struct stat st {};
   if (fstat(file.get(), &st) != 0) return Whereabouts::kUnknown;
   if (S_ISDIR(st.st_mode)) return climb(std::move(file), root);
-  UniqueFd folder = folderOf(file.get());
+  if (isHidden(fid)) return Whereabouts::kOutside;
+  UniqueFd folder = folderOf(file.get(), mount);
   return folder ? climb(std::move(folder), root) : Whereabouts::kOutside;
 }
 
 // The kernel knows the folder of a file only by the name that it was last reached by. It knows none
-// when no name was used of late, and says "/"; then none is being made, either.
-UniqueFd LiveDisk::folderOf(int file) const {
-  std::array<char, PATH_MAX> path;
-  const std::string link = "/proc/self/fd/" + std::to_string(file);
-  const ssize_t length = readlink(link.c_str(), path.data(), path.size());
-  const std::string_view text(path.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
-  const std::size_t slash = text.rfind('/');
-  if (slash == std::string_view::npos || text == "/") return {};
-  return UniqueFd(
-      ::open(std::string(text.substr(0, slash + 1)).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+// when no name was used of late, and says "/", as it does where no name leads from the mount's root
+// to the file; if it was for the former, none is being made, either.
+UniqueFd LiveDisk::folderOf(int file, const Root& mount) {
+  std::string path = linkText(file);
+  const std::string top = linkText(mount.folder.fd());
+  if (path == "/" || !isAtOrBelow(path, top)) return {};
+  path = path.substr(top == "/" ? 1 : top.size() + 1);
+  path.resize(path.rfind('/') == path.npos ? 0 : path.rfind('/'));
+  return UniqueFd(openat(mount.folder.fd(), ("./" + path).c_str(), kWayFlags));
 }
 
 // Upwards by "..": a path would end at 4096 bytes, and may speak of another mount.
-Whereabouts LiveDisk::climb(UniqueFd folder, const fsf_fid* root) const {
+Whereabouts LiveDisk::climb(UniqueFd folder, const fsf_fid& root) const {
   fsf_fid below{};
   for (;;) {
     Identity identity;
     if (identityOf(folder.get(), identity) < 0) return Whereabouts::kUnknown;
     if (identity.st.st_dev != device_ || identity.fid == below) return Whereabouts::kOutside;
-    if (contains(leaveOut_, identity.fid)) return Whereabouts::kOutside;
-    if (root ? identity.fid == *root : contains(roots_, identity.fid)) return Whereabouts::kInside;
+    if (contains(leaveOut_, identity.fid) || isHidden(identity.fid)) return Whereabouts::kOutside;
+    if (identity.fid == root) return Whereabouts::kInside;
     below = identity.fid;
-    UniqueFd parent(openat(folder.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd parent(openat(folder.get(), "..", kWayFlags));
     if (!parent) return meansGone(errno) ? Whereabouts::kOutside : Whereabouts::kUnknown;
     folder = std::move(parent);
   }

@@ -5,8 +5,12 @@
 //
 // Attributes and identifier of a find are taken from one descriptor, so they belong together. Only
 // folders are opened for reading; all else as O_PATH, because a FIFO would block, a device act and
-// a stub bring its data back. Holds one descriptor for each root, which keeps the file system from
-// being unmounted, and between two calls of forget() one more.
+// a stub bring its data back. Holds one descriptor for each root, and between two calls of forget()
+// one more, and the mount table. None of them keeps a volume from being unmounted, see
+// platform/detached_folder.h; its device is in use until the object goes.
+//
+// What something is mounted on is absent, though the mounts that we look through do not have it.
+// After each forget() the mount table is asked whether that is still so.
 #pragma once
 
 #include <optional>
@@ -15,22 +19,23 @@
 #include <vector>
 
 #include "driver/disk.h"
+#include "platform/detached_folder.h"
 #include "platform/identity.h"
+#include "platform/mount_changes.h"
 #include "platform/unique_fd.h"
 
 namespace kddc {
 
 struct LiveDiskOptions {
-  // The volumes: folders of one file system, open for reading (not O_PATH). At least one.
-  std::vector<UniqueFd> roots;
-  std::vector<fsf_fid> leaveOut;  // folders
+  std::vector<std::string> roots;  // the volumes: folders of one file system, at least one
+  std::vector<fsf_fid> leaveOut;   // folders
   std::string stubAttribute;
 };
 
 class LiveDisk : public Disk {
  public:
-  // Throws std::system_error when a root cannot be looked at, std::invalid_argument when they lie
-  // on several file systems.
+  // Throws std::system_error when a root cannot be opened, std::invalid_argument when they lie on
+  // several file systems.
   explicit LiveDisk(LiveDiskOptions options);
 
   Look lookUp(const fsf_fid& folder, const std::string& name) override;
@@ -38,10 +43,10 @@ class LiveDisk : public Disk {
   std::unique_ptr<Listing> list(const fsf_fid& folder) override;
   using Disk::whereabouts;
   Whereabouts whereabouts(const fsf_fid& fid, const fsf_fid* root) override;
-  void forget() override { folder_ = {}; }
+  void forget() override;
 
   // Another volume on the file system, and folders that are no part of it; as in LiveDiskOptions.
-  void addRoot(UniqueFd root);
+  void addRoot(DetachedFolder root);
   void leaveOut(const fsf_fid& folder) { leaveOut_.push_back(folder); }
   // Lets go of a volume. One must stay.
   void dropRoot(const fsf_fid& root);
@@ -50,6 +55,10 @@ class LiveDisk : public Disk {
   dev_t device() const { return device_; }
 
  private:
+  struct Root {
+    DetachedFolder folder;
+    fsf_fid fid{};
+  };
   // The folder that names were looked up in last.
   struct Folder {
     fsf_fid fid{};
@@ -64,16 +73,22 @@ class LiveDisk : public Disk {
   void noteAbsent();
   // None, and errno, on failure.
   UniqueFd open(const fsf_fid& fid, int flags) const;
+  static UniqueFd open(const Root& through, const fsf_fid& fid, int flags);
   Look examine(int fd, bool byName) const;
   bool isLeftOut(const Identity& identity) const;
-  UniqueFd folderOf(int file) const;
-  Whereabouts climb(UniqueFd folder, const fsf_fid* root) const;
+  bool isCovered(const fsf_fid& folder, const std::string& name);
+  bool isHidden(const fsf_fid& fid) const;
+  void renewCovered();
+  static UniqueFd folderOf(int file, const Root& root);
+  Whereabouts whereaboutsIn(const Root& mount, const fsf_fid& fid, const fsf_fid& root) const;
+  Whereabouts climb(UniqueFd folder, const fsf_fid& root) const;
 
-  std::vector<UniqueFd> mounts_;  // the roots, open
-  std::vector<fsf_fid> roots_;
+  std::vector<Root> roots_;
   std::vector<fsf_fid> leaveOut_;
   std::string stubAttribute_;
   dev_t device_ = 0;
+  MountChanges mountChanges_;
+  bool knowsCovered_ = false;
 
   Folder folder_;
 };

@@ -39,6 +39,11 @@ std::size_t openDescriptors() {
       std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
+// Whether nobody uses a device: as mkfs would, asks for it alone.
+bool isFree(const std::string& device) {
+  return static_cast<bool>(UniqueFd(open(device.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC)));
+}
+
 struct LiveDiskTest : testing::TestWithParam<const char*> {
   std::unique_ptr<LoopMount> mount;
 
@@ -60,8 +65,7 @@ struct LiveDiskTest : testing::TestWithParam<const char*> {
   // The disk of a volume: the whole file system, or a folder on it.
   LiveDisk disk(const std::string& root = "", std::vector<fsf_fid> leaveOut = {}) const {
     LiveDiskOptions options;
-    const std::string at = root.empty() ? mount->path() : path(root);
-    options.roots.emplace_back(open(at.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    options.roots = {root.empty() ? mount->path() : path(root)};
     options.leaveOut = std::move(leaveOut);
     options.stubAttribute = "trusted.stub";
     return LiveDisk(std::move(options));
@@ -276,17 +280,89 @@ TEST_P(LiveDiskAnywhere, NamesOfAnyByteAreFound) {
   EXPECT_EQ(disk().lookUp(root(), name).sight, Sight::kThere);
 }
 
-TEST_P(LiveDiskAnywhere, WhatIsMountedBelowIsAbsent) {
-  folder("d");
+TEST_P(LiveDiskTest, WhatIsMountedBelowIsAbsent) {
+  const fsf_fid hidden = fidAt(folder("d/hidden")), file = fidAt(write("d/hidden/file"));
   folder("bound");
+  write("f");
+  const fsf_fid plain = fidAt(path("f"));
   LiveDisk disk = this->disk();
   ASSERT_EQ(::mount("none", path("d").c_str(), "tmpfs", 0, ""), 0);
   ASSERT_EQ(::mount(mount->path().c_str(), path("bound").c_str(), nullptr, MS_BIND, nullptr), 0);
-  EXPECT_EQ(disk.lookUp(root(), "d").sight, Sight::kAbsent);
-  EXPECT_EQ(disk.lookUp(root(), "bound").sight, Sight::kAbsent);
-  umount2(path("bound").c_str(), MNT_DETACH);
-  umount2(path("d").c_str(), MNT_DETACH);
-  EXPECT_EQ(disk.lookUp(root(), "d").sight, Sight::kThere);
+  ASSERT_EQ(::mount("/dev/null", path("f").c_str(), nullptr, MS_BIND, nullptr), 0);
+  for (const char* name : {"d", "bound", "f"})
+    EXPECT_EQ(disk.lookUp(root(), name).sight, Sight::kAbsent) << name;
+  for (const fsf_fid& fid : {hidden, file, plain})
+    EXPECT_EQ(disk.whereabouts(fid), Whereabouts::kOutside);
+  for (const char* name : {"d", "bound", "f"}) umount2(path(name).c_str(), 0);
+  disk.forget();
+  for (const char* name : {"d", "bound", "f"})
+    EXPECT_EQ(disk.lookUp(root(), name).sight, Sight::kThere) << name;
+  for (const fsf_fid& fid : {hidden, file, plain})
+    EXPECT_EQ(disk.whereabouts(fid), Whereabouts::kInside);
+}
+
+TEST_P(LiveDiskTest, OfAFileWithTwoNamesOneMountHidesOne) {
+  write("a");
+  ASSERT_EQ(link(path("a").c_str(), path("b").c_str()), 0);
+  ASSERT_EQ(::mount("/dev/null", path("a").c_str(), nullptr, MS_BIND, nullptr), 0);
+  LiveDisk disk = this->disk();
+  EXPECT_EQ(disk.lookUp(root(), "a").sight, Sight::kAbsent);
+  EXPECT_EQ(disk.lookUp(root(), "b").sight, Sight::kThere);
+  umount2(path("a").c_str(), 0);
+}
+
+TEST_P(LiveDiskTest, AVolumeCanBeUnmountedAtOnceAndItsDeviceIsFreeLater) {
+  const fsf_fid d = fidAt(folder("d")), f = fidAt(write("d/f", "12345"));
+  std::optional<LiveDisk> disk(this->disk());
+  ASSERT_EQ(disk->lookUp(d, "f").sight, Sight::kThere);  // leaves the folder open
+  const std::string device = mount->loopDevice();
+  mount->unmount();
+  EXPECT_EQ(disk->lookAt(f).st.st_size, 5);
+  EXPECT_EQ(disk->whereabouts(f), Whereabouts::kInside);
+  EXPECT_TRUE(device.empty() || !isFree(device));
+  disk.reset();
+  EXPECT_TRUE(device.empty() || isFree(device));
+}
+
+TEST_P(LiveDiskTest, WhatWasMountedBelowIsNotUncoveredByALazyUnmount) {
+  const fsf_fid top = root(), hidden = fidAt(folder("d/hidden"));
+  LiveDisk disk = this->disk();
+  ASSERT_EQ(::mount("none", path("d").c_str(), "tmpfs", 0, ""), 0);
+  ASSERT_EQ(disk.lookUp(top, "d").sight, Sight::kAbsent);
+  ASSERT_EQ(umount2(mount->path().c_str(), MNT_DETACH), 0);
+  disk.forget();
+  EXPECT_EQ(disk.lookUp(top, "d").sight, Sight::kAbsent);
+  EXPECT_EQ(disk.whereabouts(hidden), Whereabouts::kOutside);
+}
+
+TEST_P(LiveDiskTest, VolumesSideBySideAreEachSeenWhole) {
+  folder("one");
+  folder("two");
+  LiveDiskOptions options;
+  options.roots = {path("one"), path("two")};
+  options.stubAttribute = "trusted.stub";
+  LiveDisk disk(std::move(options));
+  const fsf_fid one = fidAt(path("one")), two = fidAt(path("two"));
+  for (const fsf_fid& fid :
+       {fidAt(folder("two/d")), fidAt(write("two/d/f")), fidAt(write("two/f"))}) {
+    EXPECT_EQ(disk.whereabouts(fid), Whereabouts::kInside);
+    EXPECT_EQ(disk.whereabouts(fid, &two), Whereabouts::kInside);
+    EXPECT_EQ(disk.whereabouts(fid, &one), Whereabouts::kOutside);
+  }
+  EXPECT_EQ(disk.lookUp(fidAt(path("two/d")), "f").sight, Sight::kThere);
+  for (const fsf_fid& fid : {fidAt(folder("d")), fidAt(write("d/f")), fidAt(write("f"))})
+    EXPECT_EQ(disk.whereabouts(fid), Whereabouts::kOutside);
+}
+
+// The path that the kernel tells of a file outside may, by chance, be that of a folder inside.
+TEST_P(LiveDiskTest, AFolderOutsideIsNotTakenForOneOfTheSameNameInside) {
+  folder("volume/volume/d");
+  folder("volume/d");
+  folder("d");
+  LiveDisk disk = this->disk("volume");
+  EXPECT_EQ(disk.whereabouts(fidAt(write("d/f"))), Whereabouts::kOutside);
+  EXPECT_EQ(disk.whereabouts(fidAt(write("volume/d/f"))), Whereabouts::kInside);
+  EXPECT_EQ(disk.whereabouts(fidAt(write("volume/volume/d/f"))), Whereabouts::kInside);
 }
 
 TEST_P(LiveDiskAnywhere, WhatIsLeftOutIsAbsent) {
@@ -374,8 +450,7 @@ TEST_P(LiveDiskAnywhere, WithoutDescriptorsLeftAFolderIsNotTakenForEmpty) {
 
 TEST_P(LiveDiskAnywhere, VolumesMustLieOnOneFileSystem) {
   LiveDiskOptions options;
-  options.roots.emplace_back(open(mount->path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  options.roots.emplace_back(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  options.roots = {mount->path(), "/proc"};
   EXPECT_THROW(LiveDisk{std::move(options)}, std::invalid_argument);
 }
 
