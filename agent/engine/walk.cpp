@@ -109,7 +109,7 @@ class TreeWalk {
   void lookWithHelp(int folder);
   void meetByDescriptor(Frame& frame, const char* name);
   void accept(Frame& frame, const char* name, const Found& found);
-  bool isLeftOut(const Identity& identity);
+  bool isLeftOut(const Frame& frame, const char* name, const Identity& identity);
 
   void leave();
   void visitNext();
@@ -248,7 +248,7 @@ void TreeWalk::meetByDescriptor(Frame& frame, const char* name) {
 
 void TreeWalk::accept(Frame& frame, const char* name, const Found& found) {
   if (found.error != 0 && !meansVanished(found.error)) fail(frame, name, found.error);
-  if (found.error != 0 || isLeftOut(found.identity)) return;
+  if (found.error != 0 || isLeftOut(frame, name, found.identity)) return;
   sink_({found.identity.st, found.identity.fid, frame.number, found.isStub, name});
   ++counts_.entries;
   if (S_ISDIR(found.identity.st.st_mode)) frame.pending.add(name, found.identity.fid, ++folders_);
@@ -256,9 +256,10 @@ void TreeWalk::accept(Frame& frame, const char* name, const Found& found) {
 
 // A mounted file system has identifiers of its own, and a folder mounted a second time would be
 // found twice. Other device numbers are a subvolume's; an overlay gives them to plain files too.
-bool TreeWalk::isLeftOut(const Identity& identity) {
+bool TreeWalk::isLeftOut(const Frame& frame, const char* name, const Identity& identity) {
   const bool isFolder = S_ISDIR(identity.st.st_mode);
-  if (identity.isMountRoot || (isFolder && identity.st.st_dev != device_)) {
+  if (identity.isMountRoot || (isFolder && identity.st.st_dev != device_) ||
+      findCovered(options_.covered, frame.fid, name)) {
     ++counts_.mountsLeftOut;
     return true;
   }

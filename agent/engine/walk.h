@@ -29,6 +29,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/detached_folder.h"
 #include "platform/file_id.h"
 #include "platform/unique_fd.h"
 
@@ -44,6 +45,8 @@ struct FileKey {
 struct WalkOptions {
   std::string stubAttribute;      // regular files that carry it are stubs
   std::vector<FileKey> leaveOut;  // folders that are not reported and not entered
+  // Names that count as mounted upon, though the root's own mount does not have it so.
+  std::vector<CoveredPlace> covered = {};
   std::size_t openFolders = 128;  // how many descriptors the walk may hold
   // Whether a second thread helps to look at the entries of large folders.
   bool helped = false;

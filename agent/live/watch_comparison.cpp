@@ -129,7 +129,8 @@ CompareCounts WatchSession::compareNow(Volume& volume) {
                              }};
   WalkOptions options = walkOptions(volume);
   options.folderLost = [&](const fsf_fid& folder) { volume.port->list(folder); };
-  const CompareCounts met = compareVolume(openRoot(volume.plan.path), volume.plan.path, options,
+  UniqueFd root = openRoot(volume.plan.path, options);
+  const CompareCounts met = compareVolume(std::move(root), volume.plan.path, options,
                                           volume.plan.catalogue, questions, wishes);
   questions.findStrays(met);
   if (!catchUp(volume, ends)) throw Stopped();

@@ -69,10 +69,14 @@ void addFid(const std::string& folder, dev_t device, std::vector<fsf_fid>& fids)
 
 }  // namespace
 
-UniqueFd openRoot(const std::string& path) {
-  UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!fd) throw systemFailure("cannot read the volume " + path, errno);
-  return fd;
+UniqueFd openRoot(const std::string& path, WalkOptions& options) {
+  try {
+    DetachedFolder folder(path);
+    options.covered = folder.covered();
+    return folder.take();
+  } catch (const std::system_error& e) {
+    throw systemFailure("cannot read the volume " + path, e.code().value());
+  }
 }
 
 WatchSession::InHand::InHand(WatchSession& session, Volume& volume)
@@ -220,8 +224,8 @@ void WatchSession::scan(Volume& volume) {
   try {
     fresh->rows().setTick([&] { return !isEnding(volume); });
     during("cannot scan " + volume.plan.path, [&] {
-      fullScan(openRoot(volume.plan.path), volume.plan.path, options, fresh->rows(),
-               listeners_.progress);
+      UniqueFd root = openRoot(volume.plan.path, options);
+      fullScan(std::move(root), volume.plan.path, options, fresh->rows(), listeners_.progress);
     });
     fresh->publish(began);
   } catch (const Failure&) {

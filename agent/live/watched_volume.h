@@ -78,7 +78,8 @@ class WatchSession::InHand {
   Volume& volume_;
 };
 
-// Opens the folder of a volume for reading; Failure when that is not possible.
-UniqueFd openRoot(const std::string& path);
+// Opens the folder of a volume for a walk, so that it can be unmounted meanwhile, and tells the walk
+// what to pass over in it. Failure when that is not possible.
+UniqueFd openRoot(const std::string& path, WalkOptions& options);
 
 }  // namespace kddc

@@ -236,6 +236,32 @@ TEST_F(WalkTest, WhatIsMountedBelowIsLeftOut) {
   EXPECT_EQ(seen.counts.mountsLeftOut, 2u);
 }
 
+TEST_F(WalkTest, ThroughAMountOfItsOwnTheSameIsLeftOutAndUnmountingDoesNotEndIt) {
+  if (const std::string why = LoopMount::whyNot("ext4"); !why.empty()) GTEST_SKIP() << why;
+  LoopMount volume("ext4");
+  std::filesystem::create_directories(volume / "a/mounted/hidden");
+  std::filesystem::create_directories(volume / "b/mounted");
+  std::ofstream(volume / "file");
+  std::ofstream(volume / "bound");
+  ASSERT_EQ(mount("none", (volume / "a/mounted").c_str(), "tmpfs", 0, nullptr), 0);
+  ASSERT_EQ(mount("/dev/null", (volume / "bound").c_str(), nullptr, MS_BIND, nullptr), 0);
+  const Seen visible = walk(volume.path());
+
+  DetachedFolder root(volume.path());
+  options.covered = root.covered();
+  umount((volume / "a/mounted").c_str());
+  umount((volume / "bound").c_str());
+  bool isFirst = true;
+  Seen seen;
+  seen.counts = walkTree(root.take(), "/root", options, [&](const WalkedEntry& entry) {
+    if (std::exchange(isFirst, false)) volume.unmount();
+    seen.add(entry);
+  });
+  EXPECT_THAT(seen.paths(), UnorderedElementsAre(".", "a", "b", "b/mounted", "file", "lost+found"));
+  EXPECT_EQ(seen.paths(), visible.paths());
+  EXPECT_EQ(seen.counts.mountsLeftOut, 2u);
+}
+
 TEST_F(WalkTest, AFileSystemWithoutUsableHandlesIsWalkedWithIdentifiersMadeOfInodes) {
   if (const std::string why = LoopMount::whyNot("overlay"); !why.empty()) GTEST_SKIP() << why;
   LoopMount volume("overlay");

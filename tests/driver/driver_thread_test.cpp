@@ -318,7 +318,7 @@ TEST_P(DriverTest, FollowsAnotherFolderAndLetsGoOfOne) {
   driver->look(fidAt(path("two")), "b");
   driver->look(fidAt(path("two")), "own");
   barrier();
-  EXPECT_THAT(taken(), ElementsAre("CREATE b", "REMOVE own 0 x0", "NOOP"));
+  EXPECT_THAT(taken(), ElementsAre("CREATE b", "SETATTR", "UNSTUB", "REMOVE own 0 x0", "NOOP"));
 }
 
 TEST_P(DriverTest, ResolveSaysFirstWhatIsQueued) {
