@@ -29,12 +29,6 @@ constexpr int kWayFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
   throw std::system_error(errno, std::generic_category(), "cannot open " + path);
 }
 
-// A copy of the mount, in no namespace, with the folder as its root.
-UniqueFd openDetached(int folder) {
-  const UniqueFd tree(open_tree(folder, "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH));
-  return tree ? UniqueFd(openat(tree.get(), ".", kFolderFlags)) : UniqueFd();
-}
-
 std::string pathOf(int fd) {
   std::array<char, PATH_MAX> path;
   const std::string link = "/proc/self/fd/" + std::to_string(fd);
@@ -73,14 +67,18 @@ bool same(const fsf_fid& a, const fsf_fid& b) {
 }  // namespace
 
 DetachedFolder::DetachedFolder(const std::string& path) {
-  const UniqueFd visible(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const UniqueFd visible(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!visible) fail(path);
   path_ = pathOf(visible.get());
   mount_ = mountIdOf(visible.get());
-  fd_ = openDetached(visible.get());
-  if (!fd_) fd_.reset(openat(visible.get(), ".", kFolderFlags));
+  tree_.reset(open_tree(visible.get(), "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH));
+  fd_.reset(openat((tree_ ? tree_ : visible).get(), ".", kFolderFlags));
   if (!fd_) fail(path);
   readCovered();
+}
+
+UniqueFd DetachedFolder::open() const {
+  return UniqueFd(openat(fd(), ".", kFolderFlags));
 }
 
 void DetachedFolder::readCovered() {

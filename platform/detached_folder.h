@@ -20,7 +20,6 @@
 
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "platform/file_id.h"
@@ -42,8 +41,8 @@ class DetachedFolder {
 
   // Not O_PATH: files can be opened by their identifiers through it.
   int fd() const { return fd_.get(); }
-  // Gives the descriptor to the caller.
-  UniqueFd take() { return std::move(fd_); }
+  // The same once more, with a place of its own in the list of names; none, and errno, on failure.
+  UniqueFd open() const;
 
   // The places below the folder, as of the last reading of the mount table.
   const std::vector<CoveredPlace>& covered() const { return covered_; }
@@ -52,6 +51,8 @@ class DetachedFolder {
   void readCovered();
 
  private:
+  // The mount. Through one that nothing holds but files, each look locks all mounts of the host.
+  UniqueFd tree_;
   UniqueFd fd_;
   std::string path_;  // without symbolic links
   int mount_ = 0;     // the id of the visible mount

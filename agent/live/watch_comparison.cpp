@@ -129,8 +129,9 @@ CompareCounts WatchSession::compareNow(Volume& volume) {
                              }};
   WalkOptions options = walkOptions(volume);
   options.folderLost = [&](const fsf_fid& folder) { volume.port->list(folder); };
-  UniqueFd root = openRoot(volume.plan.path, options);
-  const CompareCounts met = compareVolume(std::move(root), volume.plan.path, options,
+  const DetachedFolder root = openRoot(volume.plan.path);
+  options.covered = root.covered();
+  const CompareCounts met = compareVolume(root.open(), volume.plan.path, options,
                                           volume.plan.catalogue, questions, wishes);
   questions.findStrays(met);
   if (!catchUp(volume, ends)) throw Stopped();

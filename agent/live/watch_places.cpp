@@ -69,11 +69,9 @@ void addFid(const std::string& folder, dev_t device, std::vector<fsf_fid>& fids)
 
 }  // namespace
 
-UniqueFd openRoot(const std::string& path, WalkOptions& options) {
+DetachedFolder openRoot(const std::string& path) {
   try {
-    DetachedFolder folder(path);
-    options.covered = folder.covered();
-    return folder.take();
+    return DetachedFolder(path);
   } catch (const std::system_error& e) {
     throw systemFailure("cannot read the volume " + path, e.code().value());
   }
@@ -224,8 +222,9 @@ void WatchSession::scan(Volume& volume) {
   try {
     fresh->rows().setTick([&] { return !isEnding(volume); });
     during("cannot scan " + volume.plan.path, [&] {
-      UniqueFd root = openRoot(volume.plan.path, options);
-      fullScan(std::move(root), volume.plan.path, options, fresh->rows(), listeners_.progress);
+      const DetachedFolder root = openRoot(volume.plan.path);
+      options.covered = root.covered();
+      fullScan(root.open(), volume.plan.path, options, fresh->rows(), listeners_.progress);
     });
     fresh->publish(began);
   } catch (const Failure&) {

@@ -17,8 +17,8 @@
 #include "agent/live/pacer.h"
 #include "agent/live/volume_place.h"
 #include "agent/live/watch_session.h"
+#include "platform/detached_folder.h"
 #include "platform/lock_file.h"
-#include "platform/unique_fd.h"
 
 namespace kddc {
 
@@ -78,8 +78,7 @@ class WatchSession::InHand {
   Volume& volume_;
 };
 
-// Opens the folder of a volume for a walk, so that it can be unmounted meanwhile, and tells the walk
-// what to pass over in it. Failure when that is not possible.
-UniqueFd openRoot(const std::string& path, WalkOptions& options);
+// Opens the folder of a volume for reading; Failure when that is not possible.
+DetachedFolder openRoot(const std::string& path);
 
 }  // namespace kddc

@@ -247,13 +247,13 @@ TEST_F(WalkTest, ThroughAMountOfItsOwnTheSameIsLeftOutAndUnmountingDoesNotEndIt)
   ASSERT_EQ(mount("/dev/null", (volume / "bound").c_str(), nullptr, MS_BIND, nullptr), 0);
   const Seen visible = walk(volume.path());
 
-  DetachedFolder root(volume.path());
+  const DetachedFolder root(volume.path());
   options.covered = root.covered();
   umount((volume / "a/mounted").c_str());
   umount((volume / "bound").c_str());
   bool isFirst = true;
   Seen seen;
-  seen.counts = walkTree(root.take(), "/root", options, [&](const WalkedEntry& entry) {
+  seen.counts = walkTree(root.open(), "/root", options, [&](const WalkedEntry& entry) {
     if (std::exchange(isFirst, false)) volume.unmount();
     seen.add(entry);
   });
