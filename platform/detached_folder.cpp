@@ -67,13 +67,14 @@ bool same(const fsf_fid& a, const fsf_fid& b) {
 }  // namespace
 
 DetachedFolder::DetachedFolder(const std::string& path) {
-  const UniqueFd visible(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd visible(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!visible) fail(path);
   path_ = pathOf(visible.get());
   mount_ = mountIdOf(visible.get());
   tree_.reset(open_tree(visible.get(), "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH));
   fd_.reset(openat((tree_ ? tree_ : visible).get(), ".", kFolderFlags));
   if (!fd_) fail(path);
+  visible.reset();  // keeps the mount busy
   readCovered();
 }
 

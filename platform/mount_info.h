@@ -14,13 +14,14 @@ namespace kddc {
 inline constexpr const char* kMountInfo = "/proc/self/mountinfo";
 
 struct MountInfo {
-  int id;              // as statx and name_to_handle_at give it
-  int parent;          // the id of the mount that it is mounted on, which the table need not hold
-  dev_t device;        // of the file system; where that is anonymous, files may show others
-  std::string source;  // what is mounted, such as "/dev/sda1"
-  std::string mountPoint;
-  std::string fsType;
-  bool isLocal;  // holds files of this host: neither on the network nor made up
+  int id = 0;        // as statx and name_to_handle_at give it
+  int parent = 0;    // the id of the mount that it is mounted on, which the table need not hold
+  dev_t device = 0;  // of the file system; where that is anonymous, files may show others
+  std::string source = {};  // what is mounted, such as "/dev/sda1"
+  std::string mountPoint = {};
+  std::string fsType = {};
+  bool isLocal = false;  // holds files of this host: neither on the network nor made up
+  bool mayHang = false;  // a look at it may wait for a server, or have something mounted
 };
 
 // Reads the table, or another file of its form. KdException when that fails.

@@ -74,9 +74,14 @@ void forEachMount(const std::string& path, Take take) {
 }
 
 // A server behind FUSE may be as dead as one behind a network file system.
+bool hasServer(libmnt_fs* fs) {
+  return mnt_fs_is_netfs(fs) != 0 || textOrEmpty(mnt_fs_get_fstype(fs)).starts_with("fuse");
+}
 bool isLocal(libmnt_fs* fs) {
-  const bool isFuse = textOrEmpty(mnt_fs_get_fstype(fs)).starts_with("fuse");
-  return mnt_fs_is_netfs(fs) == 0 && mnt_fs_is_pseudofs(fs) == 0 && !isFuse;
+  return !hasServer(fs) && mnt_fs_is_pseudofs(fs) == 0;
+}
+bool mayHang(libmnt_fs* fs) {
+  return hasServer(fs) || textOrEmpty(mnt_fs_get_fstype(fs)) == "autofs";
 }
 
 }  // namespace
@@ -107,7 +112,7 @@ std::vector<MountInfo> readMountInfo(const std::string& file) {
   forEachMount(file, [&](libmnt_fs* fs) {
     mounts.push_back({mnt_fs_get_id(fs), mnt_fs_get_parent_id(fs), mnt_fs_get_devno(fs),
                       textOrEmpty(mnt_fs_get_source(fs)), textOrEmpty(mnt_fs_get_target(fs)),
-                      textOrEmpty(mnt_fs_get_fstype(fs)), isLocal(fs)});
+                      textOrEmpty(mnt_fs_get_fstype(fs)), isLocal(fs), mayHang(fs)});
   });
   return mounts;
 }

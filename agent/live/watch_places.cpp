@@ -18,6 +18,7 @@
 #include "agent/errors.h"
 #include "agent/interrupt.h"
 #include "agent/live/watched_volume.h"
+#include "platform/ev_debug.h"
 #include "platform/file_handle.h"
 
 namespace kddc {
@@ -27,6 +28,7 @@ namespace {
 constexpr std::chrono::milliseconds kFarewell(500);
 // How often places are looked at while the mount table does not change.
 constexpr std::chrono::milliseconds kPlaces(1000);
+constexpr char kTag[] = "WatchSession";
 
 fsf_fid rootOf(const std::string& path) {
   fsf_fid fid;
@@ -95,34 +97,34 @@ WatchSession::InHand::~InHand() {
 WatchSession::Volume& WatchSession::add(WatchPlan::Volume plan) {
   auto volume = std::make_unique<Volume>();
   volume->plan = std::move(plan);
-  volume->mustBeMounted = plan_.registered != nullptr;
   volume->staleSince = std::time(nullptr);
   const std::lock_guard lock(mutex_);
   volumes_.push_back(std::move(volume));
   return *volumes_.back();
 }
 
-std::string WatchSession::absence(const Volume& volume) {
-  return volume.plan.path + (volume.mustBeMounted ? " is not mounted" : " is not there");
-}
-
-// None when only the folder that it is mounted on is there.
-std::optional<VolumePlace> WatchSession::standingAt(const Volume& volume) {
-  const auto place = placeOf(volume.plan.path);
-  return place && volume.mustBeMounted && !place->isMountRoot ? std::nullopt : place;
+// A registered one is what is mounted there.
+Standing WatchSession::standing(const Volume& volume, const std::optional<VolumeMount>& now) const {
+  if (volume.mount) return standingOf(*volume.mount, now);
+  const bool isThere = now && (!plan_.registered || now->place == volume.plan.path);
+  return isThere ? Standing::kOther : Standing::kGone;
 }
 
 void WatchSession::arrive(Volume& volume) {
-  const auto place = standingAt(volume);
-  if (!place) {
+  const std::string& path = volume.plan.path;
+  const auto now = volumeMountAt(path);
+  const Standing standing = this->standing(volume, now);
+  if (standing == Standing::kGone) {
+    // It has a reason to tell, perhaps.
+    if (!volume.mount && !plan_.registered) const FanotifyGroup group(path);
     const std::lock_guard lock(mutex_);
     volume.absent = true;
-    throw Absent(absence(volume));
+    throw Absent(path + " is not mounted");
   }
   if (!volume.lock) volume.lock = takeLock(volume.plan);
-  volume.place = *place;
-  volume.mustBeMounted = place->isMountRoot;
   const std::lock_guard lock(mutex_);
+  volume.isAnother = volume.mount && standing == Standing::kOther;
+  volume.mount = now;
   volume.failed = false;
 }
 
@@ -130,7 +132,9 @@ void WatchSession::arrive(Volume& volume) {
 void WatchSession::examine(Volume& volume) {
   const std::string& folder = volume.plan.catalogue;
   refuseWhileInUse(folder);
-  const CatalogueCondition condition = examineCatalogue(folder, volume.plan.path);
+  CatalogueCondition condition;
+  if (!std::exchange(volume.isAnother, false))
+    condition = examineCatalogue(folder, volume.plan.path);
   if (condition.kind == CatalogueCondition::Kind::kDamaged)
     listeners_.note(fmt::format("{}: the catalogue cannot be used ({}); it was set aside as {}",
                                 volume.plan.path, condition.why, setAside(folder)));
@@ -144,7 +148,7 @@ void WatchSession::examine(Volume& volume) {
 
 // One driver for each file system, whatever the number of volumes on it.
 void WatchSession::connect(Volume& volume) {
-  const dev_t device = volume.place.device;
+  const dev_t device = volume.mount->device;
   std::vector<fsf_fid> own = ownFolders(volume);
   std::shared_ptr<DriverPort> port;
   {
@@ -194,7 +198,7 @@ std::vector<fsf_fid> WatchSession::ownFolders(const Volume& volume) const {
   std::vector<fsf_fid> fids;
   for (const std::string& own :
        {plan_.stateFolder, volume.plan.catalogue, volume.plan.catalogue + ".new"})
-    addFid(own, volume.place.device, fids);
+    addFid(own, volume.mount->device, fids);
   return fids;
 }
 
@@ -235,7 +239,7 @@ void WatchSession::scan(Volume& volume) {
   // Our own changes raise no events for us; this one may have been made inside the volume.
   fsf_fid parent;
   const std::string above = std::filesystem::path(volume.plan.catalogue).parent_path();
-  if (deviceOf(above) == volume.place.device &&
+  if (deviceOf(above) == volume.mount->device &&
       identify(AT_FDCWD, above.c_str(), parent, true) == 0)
     volume.port->lookAt(parent);
   const std::lock_guard lock(mutex_);
@@ -246,7 +250,7 @@ void WatchSession::scan(Volume& volume) {
 
 void WatchSession::attach(Volume& volume) {
   auto rows =
-      std::make_shared<VolumeRows>(volume.plan.catalogue, volume.place.device, *volume.port);
+      std::make_shared<VolumeRows>(volume.plan.catalogue, volume.mount->device, *volume.port);
   if (listeners_.change)
     rows->observe([this, &name = volume.plan.path](auto kind, const std::string& path) {
       listeners_.change(name, kind, path);
@@ -285,7 +289,7 @@ void WatchSession::disconnect(Volume& volume) {
     for (const auto& other : volumes_)
       isShared = isShared || (other->port && &other->port->port() == &port->port());
     volume.overflows += port->driver().counts().overflows;
-    if (!isShared) ports_.erase(volume.place.device);
+    if (!isShared) ports_.erase(volume.mount->device);
   }
   if (isShared) {
     port->driver().dropRoot(port->root());
@@ -293,7 +297,7 @@ void WatchSession::disconnect(Volume& volume) {
   }
   port->port().end();
   const std::lock_guard lock(mutex_);
-  numbers_[volume.place.device].next = port->driver().nextSequence();
+  numbers_[volume.mount->device].next = port->driver().nextSequence();
 }
 
 // What happened until now is still said, as far as it can be had at once.
@@ -317,37 +321,50 @@ void WatchSession::leave(Volume& volume, const std::string& why) {
 }
 
 void WatchSession::watchPlaces() {
-  for (;;) {
-    {
-      std::unique_lock lock(mutex_);
-      if (changed_.wait_for(lock, kPlaces, [&] { return endPlacing_; })) return;
+  while (!endPlacing_) {
+    const bool mountsChanged = mountWatch_.wait(kPlaces);
+    if (endPlacing_) return;
+    try {
+      for (Volume* volume : allVolumes()) lookAt(*volume);
+      if (mountsChanged) noteMounts();
+      for (Volume* volume : allVolumes()) lookForReturn(*volume);
+    } catch (...) {
+      dbg.Error(kTag, "eRRoR -- %s", describeCurrentException().c_str());
     }
-    lookAtPlaces();
   }
 }
 
-void WatchSession::lookAtPlaces() {
-  for (Volume* volume : allVolumes()) {
-    std::shared_ptr<VolumePort> port;
-    FileKey catalogue;
-    {
-      const std::lock_guard lock(mutex_);
-      port = volume->port;
-      if (volume->rows) catalogue = volume->catalogueFile;
-    }
-    if (port && placeOf(volume->plan.path) != volume->place)
-      leave(*volume, absence(*volume));
-    else if (!(catalogue == FileKey{}) &&
-             !(keyOf(volume->plan.catalogue + kFilesDatabase) == catalogue))
-      doubt(*volume, {"its catalogue was removed or replaced", Doubt::Remedy::kReopen});
-    lookForReturn(*volume);
+// The registry learns of another disk before that is taken up.
+void WatchSession::noteMounts() {
+  const std::lock_guard lock(mutex_);
+  mountsChanged_ = true;
+}
+
+void WatchSession::lookAt(Volume& volume) {
+  FileKey catalogue;
+  std::optional<VolumeMount> before;
+  {
+    const std::lock_guard lock(mutex_);
+    if (volume.port) before = volume.mount;
+    if (volume.rows) catalogue = volume.catalogueFile;
   }
+  const std::string& path = volume.plan.path;
+  if (before && standingOf(*before, volumeMountAt(path, &*before)) != Standing::kSame)
+    return leave(volume, path + " is not mounted");
+  if (!(catalogue == FileKey{}) && !(keyOf(volume.plan.catalogue + kFilesDatabase) == catalogue))
+    doubt(volume, {"its catalogue was removed or replaced", Doubt::Remedy::kReopen});
 }
 
 // Nobody has one in hand that is absent.
 void WatchSession::lookForReturn(Volume& volume) {
+  const auto isAbsent = [&] {
+    const std::lock_guard lock(mutex_);
+    return volume.absent;
+  };
+  if (!isAbsent()) return;
+  const auto now = volumeMountAt(volume.plan.path);
   const std::lock_guard lock(mutex_);
-  if (!volume.absent || !standingAt(volume)) return;
+  if (standing(volume, now) == Standing::kGone) return;
   volume.absent = false;
   volume.pacer.hurry();
   changed_.notify_all();

@@ -79,7 +79,7 @@ void WatchSession::openQueue() {
   std::set<unsigned long long> devices;
   for (const Volume* volume : allVolumes()) {
     scans = scans || volume->fresh;
-    if (!volume->failed) devices.insert(volume->place.device);
+    if (!volume->failed) devices.insert(volume->mount->device);
   }
   numbers_ = beginNumbering(plan_.numbersFile, devices);
   during("cannot use the queue in " + plan_.queueFolder,
@@ -187,18 +187,15 @@ void WatchSession::finish() {
     if (!volume->rows) continue;
     // A volume in doubt is as of the time it was as of before.
     detach(*volume, inOrder && isLive(*volume) ? ended : 0);
-    queue_->DbShutDown(volume->place.device);
+    queue_->DbShutDown(volume->mount->device);
   }
   queue_->DbThreadShutDown();
   keepNumbers();
 }
 
 void WatchSession::endPlacing() {
-  {
-    const std::lock_guard lock(mutex_);
-    endPlacing_ = true;
-  }
-  changed_.notify_all();
+  endPlacing_ = true;
+  mountWatch_.wake();
   if (placing_.joinable()) placing_.join();
 }
 

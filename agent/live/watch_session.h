@@ -50,8 +50,9 @@
 #include "agent/live/driver_port.h"
 #include "agent/live/quiet_rescan.h"
 #include "agent/live/sequence_file.h"
-#include "agent/live/volume_place.h"
+#include "agent/live/mount_watch.h"
 #include "agent/live/volume_rows.h"
+#include "agent/registry/volume_mount.h"
 #include "buffer/persistent_raw_buffer.h"
 
 namespace kddc {
@@ -133,8 +134,8 @@ class WatchSession {
 
   // watch_places.cpp: volumes come and go.
   Volume& add(WatchPlan::Volume plan);
-  static std::string absence(const Volume& volume);
-  static std::optional<VolumePlace> standingAt(const Volume& volume);
+  // Whether what stands at its place now is the volume, and whether it was there all the time.
+  Standing standing(const Volume& volume, const std::optional<VolumeMount>& now) const;
   void arrive(Volume& volume);
   void examine(Volume& volume);
   void connect(Volume& volume);
@@ -147,7 +148,8 @@ class WatchSession {
   void disconnect(Volume& volume);
   void leave(Volume& volume, const std::string& why);
   void watchPlaces();
-  void lookAtPlaces();
+  void lookAt(Volume& volume);
+  void noteMounts();
   void lookForReturn(Volume& volume);
   void followRegistered();
   WalkOptions walkOptions(const Volume& volume) const;
@@ -184,6 +186,7 @@ class WatchSession {
   std::mutex adding_;  // the queue is made for one producer
   std::unique_ptr<Applier> applier_;
   std::thread applying_, placing_;
+  MountWatch mountWatch_;
   std::atomic<int> stops_ = 0;
   std::atomic<std::uint64_t> queuedRecords_ = 0, queuedBytes_ = 0;
   bool isRunning_ = false;  // the threads are started; of the main thread
@@ -194,7 +197,7 @@ class WatchSession {
   std::map<dev_t, std::shared_ptr<DriverPort>> ports_;
   NumbersByDevt numbers_;  // with which drivers began, or ended
   bool mountsChanged_ = false;
-  bool endPlacing_ = false;
+  std::atomic<bool> endPlacing_ = false;
 };
 
 }  // namespace kddc

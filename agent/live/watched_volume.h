@@ -15,8 +15,8 @@
 #include "agent/engine/new_catalogue.h"
 #include "agent/errors.h"
 #include "agent/live/pacer.h"
-#include "agent/live/volume_place.h"
 #include "agent/live/watch_session.h"
+#include "agent/registry/volume_mount.h"
 #include "platform/detached_folder.h"
 #include "platform/lock_file.h"
 
@@ -39,8 +39,8 @@ struct WatchSession::Volume {
 
   // Of the thread that has it in hand.
   std::unique_ptr<NewCatalogue> fresh;  // as long as there is no catalogue to go on with
-  VolumePlace place;                    // also of others, while there is a port
-  bool mustBeMounted = false;           // the folder below the mount is another thing
+  std::optional<VolumeMount> mount;     // where it was last; also of others, while there is a port
+  bool isAnother = false;               // another disk than the one that the catalogue is of
 
   std::atomic<bool> leaving = false;  // whatever is done with it is to end early
 

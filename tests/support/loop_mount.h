@@ -55,8 +55,8 @@ class LoopMount {
     if (usesImage(fsType_)) {
       folder_.write("image", "");
       std::filesystem::resize_file(folder_ / "image", imageSize(fsType_));
-      run("mkfs." + fsType_ + (fsType_ == "ext4" ? " -q -F " : " -q -f ") + folder_ / "image");
     }
+    format();
     mount(options);
   }
   ~LoopMount() {
@@ -87,6 +87,11 @@ class LoopMount {
     if (::umount2(path().c_str(), 0) != 0)
       throw std::system_error(errno, std::generic_category(), "umount " + path());
     mounted_ = false;
+  }
+  // Makes a new file system in the place of the one that unmount left.
+  void format() const {
+    if (!usesImage(fsType_)) return;
+    run("mkfs." + fsType_ + (fsType_ == "ext4" ? " -q -F " : " -q -f ") + folder_ / "image");
   }
   // Mounts again what unmount left, optionally with mount options; a tmpfs comes back empty.
   void mount(const std::string& options = "") {
