@@ -13,7 +13,9 @@
 
 #include "platform/failure.h"
 #include "platform/file_handle.h"
+#include "platform/identity.h"
 #include "platform/mount_info.h"
+#include "platform/unique_fd.h"
 
 namespace {
 
@@ -43,11 +45,23 @@ std::string fsTypeOf(const std::string& path, bool followLinks) {
   kddc::failKd("FlrDriver :: getFID", std::move(message), error);
 }
 
+int byInodeNumber(const std::string& path, bool followLinks, fsf_fid& fid) {
+  const int flags = O_PATH | O_CLOEXEC | (followLinks ? 0 : O_NOFOLLOW);
+  const kddc::UniqueFd fd(open(path.c_str(), flags));
+  if (!fd) return -errno;
+  kddc::Identity identity;
+  const int result = kddc::identityOf(fd.get(), identity);
+  fid = identity.fid;
+  return result;
+}
+
 }  // namespace
 
 fsf_fid FlrDriver::getFID(const std::string& path, bool followLinks) {
   fsf_fid fid{};
-  const int result = kddc::identify(AT_FDCWD, path.c_str(), fid, followLinks);
+  int result = kddc::identify(AT_FDCWD, path.c_str(), fid, followLinks);
+  if (inodeNumbers_ && (result == -EOPNOTSUPP || result == -EOVERFLOW))
+    result = byInodeNumber(path, followLinks, fid);
   if (result < 0) fail(path, followLinks, -result);
   return fid;
 }

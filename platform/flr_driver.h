@@ -22,4 +22,11 @@ class KDDC_API FlrDriver {
   // A file system that gives no handles, or longer ones than the 20 bytes that an identifier holds,
   // is refused with a message that names it.
   fsf_fid getFID(const std::string& path, bool followLinks);
+
+  // From now on nothing is refused: there an identifier is made of the inode number, as a scan does
+  // it. It is the same for every hard link, but is used again for another file.
+  void acceptInodeNumbers() { inodeNumbers_ = true; }
+
+ private:
+  bool inodeNumbers_ = false;
 };

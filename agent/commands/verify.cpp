@@ -127,16 +127,6 @@ void print(const VerificationResult& result, double seconds, bool json) {
   output.flush();
 }
 
-// What a file is, is told by identifiers that not every file system gives.
-void requireIdentifiers(const std::string& path) {
-  try {
-    FlrDriver().getFID(path, false);
-  } catch (const KdException& e) {
-    throw Failure(
-        fmt::format("cannot verify {}: {}; kddc rescan works there", path, e.getMessage()));
-  }
-}
-
 VerificationResult verify(const VerificationPlan& plan) {
   try {
     return during("cannot verify " + plan.volume, [&] { return verifyVolume(plan); });
@@ -156,7 +146,6 @@ int runVerify(const Options& options, const std::string& volume, bool json) {
   flushWatched(options, path);
   // Says what is wrong with a catalogue that cannot answer.
   CatalogueReader(folder, path, CatalogueReader::Columns::kPath);
-  requireIdentifiers(path);
   noteInterrupts();
   Progress progress(!options.quiet && options.verbosity == 0);
   const VerificationResult result = verify({.volume = path,

@@ -26,7 +26,10 @@ namespace kddc {
 // A catalogue whose databases can be asked, and that can be told to stop.
 class OpenCopy : public DCSqliteDB {
  public:
-  using DCSqliteDB::DCSqliteDB;
+  // Files are identified as the scan did it.
+  explicit OpenCopy(const std::string& folder) : DCSqliteDB(folder) { driver.acceptInodeNumbers(); }
+
+  fsf_fid identify(const std::string& path) { return driver.getFID(path, false); }
 
   UDC_DBMS& files() { return *filesDb; }
   UDC_DBMS& fids() { return *fidDb; }
@@ -41,6 +44,10 @@ class OpenCopy : public DCSqliteDB {
  private:
   std::function<bool()> tick_;
 };
+
+// Copies what the connection shows into a new database at `path`, through SQLite's backup. `tick`
+// as above.
+void copyDatabase(sqlite3* from, const std::string& path, const std::function<bool()>& tick);
 
 class CatalogueCopy {
  public:

@@ -274,7 +274,7 @@ Differences FreshLook::at(const std::string& path, const Sight& sight) {
 Differences FreshLook::compare(const std::string& path, const Sight& sight, std::int64_t folder,
                                const std::string& name, const std::vector<Row>& rows) {
   const std::string whole = path.empty() ? volume_ : volume_ + "/" + path;
-  const fsf_fid fid = FlrDriver().getFID(whole, false);
+  const fsf_fid fid = db_.identify(whole);
   forgetMarks(fid);
   Differences found;
   {
@@ -327,7 +327,7 @@ bool FreshLook::hasAnotherName(const Seen& seen) {
     const auto other = pathOf(static_cast<std::int64_t>(inode));
     if (!other || *other == seen.path) return false;
     try {
-      return isSame(FlrDriver().getFID(volume_ + "/" + *other, false), seen.fid);
+      return isSame(db_.identify(volume_ + "/" + *other), seen.fid);
     } catch (const KdException&) {  // not there
       return false;
     }
