@@ -66,19 +66,6 @@ void holdView(const ReadConnection& connection) {
   connection.run("SELECT COUNT(*) FROM sqlite_master");
 }
 
-void copyDatabase(const ReadConnection& from, const std::string& path,
-                  const std::function<bool()>& tick) {
-  const Database to = newDatabase(path);
-  sqlite3_backup* backup = sqlite3_backup_init(to.get(), "main", from.get(), "main");
-  if (!backup) fail(to.get(), sqlite3_errcode(to.get()));
-  int result = SQLITE_OK;
-  while (result == SQLITE_OK)
-    result = tick() ? sqlite3_backup_step(backup, kPagesBetweenTicks) : SQLITE_INTERRUPT;
-  const int finished = sqlite3_backup_finish(backup);
-  if (result != SQLITE_DONE) fail(nullptr, result);
-  if (finished != SQLITE_OK) fail(to.get(), finished);
-}
-
 // A scan may exchange the folder between the openings of its two databases.
 void copyCatalogue(const std::string& folder, const std::string& to,
                    const std::function<bool()>& tick) {
@@ -92,11 +79,23 @@ void copyCatalogue(const std::string& folder, const std::string& to,
   holdView(fids);
   if (stat(folder.c_str(), &now) != 0 || then.st_ino != now.st_ino || then.st_dev != now.st_dev)
     throw Failure(folder + " has been replaced meanwhile; try again");
-  copyDatabase(files, to + kFilesDatabase, tick);
-  copyDatabase(fids, to + kFidDatabase, tick);
+  copyDatabase(files.get(), to + kFilesDatabase, tick);
+  copyDatabase(fids.get(), to + kFidDatabase, tick);
 }
 
 }  // namespace
+
+void copyDatabase(sqlite3* from, const std::string& path, const std::function<bool()>& tick) {
+  const Database to = newDatabase(path);
+  sqlite3_backup* backup = sqlite3_backup_init(to.get(), "main", from, "main");
+  if (!backup) fail(to.get(), sqlite3_errcode(to.get()));
+  int result = SQLITE_OK;
+  while (result == SQLITE_OK)
+    result = tick() ? sqlite3_backup_step(backup, kPagesBetweenTicks) : SQLITE_INTERRUPT;
+  const int finished = sqlite3_backup_finish(backup);
+  if (result != SQLITE_DONE) fail(nullptr, result);
+  if (finished != SQLITE_OK) fail(to.get(), finished);
+}
 
 void OpenCopy::setTick(std::function<bool()> tick) {
   tick_ = std::move(tick);

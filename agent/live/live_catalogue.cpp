@@ -9,6 +9,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "agent/engine/catalogue_copy.h"
+#include "agent/engine/catalogue_folder.h"
 #include "catalogue/file_type.h"
 #include "journal/apply_journal.h"
 #include "platform/text.h"
@@ -307,6 +309,14 @@ void LiveCatalogue::readopt(Name& name, const fsf_fid& fid) {
 void LiveCatalogue::stampNow(unsigned long long inode) {
   const auto now = static_cast<int>(std::time(nullptr));
   run(restamp_, filesDb, kRestamp).bind(now, inode).write();
+}
+
+void LiveCatalogue::copyTo(const std::string& folder) {
+  FlushAllJournals();
+  Commit();
+  const auto always = [] { return true; };
+  copyDatabase(filesDb->handle, folder + kFilesDatabase, always);
+  copyDatabase(fidDb->handle, folder + kFidDatabase, always);
 }
 
 void LiveCatalogue::CloseHandle(unsigned long refTime, bool keepUngraceful) {

@@ -104,6 +104,10 @@ class LiveCatalogue : public CumulativeJournal {
   // hear of it.
   bool wasOpenAt(unsigned time) const { return time >= static_cast<std::uint32_t>(openTime); }
 
+  // Makes a copy of the two databases, as they are now, in another folder. For one whose own folder
+  // is gone: what is open lives on.
+  void copyTo(const std::string& folder);
+
   void CloseHandle(unsigned long refTime, bool keepUngraceful) override;
 
  private:

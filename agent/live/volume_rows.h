@@ -43,6 +43,8 @@ class VolumeRows {
   // What a comparison found that no record can put right, done at the next checkpoint. From any
   // thread.
   void doLater(std::function<void(LiveCatalogue&, Settle&)> chore);
+  // As LiveCatalogue has it.
+  void copyTo(const std::string& folder) { rows_.copyTo(folder); }
   // Writes, removes rows that have no name, and closes; `referenceTime` as CloseHandle has it.
   void close(std::time_t referenceTime);
 

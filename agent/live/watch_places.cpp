@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
 
@@ -20,6 +21,7 @@
 #include "agent/live/watched_volume.h"
 #include "platform/ev_debug.h"
 #include "platform/file_handle.h"
+#include "volumes/catalogue_files.h"
 
 namespace kddc {
 namespace {
@@ -272,11 +274,24 @@ void WatchSession::detach(Volume& volume, std::time_t asOf) {
   if (!rows) return;
   applier_->detach(*rows);
   try {
+    if (!std::filesystem::exists(volume.plan.catalogue)) putBack(volume, *rows);
     rows->close(asOf);
   } catch (...) {
     listeners_.note(fmt::format("{}: the catalogue could not be closed: {}", volume.plan.path,
                                 describeCurrentException()));
   }
+}
+
+// A catalogue whose folder was removed is still open. What was asked of it is answered as before,
+// and files keep their numbers.
+void WatchSession::putBack(const Volume& volume, VolumeRows& rows) {
+  const std::string beside = volume.plan.catalogue + ".new";
+  RemoveDCDb(beside);
+  makeFolders(beside);
+  rows.copyTo(beside);
+  if (std::rename(beside.c_str(), volume.plan.catalogue.c_str()) != 0)
+    throw systemFailure("cannot put the catalogue back at " + volume.plan.catalogue, errno);
+  listeners_.note(fmt::format("{}: its catalogue was removed and is put back", volume.plan.path));
 }
 
 void WatchSession::disconnect(Volume& volume) {

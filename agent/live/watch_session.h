@@ -145,6 +145,7 @@ class WatchSession {
   void fill(Volume& volume);
   void attach(Volume& volume);
   void detach(Volume& volume, std::time_t asOf);
+  void putBack(const Volume& volume, VolumeRows& rows);
   void disconnect(Volume& volume);
   void leave(Volume& volume, const std::string& why);
   void watchPlaces();

@@ -110,14 +110,16 @@ TEST_P(WatchDamage, IsSetAsideAndTheCatalogueMadeAnew) {
   EXPECT_EQ(otherRow(), row);
 }
 
-TEST_F(WatchRecovery, ACatalogueThatIsRemovedIsMadeAnew) {
+TEST_F(WatchRecovery, ACatalogueThatIsRemovedIsPutBack) {
   const auto program = watchBoth();
   const std::string row = otherRow();
+  const std::string inode = rows("SELECT INODE,TIME FROM FILES WHERE NAME='a'").at(0);
   fs::remove_all(catalogueOf(volume));
   ASSERT_TRUE(program->waitUntil([&] { return fs::exists(catalogueOf(volume) + "/.db.kd"); }));
   ASSERT_TRUE(program->waitUntil([&] { return isLive(volume); }));
   write("after");
   expectExact();
+  EXPECT_EQ(rows("SELECT INODE,TIME FROM FILES WHERE NAME='a'").at(0), inode);
   EXPECT_EQ(status(volume)["rescans"][0]["reason"], "its catalogue was removed or replaced");
   EXPECT_EQ(otherRow(), row);
   EXPECT_EQ(status(other)["rescan_count"], 0);
