@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "platform/database_opening.h"
 #include "platform/ev_debug.h"
 #include "platform/exceptions.h"
 #include "platform/lock_file.h"
@@ -40,16 +41,6 @@ std::chrono::nanoseconds coarseNow() {
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-// SQLite refuses a path with a symbolic link anywhere in it when asked not to follow one. Only the
-// last part can be planted by whoever may write into a folder, so the folder is resolved first.
-std::string withResolvedFolder(const std::string& path) {
-  const std::filesystem::path given(path);
-  std::error_code ignored;
-  const auto folder =
-      std::filesystem::canonical(given.has_parent_path() ? given.parent_path() : ".", ignored);
-  return ignored ? path : (folder / given.filename()).string();
-}
-
 // SQLite would create the file with the rights of the umask. Only a file that did not exist is
 // opened here: closing another descriptor of an open database would drop SQLite's locks on it.
 void createPrivately(const std::string& path) {
@@ -58,7 +49,7 @@ void createPrivately(const std::string& path) {
 }
 
 void syncFolderOf(const std::string& path) {
-  const std::string folder = std::filesystem::path(withResolvedFolder(path)).parent_path();
+  const std::string folder = std::filesystem::path(kddc::withResolvedFolder(path)).parent_path();
   const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const bool synced = fd >= 0 && fsync(fd) == 0;
   const int error = errno;
@@ -102,20 +93,16 @@ bool UDC_DBMS::opendb(bool shared) {
 }
 
 void UDC_DBMS::openConnection() {
-  const std::string path = withResolvedFolder(path_);
+  const std::string path = kddc::withResolvedFolder(path_);
   if (!readOnly_) createPrivately(path);
-  const int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW |
-                    (readOnly_ ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE);
-  check("UDC_DBMS :: opendb", sqlite3_open_v2(path.c_str(), &handle, flags, nullptr));
+  const int flags =
+      SQLITE_OPEN_NOMUTEX | (readOnly_ ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE);
+  check("UDC_DBMS :: opendb", kddc::openDatabase(path, flags, &handle));
 }
 
 void UDC_DBMS::configure() {
   constexpr char kTag[] = "UDC_DBMS :: opendb";
   sqlite3_busy_timeout(handle, busySeconds_ * 1000);
-  // A damaged or planted database shall not run code: no functions from its schema, no writes to
-  // SQLite's own tables.
-  sqlite3_db_config(handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-  sqlite3_db_config(handle, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   if (pageSize_ > 0) run(kTag, ("PRAGMA page_size=" + std::to_string(pageSize_)).c_str());
   run(kTag, ("PRAGMA cache_size=-" + std::to_string(kCacheKiB)).c_str());
   if (readOnly_) {
