@@ -10,8 +10,8 @@
 #include <new>
 #include <system_error>
 
-#include "agent/logging.h"
 #include "platform/exceptions.h"
+#include "platform/printable.h"
 
 namespace kddc {
 namespace {

@@ -15,7 +15,7 @@
 
 #include "agent/base64.h"
 #include "agent/errors.h"
-#include "agent/logging.h"
+#include "platform/printable.h"
 #include "records/fsf_fid.h"
 
 namespace kddc {
@@ -54,6 +54,10 @@ void Output::flush() {
   buffer_.clear();
 }
 
+bool isTerminal() {
+  return isatty(STDOUT_FILENO) != 0;
+}
+
 const char* typeName(int type) {
   const auto index = static_cast<std::size_t>(type);
   return index < kTypes.size() ? kTypes[index] : "other";
@@ -61,7 +65,7 @@ const char* typeName(int type) {
 
 std::string jsonMember(std::string_view name, std::string_view text) {
   if (!isUtf8(text)) return base64Member(name, text);
-  return fmt::format("\"{}\":{}", name, nlohmann::json(text).dump());
+  return fmt::format("\"{}\":{}", name, printableJson(nlohmann::json(text).dump()));
 }
 
 std::string base64Member(std::string_view name, std::string_view bytes) {
@@ -72,7 +76,10 @@ void RowPrinter::print(const CatalogueRow& row) {
   if (form_ == Form::kJson) {
     printJson(row);
   } else {
-    output_.buffer().append(row.path);
+    if (harmless_)
+      output_.buffer().append(printable(row.path));
+    else
+      output_.buffer().append(row.path);
     output_.buffer().push_back(form_ == Form::kNul ? '\0' : '\n');
   }
   output_.endPiece();

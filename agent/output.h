@@ -42,10 +42,13 @@ std::string jsonMember(std::string_view name, std::string_view text);
 // "<name>_base64":"<digits>"
 std::string base64Member(std::string_view name, std::string_view bytes);
 
-// Prints rows. Threads and failures as Output.
+// Whether standard output is a terminal, where names are shown harmless.
+bool isTerminal();
+
+// Prints rows; paths byte for byte, but on a terminal harmless. Threads and failures as Output.
 class RowPrinter {
  public:
-  explicit RowPrinter(Form form) : form_(form) {}
+  explicit RowPrinter(Form form) : form_(form), harmless_(isTerminal()) {}
 
   void print(const CatalogueRow& row);
   void flush() { output_.flush(); }
@@ -54,6 +57,7 @@ class RowPrinter {
   void printJson(const CatalogueRow& row);
 
   Form form_;
+  bool harmless_;
   Output output_;
 };
 

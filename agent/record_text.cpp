@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "agent/logging.h"
 #include "agent/output.h"
+#include "platform/printable.h"
 #include "records/record_layout.h"
 
 namespace kddc {

@@ -6,6 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "platform/printable.h"
+
 EvDebug dbg;
 
 namespace {
@@ -22,8 +24,8 @@ std::string format(const char* text, va_list arguments) {
 
 void writeErrors(const EvDebug::Line& line) {
   if (line.kind != EvDebug::Line::kError) return;
-  std::fprintf(stderr, "%.*s: %.*s\n", static_cast<int>(line.tag.size()), line.tag.data(),
-               static_cast<int>(line.text.size()), line.text.data());
+  std::fprintf(stderr, "%s: %s\n", kddc::printable(line.tag).c_str(),
+               kddc::printable(line.text).c_str());
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 //
 // kddc dump FILE...: the records of swap files and streams, for people or as JSON Lines.
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -20,9 +19,9 @@ namespace {
 class RecordPrinter {
  public:
   explicit RecordPrinter(bool json)
-      : append_(json                         ? appendJson
-                : isatty(STDOUT_FILENO) != 0 ? appendHarmlessText
-                                             : appendText),
+      : append_(json           ? appendJson
+                : isTerminal() ? appendHarmlessText
+                               : appendText),
         separated_(!json) {}
 
   void print(const FlrJrnCommandRaw& record) {

@@ -22,8 +22,8 @@
 #include "agent/control/client.h"
 #include "agent/engine/catalogue_reader.h"
 #include "agent/errors.h"
-#include "agent/logging.h"
 #include "agent/registry/registered_volumes.h"
+#include "platform/printable.h"
 
 namespace kddc {
 namespace {
@@ -145,7 +145,7 @@ void print(const std::vector<VolumeStatus>& volumes, bool json) {
   std::string text;
   for (const VolumeStatus& status : volumes) {
     if (!json && !text.empty()) text += '\n';
-    text += json ? toJson(status).dump() + '\n' : Block(status).text();
+    text += json ? printableJson(toJson(status).dump()) + '\n' : Block(status).text();
   }
   fmt::print("{}", text);
 }

@@ -16,10 +16,10 @@
 #include "agent/engine/verification.h"
 #include "agent/errors.h"
 #include "agent/interrupt.h"
-#include "agent/logging.h"
 #include "agent/output.h"
 #include "agent/progress.h"
 #include "platform/exceptions.h"
+#include "platform/printable.h"
 
 namespace kddc {
 namespace {

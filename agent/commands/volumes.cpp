@@ -16,11 +16,11 @@
 #include "agent/control/protocol.h"
 #include "agent/engine/catalogue_folder.h"
 #include "agent/errors.h"
-#include "agent/logging.h"
 #include "agent/output.h"
 #include "agent/registry/disk_identity.h"
 #include "agent/registry/registered_volumes.h"
 #include "platform/platform_info.h"
+#include "platform/printable.h"
 #include "volumes/volume_registry.h"
 
 namespace kddc {
@@ -76,7 +76,7 @@ std::string toJson(const Told& told) {
   object["replaced"] = told.isReplaced;
   putBytes(object, "catalogue", told.volume.catalogue);
   putBytes(object, "state", told.state);
-  return object.dump() + '\n';
+  return printableJson(object.dump()) + '\n';
 }
 
 using Line = std::array<std::string, 7>;

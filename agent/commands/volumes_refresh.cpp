@@ -19,11 +19,11 @@
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/catalogue_reader.h"
 #include "agent/errors.h"
-#include "agent/logging.h"
 #include "agent/registry/disk_identity.h"
 #include "agent/registry/registered_volumes.h"
 #include "platform/ev_debug.h"
 #include "platform/platform_info.h"
+#include "platform/printable.h"
 #include "volumes/catalogue_files.h"
 #include "volumes/volume_registry.h"
 

@@ -23,10 +23,10 @@
 #include "agent/errors.h"
 #include "agent/interrupt.h"
 #include "agent/live/watch_session.h"
-#include "agent/logging.h"
 #include "agent/progress.h"
 #include "agent/registry/registered_volumes.h"
 #include "platform/platform_info.h"
+#include "platform/printable.h"
 #include "platform/stub_attribute.h"
 
 namespace kddc {

@@ -10,7 +10,7 @@
 
 #include "agent/base64.h"
 #include "agent/errors.h"
-#include "agent/logging.h"
+#include "platform/printable.h"
 
 namespace kddc {
 namespace {
