@@ -4,17 +4,16 @@
 
 #include <fmt/format.h>
 #include <pwd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
 #include "agent/errors.h"
+#include "agent/own_folder.h"
 #include "agent/registry/registered_volumes.h"
 #include "platform/platform_info.h"
 
@@ -45,7 +44,7 @@ std::string labelOf(const std::string& volumePath) {
 }
 
 std::string homeFolder() {
-  if (const char* home = std::getenv("HOME"); home && home[0] == '/') return home;
+  if (const char* home = secure_getenv("HOME"); home && home[0] == '/') return home;
   const passwd* user = getpwuid(geteuid());
   if (!user) throw Failure("cannot tell where to keep the state; name a folder with --state");
   return user->pw_dir;
@@ -53,19 +52,11 @@ std::string homeFolder() {
 
 std::string defaultStateFolder() {
   if (geteuid() == 0) return "/var/lib/kddc";
-  const char* base = std::getenv("XDG_STATE_HOME");
+  const char* base = secure_getenv("XDG_STATE_HOME");
   return (base && base[0] == '/' ? std::string(base) : homeFolder() + "/.local/state") + "/kddc";
 }
 
 }  // namespace
-
-std::string settledPath(const std::string& path) {
-  std::error_code error;
-  const fs::path settled = fs::weakly_canonical(fs::absolute(path), error);
-  if (error) throw systemFailure("cannot use " + path, error.value());
-  return settled.has_filename() || !settled.has_parent_path() ? settled.string()
-                                                              : settled.parent_path().string();
-}
 
 std::string realVolumePath(const std::string& volume) {
   std::error_code error;
@@ -97,7 +88,7 @@ std::string defaultCatalogueFolder(const Options& options, const std::string& vo
 
 std::string catalogueFolder(const Options& options, const std::string& volumePath) {
   if (!options.catalogue.empty()) return settledPath(options.catalogue);
-  if (const auto registered = registeredCatalogue(volumePath)) return *registered;
+  if (const auto registered = registeredCatalogue(volumePath)) return settledPath(*registered);
   return defaultCatalogueFolder(options, volumePath);
 }
 
@@ -107,14 +98,6 @@ std::string socketsFolder(const Options& options) {
 
 std::string controlSocket(const Options& options, const std::string& volumePath) {
   return socketsFolder(options) + "/" + placeName(volumePath);
-}
-
-void makeFolders(const std::string& path) {
-  if (mkdir(path.c_str(), 0700) == 0 || errno == EEXIST) return;
-  if (errno != ENOENT) throw systemFailure("cannot make the folder " + path, errno);
-  makeFolders(fs::path(path).parent_path().string());
-  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
-    throw systemFailure("cannot make the folder " + path, errno);
 }
 
 }  // namespace kddc

@@ -12,8 +12,9 @@
 // The state folder is --state DIR, else the key "StateDir" of section "DataClassification", else
 // /var/lib/kddc for root and $XDG_STATE_HOME/kddc or ~/.local/state/kddc for others.
 //
-// All paths given back are absolute. Failures: Failure; KdException for settings that cannot be
-// read.
+// All paths given back are absolute and without links (see own_folder.h), but for what lies below
+// the state folder, which may not be links. Failures: Failure; KdException for settings that cannot
+// be read.
 #pragma once
 
 #include <string>
@@ -21,9 +22,6 @@
 #include "agent/commands/commands.h"
 
 namespace kddc {
-
-// Absolute, links resolved as far as the path exists, without a slash at the end.
-std::string settledPath(const std::string& path);
 
 // The real path of a volume, which must be a folder.
 std::string realVolumePath(const std::string& volume);
@@ -45,8 +43,5 @@ std::string catalogueFolder(const Options& options, const std::string& volumePat
 // The folder of all sockets, and the socket of one volume, given by its real path. Need not exist.
 std::string socketsFolder(const Options& options);
 std::string controlSocket(const Options& options, const std::string& volumePath);
-
-// Makes a folder and those above it that are missing, for this user alone (0700).
-void makeFolders(const std::string& path);
 
 }  // namespace kddc

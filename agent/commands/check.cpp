@@ -2,18 +2,22 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // kddc check VOLUME: the integrity of both databases.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <string_view>
 
 #include "agent/catalogue_place.h"
 #include "agent/commands/commands.h"
 #include "agent/engine/catalogue_folder.h"
+#include "agent/engine/own_catalogue.h"
 #include "agent/errors.h"
+#include "platform/unique_fd.h"
 #include "volumes/catalogue_files.h"
 
 namespace kddc {
@@ -33,12 +37,12 @@ constexpr std::string_view kMagic(kMagicText, sizeof kMagicText);
 // A check would make an empty database of a missing one.
 void requireDatabase(const std::string& path, const std::string& volume) {
   std::array<char, kMagic.size()> start{};
-  std::ifstream file(path, std::ios::binary);
+  const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file)
     throw Failure(fmt::format("cannot read {}: {}; make a catalogue with: kddc scan {}", path,
                               std::strerror(errno), volume));
-  file.read(start.data(), start.size());
-  if (std::string_view(start.data(), start.size()) != kMagic)
+  const ssize_t length = read(file.get(), start.data(), start.size());
+  if (length < 0 || std::string_view(start.data(), start.size()) != kMagic)
     throw Failure(
         fmt::format("{} is no database; make a new catalogue with: kddc scan {}", path, volume));
 }
@@ -48,6 +52,7 @@ void requireDatabase(const std::string& path, const std::string& volume) {
 int runCheck(const Options& options, const std::string& volume) {
   const std::string path = realVolumePath(volume);
   const std::string folder = catalogueFolder(options, path);
+  requireOwnFiles(folder);
   for (const Database& database : kDatabases) requireDatabase(folder + database.file, path);
   if (const auto user = userOf(folder))
     throw Failure(fmt::format("{} is in use by {}; stop it first", folder, *user));

@@ -17,6 +17,7 @@
 #include "agent/control/client.h"
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/catalogue_reader.h"
+#include "agent/engine/own_catalogue.h"
 #include "agent/errors.h"
 #include "agent/interrupt.h"
 #include "agent/live/quiet_rescan.h"
@@ -69,6 +70,7 @@ Answer answerFrom(const RescanCounts& counts) {
 
 Answer rescanHere(const Options& options, const std::string& path, Progress& progress) {
   const std::string folder = catalogueFolder(options, path);
+  requireOwnCatalogue(folder);
   refuseWhileInUse(folder);
   requireGood(folder, path);
   UniqueFd root = openVolume(path);

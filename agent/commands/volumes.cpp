@@ -17,6 +17,7 @@
 #include "agent/engine/catalogue_folder.h"
 #include "agent/errors.h"
 #include "agent/output.h"
+#include "agent/own_folder.h"
 #include "agent/registry/disk_identity.h"
 #include "agent/registry/registered_volumes.h"
 #include "platform/platform_info.h"

@@ -20,8 +20,8 @@
 #include <filesystem>
 #include <utility>
 
-#include "agent/catalogue_place.h"
 #include "agent/errors.h"
+#include "agent/own_folder.h"
 
 namespace kddc {
 namespace {
@@ -58,7 +58,10 @@ UniqueFd openPrivateFolder(const std::string& path) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat st;
   if (!fd || fstat(fd.get(), &st) != 0) throw systemFailure("cannot use the folder " + path, errno);
-  if (st.st_uid != geteuid()) throw Failure("the folder " + path + " belongs to another user");
+  if (st.st_uid != geteuid())
+    throw Failure(
+        fmt::format("the folder {0} belongs to another user; take it over with: chown {1} {0}",
+                    path, geteuid()));
   if ((st.st_mode & 077) != 0)
     throw Failure(
         fmt::format("the folder {0} is open to others; close it with: chmod 700 {0}", path));
@@ -92,6 +95,17 @@ void removeLeftover(const UniqueFd& folder, const std::string& name, const std::
                               peerOf(other.socket).process, path));
   if (unlinkat(folder.get(), name.c_str(), 0) != 0 && errno != ENOENT)
     throw systemFailure("cannot replace " + path, errno);
+}
+
+// Who may put sockets into the folder may answer for it; nobody else is believed.
+void requireTrusted(const UniqueFd& socket, const std::string& path) {
+  struct stat folder;
+  const uid_t user = peerOf(socket).user;
+  if (user == 0 || user == geteuid()) return;
+  if (stat(std::filesystem::path(path).parent_path().c_str(), &folder) == 0 &&
+      user == folder.st_uid)
+    return;
+  throw Failure(fmt::format("user {} answers on {}, who may not; remove it", user, path));
 }
 
 }  // namespace
@@ -134,8 +148,10 @@ Connection connectTo(const std::string& path, milliseconds patience) {
   if (!file) return {};
   if (!S_ISSOCK(st.st_mode)) throw Failure(path + " is no socket; remove it");
   UniqueFd socket = newSocket(0);
-  if (connectWithin(socket, through(file), patience) == 0)
+  if (connectWithin(socket, through(file), patience) == 0) {
+    requireTrusted(socket, path);
     return {Listener::kFound, std::move(socket)};
+  }
   if (errno == ECONNREFUSED) return {};
   if (errno == EAGAIN) return {Listener::kBusy, {}};
   throw systemFailure("cannot connect to " + path, errno);

@@ -12,10 +12,11 @@
 #include <system_error>
 #include <utility>
 
-#include "agent/catalogue_place.h"
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/sqlite_query.h"
 #include "agent/errors.h"
+#include "agent/own_folder.h"
+#include "platform/database_opening.h"
 #include "platform/exceptions.h"
 
 namespace kddc {
@@ -52,7 +53,7 @@ using Database = std::unique_ptr<sqlite3, CloseDatabase>;
 Database newDatabase(const std::string& path) {
   constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
   sqlite3* handle = nullptr;
-  const int result = sqlite3_open_v2(path.c_str(), &handle, kFlags, nullptr);
+  const int result = openDatabase(withResolvedFolder(path), kFlags, &handle);
   Database database(handle);
   if (result != SQLITE_OK) fail(handle, result);
   sqlite3_exec(handle, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF", nullptr, nullptr,
@@ -70,7 +71,7 @@ void holdView(const ReadConnection& connection) {
 void copyCatalogue(const std::string& folder, const std::string& to,
                    const std::function<bool()>& tick) {
   struct stat then, now;
-  const UniqueFd before(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const UniqueFd before(open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!before || fstat(before.get(), &then) != 0)
     throw systemFailure("cannot use " + folder, errno);
   const ReadConnection files(folder + kFilesDatabase);
@@ -138,7 +139,10 @@ CatalogueCopy::CatalogueCopy(const std::string& folder, const std::string& copie
   // Read-only, which it is not, spares the durable mark of a catalogue in use.
   if (!rows_->OpenHandle(true, false))
     throw Failure("cannot open the copy of the catalogue in " + folder_.path());
-  for (UDC_DBMS* db : {&rows_->files(), &rows_->fids()}) db->SetSynchronous(kOff);
+  for (UDC_DBMS* db : {&rows_->files(), &rows_->fids()}) {
+    distrustSchema(db->handle);  // the catalogue may be somebody else's
+    db->SetSynchronous(kOff);
+  }
   rows_->setTick(std::move(tick));
 }
 

@@ -18,13 +18,12 @@ namespace kddc {
 namespace {
 
 constexpr std::array<std::string_view, 2> kDatabases = {".db.kd", ".fid.kd"};
-constexpr std::array<std::string_view, 5> kSuffixes = {"", ".lock", "-wal", "-shm", "-journal"};
 
 bool isOurs(const std::string& name) {
   return std::ranges::any_of(kDatabases, [&](std::string_view database) {
     return name.starts_with(database) &&
-           std::ranges::find(kSuffixes, std::string_view(name).substr(database.size())) !=
-               kSuffixes.end();
+           std::ranges::find(kDatabaseSuffixes, std::string_view(name).substr(database.size())) !=
+               std::end(kDatabaseSuffixes);
   });
 }
 

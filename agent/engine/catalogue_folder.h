@@ -13,6 +13,8 @@ namespace kddc {
 
 inline constexpr const char* kFilesDatabase = "/.db.kd";
 inline constexpr const char* kFidDatabase = "/.fid.kd";
+// What may stand beside a database, and the database itself.
+inline constexpr const char* kDatabaseSuffixes[] = {"", ".lock", "-wal", "-shm", "-journal"};
 
 // Whoever has one of the two databases open for writing, as "process 4121 (kddc scan)"; none when
 // nobody has.

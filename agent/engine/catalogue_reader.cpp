@@ -84,7 +84,7 @@ CatalogueReader::View::View(std::string folder, std::string volumePath, Columns 
 
 // Both databases must be of one catalogue: a scan may exchange the folder between two openings.
 CatalogueReader::View::Taken CatalogueReader::View::take() {
-  const UniqueFd before(open(folder_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const UniqueFd before(open(folder_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat then, now;
   if (!before || fstat(before.get(), &then) != 0)
     refuse(fmt::format("there is no catalogue for {} in {}", volumePath_, folder_));

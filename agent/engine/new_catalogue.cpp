@@ -17,10 +17,11 @@
 #include <filesystem>
 #include <thread>
 
-#include "agent/catalogue_place.h"
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/catalogue_reader.h"
+#include "agent/engine/own_catalogue.h"
 #include "agent/errors.h"
+#include "agent/own_folder.h"
 #include "platform/unique_fd.h"
 #include "volumes/catalogue_files.h"
 
@@ -63,7 +64,7 @@ bool isMountPoint(const std::string& path) {
 
 NewCatalogue::NewCatalogue(std::string folder, std::string volumePath)
     : folder_(std::move(folder)), building_(folder_ + ".new"), volumePath_(std::move(volumePath)) {
-  makeFolders(parentOf(folder_));
+  makeFoldersAbove(folder_);
   const UniqueFd parent = lockParent(folder_);
   refuseWhileInUse();
   refuseUnlessReplaceable();
@@ -87,8 +88,10 @@ void NewCatalogue::refuseUnlessReplaceable() const {
     throw Failure(folder_ + " is the volume itself; name another folder for its catalogue");
   if (isMountPoint(folder_))
     throw Failure(folder_ + " is a mount point; name a folder below it for the catalogue");
-  refuseForeignFiles(folder_);
-  refuseForeignFiles(building_);
+  for (const std::string& folder : {folder_, building_}) {
+    refuseForeignFiles(folder);
+    requireOwnFiles(folder);
+  }
   const auto owner = volumeOf(folder_);
   if (owner && *owner != volumePath_)
     throw Failure(

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "agent/engine/catalogue_folder.h"
+#include "agent/engine/own_catalogue.h"
 #include "agent/errors.h"
 #include "journal/apply_journal.h"
 #include "journal/cumulative_journal.h"
@@ -39,6 +40,7 @@ std::unique_ptr<DCSqliteDB> catalogueIn(const std::string& folder, bool coalesce
 
 ReplayCatalogue::ReplayCatalogue(std::string folder, bool coalesce) : folder_(std::move(folder)) {
   during("cannot open the catalogue in " + folder_, [&] {
+    requireOwnCatalogue(folder_);
     db_ = catalogueIn(folder_, coalesce);
     if (!db_->DoesDbExist())
       throw Failure(

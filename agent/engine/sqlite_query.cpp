@@ -3,7 +3,11 @@
 #include "agent/engine/sqlite_query.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include "agent/errors.h"
+#include "platform/database_opening.h"
 #include "platform/exceptions.h"
 
 namespace kddc {
@@ -12,8 +16,12 @@ namespace {
 constexpr int kBusyMilliseconds = 5000;
 
 // A catalogue is read through once, from front to back: mapped, no page is copied.
-constexpr char kSettings[] =
-    "PRAGMA mmap_size=2147418112; PRAGMA cell_size_check=1; PRAGMA trusted_schema=0";
+constexpr char kMapped[] = "PRAGMA mmap_size=2147418112";
+
+// Who can write a file that is mapped can make the reader crash, by cutting it short.
+bool isOurs(const struct stat& file) {
+  return (file.st_uid == 0 || file.st_uid == geteuid()) && (file.st_mode & 022) == 0;
+}
 
 // SQLite hears of a read-only medium only in a URI, where every byte may be given as %xx.
 std::string uriOf(const std::string& path) {
@@ -26,14 +34,21 @@ std::string uriOf(const std::string& path) {
 }  // namespace
 
 ReadConnection::ReadConnection(const std::string& path, Medium medium) {
+  const std::string file = withResolvedFolder(path);
+  struct stat status {};
+  const bool isThere = lstat(file.c_str(), &status) == 0;
+  if (isThere && !S_ISREG(status.st_mode))
+    throw Failure("cannot use " + path +
+                  ": it is no file but a link, or something else; remove it");
   sqlite3* handle = nullptr;
   const bool isUri = medium == Medium::kReadOnly;
   const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX | (isUri ? SQLITE_OPEN_URI : 0);
-  const int result = sqlite3_open_v2((isUri ? uriOf(path) : path).c_str(), &handle, flags, nullptr);
+  const int result = openDatabase(isUri ? uriOf(file) : file, flags, &handle);
   handle_.reset(handle);
   if (result != SQLITE_OK) fail(result);
+  distrustSchema(handle);
   sqlite3_busy_timeout(handle, kBusyMilliseconds);
-  run(kSettings);
+  if (isOurs(status)) run(kMapped);
 }
 
 void ReadConnection::run(const char* sql) const {

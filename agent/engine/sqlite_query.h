@@ -4,8 +4,11 @@
 // Read-only access to one database of a catalogue, for answers: no lock file is made or taken, so a
 // writer is never in the way.
 //
+// The database may be anybody's: its triggers, views and virtual tables are not run, and it is
+// mapped only when nobody but we and root can write it.
+//
 // Threads: one for a connection and its queries. Failures: UDCException of type 3 with SQLite's
-// code and words.
+// code and words; Failure for something that is no file.
 #pragma once
 
 #include <sqlite3.h>

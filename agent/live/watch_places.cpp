@@ -12,13 +12,14 @@
 #include <ctime>
 #include <filesystem>
 
-#include "agent/catalogue_place.h"
 #include "agent/engine/catalogue_condition.h"
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/full_scan.h"
+#include "agent/engine/own_catalogue.h"
 #include "agent/errors.h"
 #include "agent/interrupt.h"
 #include "agent/live/watched_volume.h"
+#include "agent/own_folder.h"
 #include "platform/ev_debug.h"
 #include "platform/file_handle.h"
 #include "volumes/catalogue_files.h"
@@ -133,6 +134,7 @@ void WatchSession::arrive(Volume& volume) {
 // A catalogue that was there must be compared with the disk: nobody has followed it meanwhile.
 void WatchSession::examine(Volume& volume) {
   const std::string& folder = volume.plan.catalogue;
+  requireOwnCatalogue(folder);
   refuseWhileInUse(folder);
   CatalogueCondition condition;
   if (!std::exchange(volume.isAnother, false))

@@ -6,10 +6,10 @@
 #include <ctime>
 #include <set>
 
-#include "agent/catalogue_place.h"
 #include "agent/errors.h"
 #include "agent/live/give_way.h"
 #include "agent/live/watched_volume.h"
+#include "agent/own_folder.h"
 #include "platform/platform_info.h"
 
 namespace kddc {
@@ -24,6 +24,7 @@ constexpr std::chrono::seconds kRegistry(5);
 
 WatchSession::WatchSession(WatchPlan plan, WatchListeners listeners)
     : plan_(std::move(plan)), listeners_(std::move(listeners)) {
+  makeFolders(plan_.stateFolder);
   if (plan_.registered) plan_.volumes = plan_.registered(true);
   for (const WatchPlan::Volume& volume : plan_.volumes) add(volume);
   forEach([this](Volume& volume) {

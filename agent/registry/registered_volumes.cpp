@@ -11,6 +11,7 @@
 
 #include "agent/engine/sqlite_query.h"
 #include "agent/errors.h"
+#include "agent/own_folder.h"
 #include "platform/exceptions.h"
 #include "platform/platform_info.h"
 #include "platform/registry_folder.h"
@@ -141,6 +142,7 @@ std::map<std::string, KdMntEntry> mountsByPlace() {
 }
 
 RegistryEditor::RegistryEditor() {
+  requireOwnFolder(settledPath(registryFolder() + "/DataClassification"));
   registeredVolumes();  // of a damaged one it tells the reason, which an opening for writing does
                         // not
   db_ = onRegistry("open", [] { return openRegistry(); });

@@ -369,7 +369,10 @@ TEST_F(Control, UsesNoFolderThatOthersCouldUse) {
   if (geteuid() != 0) GTEST_SKIP() << "the rest needs root";
   fs::create_directory(foreign);
   ASSERT_EQ(chown(foreign.c_str(), 65534, 65534), 0);
-  EXPECT_EQ(failureToStart(foreign + "/s"), "the folder " + foreign + " belongs to another user");
+  EXPECT_EQ(failureToStart(foreign + "/s"), "the folder " + foreign +
+                                                " belongs to another user; name another one, or "
+                                                "take it over with: chown 0 " +
+                                                foreign);
 }
 
 TEST_F(Control, PathsMayBeLong) {
@@ -422,6 +425,60 @@ TEST_F(Control, AnswersNoOtherUserEvenWhereTheFilesWouldLetHimIn) {
     ASSERT_EQ(chmod(open.c_str(), 0777), 0);
   EXPECT_EQ(asAnotherUser(path), "");
   EXPECT_EQ(RawClient(path).ask(kStatus), kGood);
+}
+
+// Another user's process that listens at the path; ends with the object.
+class ForeignListener {
+ public:
+  explicit ForeignListener(const std::string& path) {
+    int ready[2];
+    if (::pipe(ready) != 0) throw std::runtime_error("no pipe");
+    child_ = fork();
+    if (child_ == 0) {
+      alarm(60);
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      path.copy(address.sun_path, sizeof address.sun_path - 1);
+      const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+      if (setuid(65534) != 0 ||
+          bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+          listen(fd, 8) != 0 || write(ready[1], "!", 1) != 1)
+        _exit(1);
+      for (;;) pause();
+    }
+    close(ready[1]);
+    char byte;
+    isListening = read(ready[0], &byte, 1) == 1;
+    close(ready[0]);
+  }
+  ~ForeignListener() {
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+  }
+  ForeignListener(const ForeignListener&) = delete;
+  ForeignListener& operator=(const ForeignListener&) = delete;
+
+  bool isListening = false;
+
+ private:
+  pid_t child_;
+};
+
+// An answer that somebody else gives could say that a catalogue is current which is not.
+TEST_F(Control, BelievesNoOtherUserWhoListensInOurFolder) {
+  if (geteuid() != 0) GTEST_SKIP() << "becoming another user needs root";
+  const std::string folder = temp / "state/sockets";
+  fs::create_directories(folder);
+  for (std::string open = folder; open.size() >= temp.path().size();
+       open = fs::path(open).parent_path())
+    ASSERT_EQ(chmod(open.c_str(), 0777), 0);
+  const ForeignListener other(path);
+  ASSERT_TRUE(other.isListening);
+  EXPECT_EQ(failureOf([&] { askSocket(path, {}, kWatchdog); }),
+            "user 65534 answers on " + path + ", who may not; remove it");
+  // In a folder of his own he may: root may ask anybody's process.
+  ASSERT_EQ(chown(folder.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(connectTo(path, kWatchdog).listener, Listener::kFound);
 }
 
 struct Client : Control {
