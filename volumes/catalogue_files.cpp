@@ -3,6 +3,7 @@
 #include "volumes/catalogue_files.h"
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -90,7 +91,9 @@ bool CheckDBIntegrity(UDC_DBMS* db) {
 // NOLINTNEXTLINE(performance-unnecessary-value-param): existing callers are linked against it.
 void RemoveDCDb(std::string folder) {
   dbg.Debug("RemoveDCDb", "Removing DC DB [%s]", folder.c_str());
-  if (access(folder.c_str(), F_OK) != 0) return;
+  struct stat status {};
+  // What a planted link leads to is somebody else's.
+  if (lstat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return;
   UDC_DBMS::RemoveFiles(folder + "/.db.kd");
   UDC_DBMS::RemoveFiles(folder + "/.fid.kd");
   rmdir(folder.c_str());
