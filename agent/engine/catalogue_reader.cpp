@@ -141,6 +141,7 @@ void CatalogueReader::View::read(const std::optional<long long>& since, const Ro
       } else {
         const std::string* prefix = folders.prefixOf(parent);
         if (!prefix) continue;
+        requireName(query.text(2), query.integer(0));
         path.assign(*prefix).append(query.text(2));
       }
       row.path = path;

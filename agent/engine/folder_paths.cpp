@@ -17,6 +17,14 @@ constexpr std::size_t kMostKnownBytes = 64 * 1024 * 1024;
 
 }  // namespace
 
+void requireName(std::string_view name, std::int64_t inode) {
+  constexpr std::string_view kInNoName("/\0", 2);
+  if (name.empty() || name == "." || name == ".." ||
+      name.find_first_of(kInNoName) != std::string_view::npos)
+    throw UDCException("FolderPaths", 3, SQLITE_CORRUPT,
+                       fmt::format("row {} has a name that no file can have", inode));
+}
+
 FolderPaths::FolderPaths(const ReadConnection& files)
     : parentOf_(files, "SELECT PINODE,NAME,FILE_TYPE FROM FILES WHERE INODE=?1") {}
 
@@ -61,6 +69,7 @@ std::optional<std::vector<FolderPaths::Step>> FolderPaths::climb(std::int64_t in
 
 void FolderPaths::descend(const std::vector<Step>& steps) {
   for (auto step = steps.rbegin(); step != steps.rend(); ++step) {
+    requireName(step->name, step->inode);
     prefix_ += step->name;
     prefix_ += '/';
     if (knownBytes_ > kMostKnownBytes) continue;

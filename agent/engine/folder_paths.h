@@ -23,6 +23,10 @@ namespace kddc {
 // The parent of a row that has no name at present: its file has lost one and not yet got another.
 inline constexpr std::int64_t kParkedParent = std::numeric_limits<std::int64_t>::max();
 
+// Throws UDCException with SQLITE_CORRUPT unless a file can have the name. A path made of any other
+// could lead whoever uses it out of the volume.
+void requireName(std::string_view name, std::int64_t inode);
+
 class FolderPaths {
  public:
   // `files` must outlive the object.
@@ -31,7 +35,7 @@ class FolderPaths {
   // What stands before the names in a folder: "" for the root, else its path with a "/" at the end;
   // null when the folder is parked, or one above it is: it has no path at present. Valid until the
   // next call. UDCException with SQLITE_CORRUPT when what is above the row is no chain of folders
-  // up to the root.
+  // with names up to the root.
   const std::string* prefixOf(std::int64_t inode);
 
  private:

@@ -228,6 +228,22 @@ TEST_F(HostileCatalogue, WithAVirtualTableHoldsNoCatalogue) {
                                            volume);
 }
 
+// Whoever archives what is listed would leave the volume with it.
+TEST_F(HostileCatalogue, ListsNoNameThatLeadsOutOfTheVolume) {
+  for (const char* name :
+       {"'..'", "'.'", "''", "'a/b'", "'/etc/shadow'", "CAST(x'610062' AS TEXT)"}) {
+    ASSERT_EQ(run({"scan", "-q", volume}).exitCode, 0);
+    files(std::string("UPDATE FILES SET NAME=") + name + " WHERE NAME='file'");
+    for (const char* form : {"-0", "--json"}) {
+      const Outcome outcome = run({"list", form, volume});
+      EXPECT_EQ(outcome.exitCode, 3) << name << outcome;
+      EXPECT_THAT(outcome.err, HasSubstr("is damaged (row 2 has a name that no file can have)"))
+          << name;
+      EXPECT_THAT(outcome.out, testing::Not(HasSubstr("..")));
+    }
+  }
+}
+
 TEST_F(HostileCatalogue, FollowsNoPlantedLinkWhereItIsRead) {
   const std::string victim = temp.write("victim", "precious");
   for (const char* name : {"/.db.kd", "/.db.kd-wal", "/.db.kd-shm", "/.fid.kd"})
