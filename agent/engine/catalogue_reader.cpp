@@ -224,6 +224,7 @@ std::optional<std::string> volumeOf(const std::string& folder) {
     const std::string volume = readHeader(ReadConnection(folder + kFilesDatabase)).volume;
     if (!volume.empty()) return volume;
   } catch (const UDCException&) {  // no catalogue, or one that nobody can read, belongs to none
+  } catch (const Failure&) {       // nor does a link
   }
   return std::nullopt;
 }

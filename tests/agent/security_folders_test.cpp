@@ -85,11 +85,11 @@ TEST_F(OwnFolders, ThatAreMissingAreNobodyElses) {
 
 TEST_F(OwnFolders, MayBeReadByOthersButNotWritten) {
   make(folder);
-  for (const mode_t mode : {0700, 0755, 0711, 0500}) {
+  for (const mode_t mode : {0700U, 0755U, 0711U, 0500U}) {
     ASSERT_EQ(chmod(folder.c_str(), mode), 0);
     expectGood(folder);
   }
-  for (const mode_t mode : {0720, 0702, 0777, 01777}) {  // sticky is not enough
+  for (const mode_t mode : {0720U, 0702U, 0777U, 01777U}) {  // sticky is not enough
     ASSERT_EQ(chmod(folder.c_str(), mode), 0);
     expectRefusal(folder, "others may write in the folder " + folder +
                               "; close it with: chmod go-w " + folder);
@@ -125,7 +125,7 @@ TEST_F(OwnFolders, AreNoLinksAndNoFiles) {
 TEST_F(OwnFolders, LieWhereOthersCannotReplaceThem) {
   make(folder);
   make(folder + "/own");
-  for (const mode_t mode : {0770, 0707}) {
+  for (const mode_t mode : {0770U, 0707U}) {
     ASSERT_EQ(chmod(folder.c_str(), mode), 0);
     for (const char* below : {"/own", "/missing"})
       expectRefusal(folder + below, "others may write in the folder " + folder +
@@ -310,6 +310,19 @@ TEST_F(SecureProgram, WritesNoFileThatIsNotPlainAndItsOwn) {
   fs::copy(kept, database);
   ASSERT_EQ(chown(database.c_str(), kNobody, kNobody), 0);
   refusals("belongs to another user; make a new catalogue in another folder");
+}
+
+TEST_F(SecureProgram, TellsOfTheOthersWhereOneCatalogueIsALink) {
+  const std::string other = temp / "other";
+  fs::create_directory(other);
+  ASSERT_EQ(run({"scan", "-q", other}).exitCode, 0);
+  scan();
+  fs::rename(catalogue + "/.db.kd", temp / "kept");
+  fs::create_symlink(temp / "kept", catalogue + "/.db.kd");
+  const Outcome outcome = run({"status"});
+  EXPECT_EQ(outcome.exitCode, 0) << outcome;
+  EXPECT_THAT(outcome.out, testing::StartsWith(other + "\n"));
+  EXPECT_THAT(outcome.out, testing::Not(testing::HasSubstr(volume)));
 }
 
 TEST_F(SecureProgram, UsesNoStateFolderThatOthersMayWrite) {
