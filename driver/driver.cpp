@@ -43,9 +43,9 @@ UniqueFd makeWake() {
 
 }  // namespace
 
-Driver::Driver(DriverOptions options, DriverSinks sinks)
+Driver::Driver(DriverOptions options, DriverSinks sinks, UniqueFd kept)
     : sinks_(std::move(sinks)),
-      group_(options.roots.at(0), options.queue),
+      group_(options.roots.at(0), options.queue, std::move(kept)),
       disk_({options.roots, options.leaveOut, options.stubAttribute}),
       stream_(disk_.device(), options.firstSequence, sinks_.record),
       translator_(disk_,
@@ -128,6 +128,7 @@ DriverCounts Driver::counts() const {
 // --- The thread in run().
 
 void Driver::turn() {
+  sinks_.pulse(true);
   wait();
   const std::uint64_t before = stream_.nextSequence(), served = served_;
   nap_ = readBatch() < kManyEvents ? kShortNap : std::min(2 * nap_, kLongNap);
@@ -166,6 +167,7 @@ bool Driver::pollFor(int milliseconds, bool events) {
 
 // How many events it was.
 std::size_t Driver::readBatch() {
+  sinks_.pulse(false);
   const std::size_t length = group_.read(buffer_);
   lastReadWasFull_ = length + kRoomForAnEvent > buffer_.size();
   if (length == 0) return 0;
@@ -221,6 +223,7 @@ bool Driver::takeRequest() {
 // A request that an exception interrupts is served again.
 void Driver::serveSome() {
   for (int i = 0; i < kRequestsAtOnce && takeRequest(); ++i) {
+    sinks_.pulse(false);
     if (!serve(*current_)) return;
     if (!current_->reached) saidSomething_ = true;  // a barrier has its NOOP
     served_ = current_->number;
@@ -288,6 +291,7 @@ void Driver::resolveAgain() {
   lastTry_ = now;
   for (Unresolved& file : unresolved_) --file.timesLeft;
   const auto resolved = std::erase_if(unresolved_, [&](const Unresolved& file) {
+    sinks_.pulse(false);
     return translator_.resolve(file.fid, file.timesLeft <= 0, rootOf(file));
   });
   if (resolved > 0) publish();

@@ -63,6 +63,9 @@ struct DriverSinks {
   std::function<void(const std::string&)> doubt;
   // Called when nothing more will be said for the moment, after records or after none.
   std::function<void()> pause = [] {};
+  // Tells a watchdog how it goes: true when it begins to wait for something to do, false when a
+  // piece of work begins that ends soon, unless something hangs.
+  std::function<void(bool waits)> pulse = [](bool) {};
 };
 
 // For people who want to know how it goes.
@@ -85,8 +88,8 @@ class Driver {
   using Reached = std::function<void(std::uint64_t sequence)>;
 
   // Throws CannotWatch when the file system cannot be followed, std::system_error when a root
-  // cannot be opened.
-  Driver(DriverOptions options, DriverSinks sinks);
+  // cannot be opened. `kept`: the group of an earlier process to go on with, see FanotifyGroup.
+  Driver(DriverOptions options, DriverSinks sinks, UniqueFd kept = {});
   Driver(const Driver&) = delete;
   Driver& operator=(const Driver&) = delete;
 
@@ -126,6 +129,8 @@ class Driver {
   std::uint64_t nextSequence() const { return stream_.nextSequence(); }
   // st_dev of the file system: the devt of its records.
   std::uint64_t device() const { return disk_.device(); }
+  // The kernel's queue, for somebody to keep in case that this process dies; not to be read.
+  int group() const { return group_.fd(); }
 
  private:
   using Clock = std::chrono::steady_clock;

@@ -13,9 +13,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cinttypes>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 #include "platform/exceptions.h"
 #include "platform/failure.h"
@@ -115,20 +121,71 @@ std::string whyNoMark(int error, const std::string& fsType) {
   }
 }
 
+unsigned int flagsFor(EventQueue queue) {
+  return kReport | (queue == EventQueue::kUnlimited ? FAN_UNLIMITED_QUEUE : 0);
+}
+
+bool markChanges(int group, int root) {
+  return fanotify_mark(group, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kChanges, root, nullptr) == 0;
+}
+
+bool isGroup(int fd) {
+  std::error_code error;
+  const auto what = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
+  return what == "anon_inode:[fanotify]";
+}
+
+// What the kernel tells of a group: a line for it, and one for each mark.
+std::vector<std::string> describe(int group) {
+  std::ifstream file("/proc/self/fdinfo/" + std::to_string(group));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);)
+    if (line.starts_with("fanotify ")) lines.push_back(line);
+  return lines;
+}
+
+// The kernel adds a bit of its own to the mask.
+bool isOurMark(const std::string& line) {
+  unsigned int device = 0, flags = 0, ignored = 0;
+  std::uint64_t mask = 0;
+  constexpr char kForm[] = "fanotify sdev:%x mflags:%x mask:%" SCNx64 " ignored_mask:%x";
+  return std::sscanf(line.c_str(), kForm, &device, &flags, &mask, &ignored) == 4 && flags == 0 &&
+         ignored == 0 && (mask & ~std::uint64_t{FAN_EVENT_ON_CHILD}) == kChanges;
+}
+
+bool isMadeLikeOurs(int group, EventQueue queue) {
+  unsigned int flags = 0;
+  const std::vector<std::string> lines = describe(group);
+  return !lines.empty() && std::sscanf(lines[0].c_str(), "fanotify flags:%x", &flags) == 1 &&
+         flags == flagsFor(queue) && (fcntl(group, F_GETFL) & O_NONBLOCK) != 0;
+}
+
 }  // namespace
 
-FanotifyGroup::FanotifyGroup(const std::string& path, EventQueue queue) {
+FanotifyGroup::FanotifyGroup(const std::string& path, EventQueue queue, UniqueFd kept)
+    : fd_(std::move(kept)) {
   const UniqueFd root = openRoot(path);
   requireHandles(path, root.get());
   requireFsid(path, root.get());
-  const unsigned int limit = queue == EventQueue::kUnlimited ? FAN_UNLIMITED_QUEUE : 0;
-  fd_.reset(fanotify_init(kReport | limit, O_RDONLY | O_CLOEXEC));
+  if (fd_) return;
+  fd_.reset(fanotify_init(flagsFor(queue), O_RDONLY | O_CLOEXEC));
   if (!fd_) refuse(path, whyNoGroup(errno));
-  if (fanotify_mark(fd_.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kChanges, root.get(), nullptr) ==
-      0)
-    return;
+  if (markChanges(fd_.get(), root.get())) return;
   const int error = errno;
   refuse(path, whyNoMark(error, fsTypeAt(root.get())));
+}
+
+// Whether its one mark is on that file system is found out by marking it again, which changes
+// nothing then, and adds a mark otherwise. The numbers do not tell: what the kernel names here is
+// the superblock's device, and on Btrfs no file has that one.
+std::string FanotifyGroup::whyNotKept(int fd, const std::string& path, EventQueue queue) {
+  if (!isGroup(fd)) return "it is no queue of changes";
+  if (!isMadeLikeOurs(fd, queue)) return "its settings are others";
+  const std::vector<std::string> before = describe(fd);
+  if (before.size() == 1) return "it follows nothing any more";
+  if (before.size() > 2 || !isOurMark(before[1])) return "it follows something else";
+  if (!markChanges(fd, openRoot(path).get())) return errnoText(errno);
+  return describe(fd) == before ? "" : "it follows another file system";
 }
 
 std::size_t FanotifyGroup::read(std::span<unsigned char> buffer) {

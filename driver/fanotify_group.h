@@ -6,6 +6,9 @@
 // From its construction on every change raises an event, until unmark(). Events that are queued by
 // then can still be read. The group holds no descriptor on the file system, so it does not keep it
 // from being unmounted; the events then just end.
+//
+// A group outlives its process when somebody else holds its descriptor, too. The kernel goes on
+// queueing meanwhile, and the next process may take it over.
 #pragma once
 
 #include <cstddef>
@@ -33,7 +36,13 @@ class FanotifyGroup {
  public:
   // Whether the file system at `path` can be followed is found out first: file handles, that fit
   // into an identifier and open again; events that name a file system; the rights; the mark.
-  explicit FanotifyGroup(const std::string& path, EventQueue queue = EventQueue::kUnlimited);
+  // `kept` is the descriptor of a group to go on with, one that whyNotKept finds nothing against.
+  explicit FanotifyGroup(const std::string& path, EventQueue queue = EventQueue::kUnlimited,
+                         UniqueFd kept = {});
+
+  // Why a descriptor that came from elsewhere is no group like ours that follows the file system at
+  // `path` and nothing else; empty when it is. One that is not is of no use afterwards.
+  static std::string whyNotKept(int fd, const std::string& path, EventQueue queue);
 
   // To be polled for POLLIN.
   int fd() const { return fd_.get(); }

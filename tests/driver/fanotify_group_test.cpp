@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "driver/fanotify_group.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/capability.h>
 #include <sys/fanotify.h>
@@ -122,6 +123,81 @@ TEST_P(FanotifyGroupTest, DoesNotKeepTheFileSystemFromBeingUnmounted) {
   write(*mount / "before");
   mount->unmount();
   EXPECT_EQ(readAll(group).size(), 1u);
+}
+
+// Another process would have the descriptor from whoever kept it.
+UniqueFd copyOf(const FanotifyGroup& group) {
+  return UniqueFd(fcntl(group.fd(), F_DUPFD_CLOEXEC, 0));
+}
+UniqueFd otherGroup(unsigned int flags) {
+  return UniqueFd(fanotify_init(flags, O_RDONLY | O_CLOEXEC));
+}
+std::string whyNotKept(const UniqueFd& fd, const std::string& path,
+                       EventQueue queue = EventQueue::kUnlimited) {
+  return FanotifyGroup::whyNotKept(fd.get(), path, queue);
+}
+
+TEST_P(FanotifyGroupTest, ThatWasKeptGivesWhatChangedWhileNobodyReadIt) {
+  fs::create_directory(*mount / "d");
+  UniqueFd kept;
+  {
+    const FanotifyGroup group(mount->path());
+    kept = copyOf(group);
+  }
+  write(*mount / "meanwhile");
+  EXPECT_EQ(whyNotKept(kept, *mount / "d"), "");
+  FanotifyGroup group(*mount / "d", EventQueue::kUnlimited, std::move(kept));
+  write(*mount / "later");
+  const std::vector<Event> events = readAll(group);
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0].name, "meanwhile");
+  EXPECT_EQ(events[1].name, "later");
+}
+
+TEST_P(FanotifyGroupTest, ThatWasKeptMustFollowThatFileSystemAndNoOther) {
+  const LoopMount other("tmpfs");
+  const FanotifyGroup group(mount->path());
+  EXPECT_EQ(whyNotKept(copyOf(group), other.path()), "it follows another file system");
+  EXPECT_EQ(whyNotKept(copyOf(group), mount->path()), "it follows something else");
+}
+
+TEST_P(FanotifyGroupTest, ThatWasKeptIsNoMoreUseAfterItsMarkHasGone) {
+  FanotifyGroup ended(mount->path());
+  ended.unmark();
+  EXPECT_EQ(whyNotKept(copyOf(ended), mount->path()), "it follows nothing any more");
+  const FanotifyGroup unmounted(mount->path());
+  mount->unmount();
+  mount->mount();
+  EXPECT_EQ(whyNotKept(copyOf(unmounted), mount->path()), "it follows nothing any more");
+}
+
+TEST_P(FanotifyGroupTest, ThatWasKeptMustBeMadeAndMarkedAsOursAre) {
+  const std::string path = mount->path();
+  EXPECT_EQ(whyNotKept(UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC)), path),
+            "it is no queue of changes");
+  EXPECT_EQ(whyNotKept(UniqueFd(), path), "it is no queue of changes");
+  const FanotifyGroup limited(path, EventQueue::kLimited);
+  EXPECT_EQ(whyNotKept(copyOf(limited), path), "its settings are others");
+  EXPECT_EQ(whyNotKept(copyOf(limited), path, EventQueue::kLimited), "");
+  const FanotifyGroup blocking(path);
+  fcntl(blocking.fd(), F_SETFL, 0);
+  EXPECT_EQ(whyNotKept(copyOf(blocking), path), "its settings are others");
+
+  constexpr unsigned int kOurs = FAN_CLASS_NOTIF | FAN_REPORT_DFID_NAME_TARGET | FAN_NONBLOCK |
+                                 FAN_CLOEXEC | FAN_UNLIMITED_QUEUE;
+  constexpr unsigned int kFileSystem = FAN_MARK_ADD | FAN_MARK_FILESYSTEM;
+  const UniqueFd fewer = otherGroup(kOurs);
+  ASSERT_EQ(fanotify_mark(fewer.get(), kFileSystem, FAN_CREATE, AT_FDCWD, path.c_str()), 0);
+  EXPECT_EQ(whyNotKept(fewer, path), "it follows something else");
+  const UniqueFd folder = otherGroup(kOurs);
+  ASSERT_EQ(fanotify_mark(folder.get(), FAN_MARK_ADD, FAN_CREATE, AT_FDCWD, path.c_str()), 0);
+  EXPECT_EQ(whyNotKept(folder, path), "it follows something else");
+  const FanotifyGroup ignores(path);
+  ASSERT_EQ(fanotify_mark(ignores.fd(),
+                          kFileSystem | FAN_MARK_IGNORED_MASK | FAN_MARK_IGNORED_SURV_MODIFY,
+                          FAN_MODIFY, AT_FDCWD, path.c_str()),
+            0);
+  EXPECT_EQ(whyNotKept(copyOf(ignores), path), "it follows something else");
 }
 
 using FanotifyRefusal = OnAMount;
