@@ -40,7 +40,7 @@ std::string ofLibrary(const UDCException& e) {
 }  // namespace
 
 Failure systemFailure(const std::string& what, int error) {
-  return Failure(what + ": " + std::strerror(error));
+  return Failure(what + ": " + std::strerror(error), error);
 }
 
 std::string describeCurrentException() {
@@ -56,6 +56,20 @@ std::string describeCurrentException() {
     return e.what();
   } catch (...) {
     return "an unknown error";
+  }
+}
+
+int errnoOfCurrentException() {
+  try {
+    throw;
+  } catch (const Failure& e) {
+    return e.error();
+  } catch (const std::system_error& e) {
+    return e.code().value();
+  } catch (const UDCException& e) {
+    return e.GetType() == 0 ? e.GetErrorNumber() : 0;
+  } catch (...) {
+    return 0;
   }
 }
 

@@ -14,7 +14,13 @@ namespace kddc {
 // A sentence for the user, without "kddc: " and without a full stop. The work was not done.
 class Failure : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit Failure(const std::string& sentence, int error = 0)
+      : std::runtime_error(sentence), error_(error) {}
+  // The errno behind it; 0 when there is none.
+  int error() const { return error_; }
+
+ private:
+  int error_;
 };
 
 // "<what>: <text of errno>".
@@ -22,6 +28,9 @@ class Failure : public std::runtime_error {
 
 // The sentence for the exception being handled, of whatever type.
 std::string describeCurrentException();
+
+// The errno behind it; 0 when there is none.
+int errnoOfCurrentException();
 
 // Runs `work`; an exception that is not yet a sentence becomes "<doing>: <why>[; <what to do>]".
 template <class Work>
@@ -31,7 +40,7 @@ decltype(auto) during(const std::string& doing, Work&& work) {
   } catch (const Failure&) {
     throw;
   } catch (...) {
-    throw Failure(doing + ": " + describeCurrentException());
+    throw Failure(doing + ": " + describeCurrentException(), errnoOfCurrentException());
   }
 }
 

@@ -25,6 +25,8 @@
 #include "agent/live/watch_session.h"
 #include "agent/progress.h"
 #include "agent/registry/registered_volumes.h"
+#include "agent/service/service_manager.h"
+#include "agent/service/service_report.h"
 #include "platform/platform_info.h"
 #include "platform/printable.h"
 #include "platform/stub_attribute.h"
@@ -188,9 +190,8 @@ WatchListeners listenersFor(const Options& options, Progress& progress) {
   return listeners;
 }
 
-}  // namespace
-
-int runWatch(const Options& options, const std::vector<std::string>& volumes, bool print) {
+int watch(const Options& options, const std::vector<std::string>& volumes, bool print,
+          ServiceManager& manager) {
   const bool registered = volumes.empty();
   WatchPlan plan = registered ? planForRegistered(options) : planForNamed(options, volumes);
   const bool isOne = !registered && plan.volumes.size() == 1;
@@ -210,8 +211,10 @@ int runWatch(const Options& options, const std::vector<std::string>& volumes, bo
     return ControlPlace{volume, controlSocket(options, volume)};
   };
   listeners.added = [&](const std::string& volume) { server->add(placeOf(volume)); };
-  session = std::make_unique<WatchSession>(std::move(plan), std::move(listeners));
+  session = std::make_unique<WatchSession>(std::move(plan), std::move(listeners), manager);
+  const ServiceReport report(manager, [&] { return summaryOf(session->states()); });
   const InterruptThread interrupts([&] {
+    manager.stopping();
     session->stop();
     ++signals;
   });
@@ -226,9 +229,24 @@ int runWatch(const Options& options, const std::vector<std::string>& volumes, bo
   session->run([&] {
     progress.end();
     lines.say("ready");
+    manager.ready();
   });
   lines.requireWritten();
   return kExitDone;
+}
+
+}  // namespace
+
+int runWatch(const Options& options, const std::vector<std::string>& volumes, bool print) {
+  ServiceManager manager([quiet = options.quiet](const std::string& line) {
+    if (!quiet) complain(line);
+  });
+  try {
+    return watch(options, volumes, print, manager);
+  } catch (...) {
+    manager.failed(describeCurrentException(), errnoOfCurrentException());
+    throw;
+  }
 }
 
 }  // namespace kddc

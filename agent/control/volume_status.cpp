@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/control/volume_status.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -114,6 +116,15 @@ struct Reader {
 
 const char* nameOf(State state) {
   return kStates.at(static_cast<std::size_t>(state));
+}
+
+std::string summaryOf(const std::vector<State>& states) {
+  using enum VolumeStatus::State;
+  std::string summary;
+  for (const State state : {kLive, kScanning, kRescanning, kStale, kNotWatched})
+    if (const auto count = std::ranges::count(states, state); count > 0)
+      summary += fmt::format("{} {} {}", summary.empty() ? "volumes:" : ",", count, nameOf(state));
+  return summary;
 }
 
 json toJson(const VolumeStatus& status) {

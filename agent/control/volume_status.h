@@ -56,6 +56,8 @@ struct VolumeStatus {
 
 // "live", "not watched" ...
 const char* nameOf(VolumeStatus::State state);
+// "volumes: 2 live, 1 rescanning".
+std::string summaryOf(const std::vector<VolumeStatus::State>& states);
 
 // The members of a good answer to "status"; docs/formats.md lists their names.
 nlohmann::json toJson(const VolumeStatus& status);

@@ -36,9 +36,10 @@ void Applier::detach(VolumeRows& volume) {
   std::erase(volumes_, &volume);
 }
 
-void Applier::run() {
+void Applier::run(const std::function<void(bool waits)>& pulse) {
   while (!isFinished()) {
-    readSome();
+    pulse(true);
+    readSome(pulse);
     reportLosses();
   }
   const std::lock_guard lock(mutex_);
@@ -47,11 +48,13 @@ void Applier::run() {
 }
 
 // Nothing is taken also between two blocks, and when the queue was told to let us go.
-void Applier::readSome() {
+void Applier::readSome(const std::function<void(bool waits)>& pulse) {
   unsigned char* data = nullptr;
   int length = 0;
   try {
-    if (queue_.ReadEntry(&data, &length)) take({data, static_cast<std::size_t>(length)});
+    if (!queue_.ReadEntry(&data, &length)) return;
+    pulse(false);
+    take({data, static_cast<std::size_t>(length)});
   } catch (const std::exception&) {  // logged; the queue tries the same file again
     doubt_(nullptr, {"a swap file cannot be read"});
     std::unique_lock lock(mutex_);

@@ -67,8 +67,8 @@ class Applier {
   // Nothing of the volume is touched any more when this returns.
   void detach(VolumeRows& volume);
 
-  // Works until a NOOP after finishAtNextNoop, or until `abandon`.
-  void run();
+  // Works until a NOOP after finishAtNextNoop, or until `abandon`. `pulse`: as the driver's.
+  void run(const std::function<void(bool waits)>& pulse = [](bool) {});
   void finishAtNextNoop();
   // Stops after the record in hand; what is left stays in the queue.
   void giveUp();
@@ -98,7 +98,7 @@ class Applier {
     unsigned long long committed = 0;  // every record up to here is applied and committed
   };
 
-  void readSome();
+  void readSome(const std::function<void(bool waits)>& pulse);
   void take(std::span<unsigned char> bytes);
   void checkNumber(unsigned long long devt, unsigned long long number);
   void applyToVolumes(const FlrJrnCommandRaw& record);

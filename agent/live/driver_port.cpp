@@ -15,13 +15,19 @@ constexpr std::chrono::milliseconds kRetry(100);
 
 }  // namespace
 
-DriverPort::DriverPort(DriverOptions options, DriverSinks sinks)
+DriverPort::DriverPort(DriverOptions options, DriverSinks sinks, ServiceManager& manager)
     : doubt_(sinks.doubt),
       staged_(std::move(sinks.record)),
+      kept_(manager, options.roots.at(0), options.queue),
+      pulse_(manager.heart()),
       driver_(std::move(options),
               {.record = [this](std::span<unsigned char> bytes) { staged_.take(bytes); },
                .doubt = doubt_,
-               .pause = [this] { staged_.handOver(); }}) {}
+               .pause = [this] { staged_.handOver(); },
+               .pulse = std::ref(pulse_)},
+              kept_.take()) {
+  kept_.keep(driver_.group());
+}
 
 void DriverPort::start() {
   thread_ = std::thread([this] { run(); });
@@ -32,7 +38,7 @@ void DriverPort::run() {
   while (!ending_) {
     try {
       driver_.run();
-      return;
+      return pulse_.rest();
     } catch (...) {
       doubt_("the queue cannot take records: " + describeCurrentException());
       staged_.clear();
@@ -47,6 +53,7 @@ void DriverPort::end() {
   driver_.stop();
   thread_.join();
   ended_ = true;
+  kept_.forget();
 }
 
 // Numbers rise, but two threads may come here in any order.

@@ -17,16 +17,19 @@
 #include <thread>
 #include <utility>
 
+#include "agent/live/kept_queue.h"
 #include "agent/live/staged_records.h"
 #include "agent/live/volume_rows.h"
+#include "agent/service/service_manager.h"
 #include "driver/driver.h"
 
 namespace kddc {
 
 class DriverPort {
  public:
-  // Marks the file system: from now on no change is missed. Throws CannotWatch.
-  DriverPort(DriverOptions options, DriverSinks sinks);
+  // Marks the file system: from now on no change is missed. When the process before has crashed,
+  // none has been missed since it did. Throws CannotWatch.
+  DriverPort(DriverOptions options, DriverSinks sinks, ServiceManager& manager);
   ~DriverPort() { end(); }
 
   // Starts the thread.
@@ -42,6 +45,8 @@ class DriverPort {
 
   std::function<void(const std::string&)> doubt_;
   StagedRecords staged_;
+  KeptQueue kept_;
+  Heartbeat::Pulse pulse_;
   Driver driver_;
   std::atomic<bool> ending_ = false, ended_ = false;
   std::thread thread_;

@@ -149,6 +149,13 @@ VolumeStatus::State WatchSession::stateOf(const Volume& volume) const {
   return volume.comparing ? VolumeStatus::State::kRescanning : VolumeStatus::State::kStale;
 }
 
+std::vector<VolumeStatus::State> WatchSession::states() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<VolumeStatus::State> states;
+  for (const auto& volume : volumes_) states.push_back(stateOf(*volume));
+  return states;
+}
+
 VolumeStatus WatchSession::status(const std::string& path) const {
   const Volume& volume = *find(path);
   VolumeStatus status;

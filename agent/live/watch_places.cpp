@@ -193,7 +193,7 @@ std::shared_ptr<DriverPort> WatchSession::makePort(dev_t device, DriverOptions o
     queuedBytes_ += bytes.size();
   };
   sinks.doubt = [this, device](const std::string& reason) { doubt(device, {reason}); };
-  auto port = std::make_shared<DriverPort>(std::move(options), std::move(sinks));
+  auto port = std::make_shared<DriverPort>(std::move(options), std::move(sinks), manager_);
   if (isRunning_) port->start();
   return port;
 }
@@ -388,12 +388,7 @@ void WatchSession::lookForReturn(Volume& volume) {
 }
 
 // One that is no longer registered is let go of; it may be registered again.
-void WatchSession::followRegistered() {
-  bool mountsChanged = false;
-  {
-    const std::lock_guard lock(mutex_);
-    mountsChanged = std::exchange(mountsChanged_, false);
-  }
+void WatchSession::followRegistered(bool mountsChanged) {
   std::vector<WatchPlan::Volume> registered;
   try {
     registered = plan_.registered(mountsChanged);

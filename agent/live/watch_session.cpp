@@ -22,8 +22,8 @@ constexpr std::chrono::seconds kRegistry(5);
 
 }  // namespace
 
-WatchSession::WatchSession(WatchPlan plan, WatchListeners listeners)
-    : plan_(std::move(plan)), listeners_(std::move(listeners)) {
+WatchSession::WatchSession(WatchPlan plan, WatchListeners listeners, ServiceManager& manager)
+    : plan_(std::move(plan)), listeners_(std::move(listeners)), manager_(manager) {
   makeFolders(plan_.stateFolder);
   if (plan_.registered) plan_.volumes = plan_.registered(true);
   for (const WatchPlan::Volume& volume : plan_.volumes) add(volume);
@@ -35,6 +35,7 @@ WatchSession::WatchSession(WatchPlan plan, WatchListeners listeners)
   forEach([this](Volume& volume) {
     if (!volume.failed) connect(volume);
   });
+  manager_.forgetUnclaimed();
 }
 
 WatchSession::~WatchSession() {
@@ -102,7 +103,8 @@ void WatchSession::run(const std::function<void()>& live) {
   applying_ = std::thread([this] {
     giveWay();
     queue_->DbThreadStarted();
-    applier_->run();
+    Heartbeat::Pulse pulse(manager_.heart());
+    applier_->run(std::ref(pulse));
   });
   compareAll();
   if (!isStopping()) live();
@@ -140,11 +142,11 @@ void WatchSession::work() {
       std::unique_lock lock(mutex_);
       changed_.wait_for(lock, kLook,
                         [&] { return isStopping() || mountsChanged_ || (due = nextToDo()); });
-      mountsChanged = mountsChanged_;
+      mountsChanged = std::exchange(mountsChanged_, false);
     }
     const bool reads = mountsChanged || Pacer::Clock::now() - registryRead > kRegistry;
     if (reads && plan_.registered && !isStopping()) {
-      followRegistered();
+      followRegistered(mountsChanged);
       registryRead = Pacer::Clock::now();
     }
     if (due && !isStopping()) takeUp(*due);

@@ -53,6 +53,7 @@
 #include "agent/live/sequence_file.h"
 #include "agent/live/volume_rows.h"
 #include "agent/registry/volume_mount.h"
+#include "agent/service/service_manager.h"
 #include "buffer/persistent_raw_buffer.h"
 
 namespace kddc {
@@ -90,7 +91,7 @@ class WatchSession {
   // Looks at everything and marks the file systems. A volume of the plan's that cannot be followed
   // is a failure: CannotWatch when its file system cannot be, else Failure. A registered one is
   // passed over, unless there is no other.
-  WatchSession(WatchPlan plan, WatchListeners listeners);
+  WatchSession(WatchPlan plan, WatchListeners listeners, ServiceManager& manager);
   ~WatchSession();
   WatchSession(const WatchSession&) = delete;
   WatchSession& operator=(const WatchSession&) = delete;
@@ -110,6 +111,8 @@ class WatchSession {
   VolumeStatus status(const std::string& volume) const;
   // The volumes that are known, those that are not there at the moment, too.
   std::vector<std::string> volumes() const;
+  // How each volume is doing. Cheap.
+  std::vector<VolumeStatus::State> states() const;
 
  private:
   struct Volume;
@@ -152,7 +155,7 @@ class WatchSession {
   void lookAt(Volume& volume);
   void noteMounts();
   void lookForReturn(Volume& volume);
-  void followRegistered();
+  void followRegistered(bool mountsChanged);
   WalkOptions walkOptions(const Volume& volume) const;
 
   // watch_comparison.cpp: what is in doubt is compared with the disk.
@@ -183,6 +186,7 @@ class WatchSession {
 
   WatchPlan plan_;
   WatchListeners listeners_;
+  ServiceManager& manager_;
   std::unique_ptr<PersistentDCRawBuffer> queue_;
   std::mutex adding_;  // the queue is made for one producer
   std::unique_ptr<Applier> applier_;
