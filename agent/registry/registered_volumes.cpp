@@ -2,8 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/registry/registered_volumes.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/statvfs.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -55,12 +56,17 @@ decltype(auto) onRegistry(const char* doing, Work&& work) {
   }
 }
 
-// On a read-only file system no log can be made beside the database, which SQLite wants even to
-// read it. One that was left there by a crash is read as ever.
+// What the process may do counts: a service reads by a capability, which access(2) leaves out.
+bool may(int mode, const std::string& path) {
+  return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0;
+}
+
+// Where nothing may be written no log can be made beside the database, which SQLite wants even to
+// read it. What a crash has left in one is read as ever; an empty one is left by mere readers.
 ReadConnection::Medium mediumOf(const std::string& path) {
-  struct statvfs status {};
-  const bool readOnly = statvfs(path.c_str(), &status) == 0 && (status.f_flag & ST_RDONLY) != 0 &&
-                        access((path + "-wal").c_str(), F_OK) != 0;
+  struct stat log {};
+  const bool hasLog = stat((path + "-wal").c_str(), &log) == 0 && log.st_size > 0;
+  const bool readOnly = !may(W_OK, path.substr(0, path.rfind('/'))) && !hasLog;
   return readOnly ? ReadConnection::Medium::kReadOnly : ReadConnection::Medium::kWritable;
 }
 
@@ -75,9 +81,9 @@ bool hasTable(const ReadConnection& registry, std::string_view name) {
 template <class Take>
 void forEachRow(const char* table, const char* sql, Take&& take) {
   const std::string path = registryPath();
-  if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return;
+  if (!may(F_OK, path) && errno == ENOENT) return;
   onRegistry("read", [&] {
-    if (access(path.c_str(), R_OK) != 0) throw UDCException("forEachRow", 0, "", errno);
+    if (!may(R_OK, path)) throw UDCException("forEachRow", 0, "", errno);
     const ReadConnection registry(path, mediumOf(path));
     if (!hasTable(registry, table)) return;
     for (Query rows(registry, sql); rows.step();) take(rows);
@@ -99,7 +105,7 @@ std::vector<RegisteredVolume> registeredVolumes() {
 }
 
 std::vector<RegisteredVolume> registeredVolumesIfReadable() {
-  if (access(registryPath().c_str(), R_OK) != 0) return {};
+  if (!may(R_OK, registryPath())) return {};
   return registeredVolumes();
 }
 

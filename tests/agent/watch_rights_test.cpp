@@ -29,14 +29,16 @@ struct WatchRights : WatchTest, testing::WithParamInterface<const char*> {
     fs::copy_file(KDDC_PROGRAM, temp / "kddc");
     fs::permissions(temp.path(), fs::perms(0755));
   }
-  std::unique_ptr<Program> watchAsNobody() const {
+  std::unique_ptr<Program> watchAsNobody() const { return watchAsNobody(volume.c_str()); }
+  // Of the volumes that are registered when none is named.
+  std::unique_ptr<Program> watchAsNobody(const char* path) const {
     const std::string both = "-all,+sys_admin,+dac_read_search";
     const std::string inherited = "--inh-caps=" + both, ambient = "--ambient-caps=" + both,
                       bounding = "--bounding-set=" + both, program = temp / "kddc";
     return watch({volume}, [&] {
       execlp("setpriv", "setpriv", "--reuid", kNobody, "--regid", kNobody, "--clear-groups",
              "--no-new-privs", inherited.c_str(), ambient.c_str(), bounding.c_str(),
-             program.c_str(), "watch", volume.c_str(), "--state", state.c_str(), nullptr);
+             program.c_str(), "watch", "--state", state.c_str(), path, nullptr);
       _exit(126);
     });
   }
@@ -93,6 +95,21 @@ TEST_P(WatchRights, TwoCapabilitiesAreEnoughToFollowWhatOthersMayNotSee) {
   EXPECT_EQ(listed(), onDisk(volume));
   const Outcome verified = run({"verify", volume});
   EXPECT_EQ(verified.exitCode, 0) << verified;
+}
+
+TEST_P(WatchRights, TheRegistryOfRootIsRead) {
+  const std::string registry = temp / "registry";
+  fs::create_directory(registry);
+  fs::permissions(registry, fs::perms(0700));
+  setenv("KELDARA_REGISTRY_ROOT", registry.c_str(), 1);
+  EXPECT_EQ(run({"volumes", "add", volume}).exitCode, 0);
+  EXPECT_EQ(run({"volumes", "refresh"}).exitCode, 0);
+  EXPECT_THAT(run({"volumes", "list"}).out, testing::HasSubstr(volume));  // leaves an empty log
+  const auto program = watchAsNobody(nullptr);
+  write("file");
+  flush();
+  EXPECT_EQ(listed(), onDisk(volume));
+  unsetenv("KELDARA_REGISTRY_ROOT");
 }
 
 }  // namespace
