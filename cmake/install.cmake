@@ -1,4 +1,5 @@
-# What `cmake --install` lays down: library, program, documented headers, CMake and pkg-config files.
+# What `cmake --install` lays down: library, program, documented headers, CMake and pkg-config files,
+# the service and its user.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS kddc EXPORT kddcTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -20,3 +21,7 @@ install(EXPORT kddcTargets NAMESPACE kddc:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/
 
 configure_file(cmake/kddc.pc.in ${PROJECT_BINARY_DIR}/kddc.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kddc.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# Where systemd looks, whatever the folder for libraries is called.
+install(FILES packaging/kddc.service DESTINATION lib/systemd/system)
+install(FILES packaging/kddc.sysusers DESTINATION lib/sysusers.d RENAME kddc.conf)

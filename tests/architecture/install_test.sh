@@ -25,3 +25,6 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 LD_LIBRARY_PATH=$libdir "$work/by-pkg-config" "$work/catalogue"
 
 LD_LIBRARY_PATH=$libdir "$work/prefix/bin/kddc" --version
+
+cmp "$here/../../packaging/kddc.service" "$work/prefix/lib/systemd/system/kddc.service"
+cmp "$here/../../packaging/kddc.sysusers" "$work/prefix/lib/sysusers.d/kddc.conf"
