@@ -212,9 +212,10 @@ int watch(const Options& options, const std::vector<std::string>& volumes, bool 
   };
   listeners.added = [&](const std::string& volume) { server->add(placeOf(volume)); };
   session = std::make_unique<WatchSession>(std::move(plan), std::move(listeners), manager);
-  const ServiceReport report(manager, [&] { return summaryOf(session->states()); });
+  ServiceReport report(manager, [&] { return summaryOf(session->states()); });
   const InterruptThread interrupts([&] {
     manager.stopping();
+    report.look();
     session->stop();
     ++signals;
   });
@@ -230,6 +231,7 @@ int watch(const Options& options, const std::vector<std::string>& volumes, bool 
     progress.end();
     lines.say("ready");
     manager.ready();
+    report.look();
   });
   lines.requireWritten();
   return kExitDone;

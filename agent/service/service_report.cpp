@@ -30,19 +30,29 @@ ServiceReport::~ServiceReport() {
     const std::lock_guard lock(mutex_);
     ended_ = true;
   }
-  changed_.notify_all();
+  look();
   if (thread_.joinable()) thread_.join();
+}
+
+void ServiceReport::look() {
+  {
+    const std::lock_guard lock(mutex_);
+    looks_ = true;
+  }
+  changed_.notify_all();
 }
 
 void ServiceReport::run() {
   const microseconds quarter = manager_.watchdog() / 4;
   const microseconds pause = quarter.count() > 0 ? std::min<microseconds>(quarter, kLook) : kLook;
   std::unique_lock lock(mutex_);
-  do {
+  while (!ended_) {
+    looks_ = false;
     lock.unlock();
     if (const std::string lines = whatToTell(Clock::now()); !lines.empty()) manager_.tell(lines);
     lock.lock();
-  } while (!changed_.wait_for(lock, pause, [&] { return ended_; }));
+    changed_.wait_for(lock, pause, [&] { return looks_; });
+  }
 }
 
 std::string ServiceReport::whatToTell(Clock::time_point now) {

@@ -31,6 +31,9 @@ class ServiceReport {
   ServiceReport(const ServiceReport&) = delete;
   ServiceReport& operator=(const ServiceReport&) = delete;
 
+  // Looks at once, and not in a second. From any thread.
+  void look();
+
  private:
   using Clock = Heartbeat::Clock;
 
@@ -50,7 +53,7 @@ class ServiceReport {
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  bool ended_ = false;
+  bool looks_ = false, ended_ = false;
   std::thread thread_;  // last: it uses the others
 };
 
