@@ -97,7 +97,6 @@ std::uint64_t Driver::endCapture(Reached reached) {
 
 std::uint64_t Driver::addRoot(const std::string& path, std::vector<fsf_fid> leaveOut) {
   Request request{Kind::kAddRoot, {}, path, {}};
-  request.opened.emplace(path);
   request.leaveOut = std::move(leaveOut);
   return ask(std::move(request));
 }
@@ -135,7 +134,7 @@ void Driver::turn() {
   serveSome();
   resolveAgain();
   if (stream_.nextSequence() != before || served_ != served) lastSaid_ = Clock::now();
-  sayIdle();
+  rest();
   sinks_.pause();
 }
 
@@ -150,7 +149,7 @@ void Driver::wait() {
 int Driver::patience() const {
   if (lastReadWasFull_ || hasRequests()) return 0;
   if (!unresolved_.empty()) return kShortNap;
-  if (!saidSomething_) return -1;
+  if (!saidSomething_ && !disk_.isHeld()) return -1;
   const auto left = lastSaid_ + kIdle - Clock::now();
   const auto rounded = std::chrono::ceil<std::chrono::milliseconds>(left).count();
   return static_cast<int>(std::max<long long>(rounded, 0));
@@ -272,7 +271,7 @@ void Driver::follow(Request& request) {
     translator_.leaveOut(folder);
   }
   try {
-    disk_.addRoot(*std::move(request.opened));
+    disk_.addRoot(request.name);
   } catch (const std::exception& e) {
     sinks_.doubt("cannot follow " + request.name + ": " + e.what());
   }
@@ -303,8 +302,10 @@ void Driver::publish() {
   if (number != finished_.request) finished_ = {number, stream_.nextSequence()};
 }
 
-void Driver::sayIdle() {
-  if (saidSomething_ && !current_ && Clock::now() - lastSaid_ >= kIdle) noop();
+void Driver::rest() {
+  if (current_ || Clock::now() - lastSaid_ < kIdle) return;
+  if (saidSomething_) noop();
+  disk_.letGo();
 }
 
 std::uint64_t Driver::noop() {

@@ -18,6 +18,9 @@
 // NOOP. When nothing was said for 100 ms, one NOOP follows, so that whoever applies the records
 // knows that it may commit; it follows requests that had nothing to say, too.
 //
+// REST. After that NOOP the volumes are let go of, so that an umount is complete when it returns.
+// One that is unmounted sooner goes at once too, and is let go of within the same time.
+//
 // DOUBT. What the records may have missed is reported: the kernel's queue overflowed, the file
 // system found an error in itself, a look failed. Only a comparison with the disk can mend it, and
 // it must start after the report: losses end there, not before.
@@ -117,14 +120,16 @@ class Driver {
   // Requests are served after it as before.
   std::uint64_t endCapture(Reached reached);
 
-  // Follows one more folder on the file system, and leaves out these. Throws std::system_error
-  // when it cannot be opened.
+  // Follows one more folder on the file system, and leaves out these. When it cannot be opened that
+  // is a doubt.
   std::uint64_t addRoot(const std::string& path, std::vector<fsf_fid> leaveOut);
   // Follows a folder no longer, unless it is the last.
   std::uint64_t dropRoot(const fsf_fid& root);
 
   Served finished() const;
   DriverCounts counts() const;
+  // Whether changes still raise events, see fanotify_group.h.
+  bool hasMark() const { return group_.hasMark(); }
   // The number of the next record: where the next driver of this volume begins.
   std::uint64_t nextSequence() const { return stream_.nextSequence(); }
   // st_dev of the file system: the devt of its records.
@@ -142,7 +147,6 @@ class Driver {
     Reached reached;
     std::optional<fsf_fid> root = {};
     std::uint64_t number = 0;
-    std::optional<DetachedFolder> opened = {};
     std::vector<fsf_fid> leaveOut = {};
   };
   // A resolve() that is to be asked again.
@@ -173,7 +177,7 @@ class Driver {
   void follow(Request& request);
   void resolveAgain();
   void publish();
-  void sayIdle();
+  void rest();
   std::uint64_t noop();
   void endTaking();
   void drain();

@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/detached_folder.h"
 #include "platform/exceptions.h"
 #include "platform/failure.h"
 #include "platform/file_handle.h"
@@ -47,9 +48,9 @@ constexpr std::uint64_t kChanges = FAN_CREATE | FAN_DELETE | FAN_RENAME | FAN_AT
 }
 
 // Only for a message, so it never fails.
-std::string fsTypeAt(int fd) {
+std::string fsTypeAt(const std::string& path) {
   struct statx status {};
-  if (statx(fd, "", AT_EMPTY_PATH, STATX_MNT_ID, &status) != 0) return "of unknown type";
+  if (statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &status) != 0) return "of unknown type";
   try {
     for (const MountInfo& mount : readMountInfo())
       if (static_cast<unsigned long long>(mount.id) == status.stx_mnt_id) return mount.fsType;
@@ -58,27 +59,30 @@ std::string fsTypeAt(int fd) {
   return "of unknown type";
 }
 
-UniqueFd openRoot(const std::string& path) {
-  UniqueFd root(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!root) refuse(path, errnoText(errno));
-  return root;
+// Not even for a moment may the volume be kept from being unmounted.
+DetachedFolder openRoot(const std::string& path) {
+  try {
+    return DetachedFolder(path);
+  } catch (const std::system_error& e) {
+    refuse(path, errnoText(e.code().value()));
+  }
 }
 
 void requireHandles(const std::string& path, int root) {
   fsf_fid fid{};
   const int named = identify(root, fid);
   if (named == -EOVERFLOW)
-    refuseForGood(path, "the file handles of its file system (" + fsTypeAt(root) +
+    refuseForGood(path, "the file handles of its file system (" + fsTypeAt(path) +
                             ") are longer than 20 bytes");
   if (named == -EOPNOTSUPP)
-    refuseForGood(path, "its file system (" + fsTypeAt(root) + ") gives no file handles");
+    refuseForGood(path, "its file system (" + fsTypeAt(path) + ") gives no file handles");
   if (named < 0) refuse(path, errnoText(-named));
   const UniqueFd again(openByFid(root, fid, O_PATH));
   if (again) return;
   if (again.get() == -EPERM)
     refuse(path, "that needs the capability CAP_DAC_READ_SEARCH; run it as root");
   refuseForGood(path,
-                "the file handles of its file system (" + fsTypeAt(root) + ") cannot be opened");
+                "the file handles of its file system (" + fsTypeAt(path) + ") cannot be opened");
 }
 
 void requireFsid(const std::string& path, int root) {
@@ -86,7 +90,7 @@ void requireFsid(const std::string& path, int root) {
   if (fstatfs(root, &fs) != 0) refuse(path, errnoText(errno));
   const fsid_t none{};
   if (std::memcmp(&fs.f_fsid, &none, sizeof none) == 0)
-    refuseForGood(path, "its file system (" + fsTypeAt(root) + ") has no number to tell it by");
+    refuseForGood(path, "its file system (" + fsTypeAt(path) + ") has no number to tell it by");
 }
 
 std::string whyNoGroup(int error) {
@@ -164,15 +168,15 @@ bool isMadeLikeOurs(int group, EventQueue queue) {
 
 FanotifyGroup::FanotifyGroup(const std::string& path, EventQueue queue, UniqueFd kept)
     : fd_(std::move(kept)) {
-  const UniqueFd root = openRoot(path);
-  requireHandles(path, root.get());
-  requireFsid(path, root.get());
+  const DetachedFolder root = openRoot(path);
+  requireHandles(path, root.fd());
+  requireFsid(path, root.fd());
   if (fd_) return;
   fd_.reset(fanotify_init(flagsFor(queue), O_RDONLY | O_CLOEXEC));
   if (!fd_) refuse(path, whyNoGroup(errno));
-  if (markChanges(fd_.get(), root.get())) return;
+  if (markChanges(fd_.get(), root.fd())) return;
   const int error = errno;
-  refuse(path, whyNoMark(error, fsTypeAt(root.get())));
+  refuse(path, whyNoMark(error, fsTypeAt(path)));
 }
 
 // Whether its one mark is on that file system is found out by marking it again, which changes
@@ -184,7 +188,7 @@ std::string FanotifyGroup::whyNotKept(int fd, const std::string& path, EventQueu
   const std::vector<std::string> before = describe(fd);
   if (before.size() == 1) return "it follows nothing any more";
   if (before.size() > 2 || !isOurMark(before[1])) return "it follows something else";
-  if (!markChanges(fd, openRoot(path).get())) return errnoText(errno);
+  if (!markChanges(fd, openRoot(path).fd())) return errnoText(errno);
   return describe(fd) == before ? "" : "it follows another file system";
 }
 
@@ -204,6 +208,17 @@ std::size_t FanotifyGroup::queued() const {
   if (ioctl(fd_.get(), FIONREAD, &bytes) != 0)
     throw std::system_error(errno, std::generic_category(), "cannot ask for the kernel's events");
   return static_cast<std::size_t>(bytes) / FAN_EVENT_METADATA_LEN;
+}
+
+// A kernel built without these lines tells of no marks at all, which means nothing.
+bool FanotifyGroup::hasMark() const {
+  std::ifstream lines("/proc/self/fdinfo/" + std::to_string(fd_.get()));
+  bool tellsOfMarks = false;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("fanotify sdev:")) return true;
+    tellsOfMarks = tellsOfMarks || line.starts_with("fanotify ");
+  }
+  return !tellsOfMarks;
 }
 
 void FanotifyGroup::unmark() {

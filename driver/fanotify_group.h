@@ -31,7 +31,8 @@ enum class EventQueue {
   kLimited,  // overflows at fs.fanotify.max_queued_events; for tests
 };
 
-// Threads: one at a time. Failures: CannotWatch of the constructor, std::system_error of the rest.
+// Threads: one at a time; hasMark() any. Failures: CannotWatch of the constructor,
+// std::system_error of the rest.
 class FanotifyGroup {
  public:
   // Whether the file system at `path` can be followed is found out first: file handles, that fit
@@ -50,6 +51,10 @@ class FanotifyGroup {
   std::size_t read(std::span<unsigned char> buffer);
   // How many events are queued now.
   std::size_t queued() const;
+  // Whether the mark is still set. It ends without a word when the file system is unmounted for
+  // good, which is when its last mount has gone and nothing holds it open; mounted again, it has
+  // none. So as long as there is a mark, no change was missed, whatever happened to mounts.
+  bool hasMark() const;
   // No events from now on.
   void unmark();
 

@@ -16,6 +16,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/exceptions.h"
 #include "platform/file_handle.h"
 #include "platform/mount_info.h"
 #include "platform/stub_attribute.h"
@@ -39,11 +40,21 @@ bool meansGone(int error) {
          error == EINVAL;
 }
 
+// Of a volume that cannot be looked at. It says nothing of the file that was asked for, and must
+// not mean that it is gone.
+int errorOfVolume(int error) {
+  return error <= 0 || meansGone(error) ? ENODEV : error;
+}
+
 Look failed(int error) {
   Look look;
   look.sight = meansGone(error) ? Sight::kAbsent : Sight::kUnknown;
   look.error = look.sight == Sight::kUnknown ? error : 0;
   return look;
+}
+
+[[noreturn]] void failAsGone(const std::string& path) {
+  throw std::system_error(ENODEV, std::generic_category(), path + " is not mounted any more");
 }
 
 Identity identityOrThrow(int fd) {
@@ -110,30 +121,71 @@ class OpenListing : public Listing {
 
 LiveDisk::LiveDisk(LiveDiskOptions options)
     : leaveOut_(std::move(options.leaveOut)), stubAttribute_(std::move(options.stubAttribute)) {
-  for (const std::string& path : options.roots) addRoot(DetachedFolder(path));
+  for (const std::string& path : options.roots) addRoot(path);
 }
 
-void LiveDisk::addRoot(DetachedFolder root) {
-  const Identity identity = identityOrThrow(root.fd());
+void LiveDisk::addRoot(const std::string& path) {
+  DetachedFolder folder(path);
+  const Identity identity = identityOrThrow(folder.fd());
   if (!roots_.empty() && identity.st.st_dev != device_)
     throw std::invalid_argument("the volumes lie on several file systems");
-  roots_.push_back({std::move(root), identity.fid});
   device_ = identity.st.st_dev;
+  roots_.push_back({path, identity.fid, std::move(folder)});
+  isSure_ = knowsMounts_ = false;
 }
 
 void LiveDisk::dropRoot(const fsf_fid& root) {
   if (roots_.size() > 1) std::erase_if(roots_, [&](const Root& r) { return r.fid == root; });
-  forget();
+  isSure_ = knowsMounts_ = false;
 }
 
 void LiveDisk::forget() {
   folder_ = {};
-  knowsCovered_ = false;
+  isSure_ = false;
+}
+
+void LiveDisk::letGo() {
+  forget();
+  for (Root& root : roots_) root.folder.reset();
+}
+
+int LiveDisk::hold() try {
+  if (isSure_) return 0;
+  takeHold();
+  if (mountChanges_.any()) knowsMounts_ = false;
+  if (!knowsMounts_) readMounts();
+  isSure_ = true;
+  return 0;
+} catch (const std::system_error& e) {
+  letGo();
+  return errorOfVolume(e.code().value());
+} catch (const KdException& e) {
+  letGo();
+  return errorOfVolume(e.getCode());
+}
+
+void LiveDisk::takeHold() {
+  for (Root& root : roots_) {
+    if (root.folder) continue;
+    root.folder.emplace(root.path);
+    const Identity identity = identityOrThrow(root.folder->fd());
+    if (identity.st.st_dev != device_ || !(identity.fid == root.fid)) failAsGone(root.path);
+  }
+}
+
+void LiveDisk::readMounts() {
+  covered_.clear();
+  for (const Root& root : roots_) {
+    const auto covered = root.folder->covered();
+    if (!covered) failAsGone(root.path);
+    covered_.insert(covered_.end(), covered->begin(), covered->end());
+  }
+  knowsMounts_ = true;
 }
 
 Look LiveDisk::lookUp(const fsf_fid& folder, const std::string& name) {
-  if (isCovered(folder, name)) return {};
   if (const int result = openFolder(folder); result < 0) return failed(-result);
+  if (findCovered(covered_, folder, name)) return {};
   if (folder_.names && !folder_.names->contains(name)) return {};
   const UniqueFd fd(openat(folder_.fd.get(), name.c_str(), kEntryFlags));
   if (fd) return examine(fd.get(), true);
@@ -168,6 +220,7 @@ std::unique_ptr<Listing> LiveDisk::list(const fsf_fid& folder) {
 }
 
 int LiveDisk::openFolder(const fsf_fid& folder) {
+  if (const int error = hold(); error != 0) return -error;
   if (folder_.fd && folder_.fid == folder) return 0;
   folder_ = {};
   folder_.fid = folder;
@@ -180,14 +233,15 @@ UniqueFd LiveDisk::open(const Root& through, const fsf_fid& fid, int flags) {
   int fd = -ENOMEM;
   for (int tries = 0; fd == -ENOMEM && tries < kTries; ++tries) {
     if (tries > 0) sched_yield();
-    fd = openByFid(through.folder.fd(), fid, flags);
+    fd = openByFid(through.folder->fd(), fid, flags);
   }
   if (fd < 0) errno = -fd;
   return UniqueFd(fd);
 }
 
-UniqueFd LiveDisk::open(const fsf_fid& fid, int flags) const {
-  return open(roots_.front(), fid, flags);
+UniqueFd LiveDisk::open(const fsf_fid& fid, int flags) {
+  errno = hold();
+  return errno == 0 ? open(roots_.front(), fid, flags) : UniqueFd();
 }
 
 // By a name one may come to another mount, by an identifier never: what is the root of its mount is
@@ -213,27 +267,12 @@ bool LiveDisk::isLeftOut(const Identity& identity) const {
   return identity.st.st_dev != device_ || contains(leaveOut_, identity.fid);
 }
 
-bool LiveDisk::isCovered(const fsf_fid& folder, const std::string& name) {
-  renewCovered();
-  return std::ranges::any_of(roots_, [&](const Root& root) {
-    return findCovered(root.folder.covered(), folder, name) != nullptr;
-  });
-}
-
 bool LiveDisk::isHidden(const fsf_fid& fid) const {
-  return std::ranges::any_of(roots_, [&](const Root& root) {
-    return std::ranges::find(root.folder.covered(), fid, &CoveredPlace::fid) !=
-           root.folder.covered().end();
-  });
-}
-
-void LiveDisk::renewCovered() {
-  if (std::exchange(knowsCovered_, true) || !mountChanges_.any()) return;
-  for (Root& root : roots_) root.folder.readCovered();
+  return std::ranges::find(covered_, fid, &CoveredPlace::fid) != covered_.end();
 }
 
 Whereabouts LiveDisk::whereabouts(const fsf_fid& fid, const fsf_fid* root) {
-  renewCovered();
+  if (hold() != 0) return Whereabouts::kUnknown;
   bool isUnknown = false;
   for (const Root& one : roots_) {
     const Whereabouts where = whereaboutsIn(one, fid, root ? *root : one.fid);
@@ -261,11 +300,11 @@ Whereabouts LiveDisk::whereaboutsIn(const Root& mount, const fsf_fid& fid,
 // to the file; if it was for the former, none is being made, either.
 UniqueFd LiveDisk::folderOf(int file, const Root& mount) {
   std::string path = linkText(file);
-  const std::string top = linkText(mount.folder.fd());
+  const std::string top = linkText(mount.folder->fd());
   if (path == "/" || !isAtOrBelow(path, top)) return {};
   path = path.substr(top == "/" ? 1 : top.size() + 1);
   path.resize(path.rfind('/') == path.npos ? 0 : path.rfind('/'));
-  return UniqueFd(openat(mount.folder.fd(), ("./" + path).c_str(), kWayFlags));
+  return UniqueFd(openat(mount.folder->fd(), ("./" + path).c_str(), kWayFlags));
 }
 
 // Upwards by "..": a path would end at 4096 bytes, and may speak of another mount.

@@ -5,12 +5,12 @@
 //
 // Attributes and identifier of a find are taken from one descriptor, so they belong together. Only
 // folders are opened for reading; all else as O_PATH, because a FIFO would block, a device act and
-// a stub bring its data back. Holds one descriptor for each root, and between two calls of forget()
-// one more, and the mount table. None of them keeps a volume from being unmounted, see
-// platform/detached_folder.h; its device is in use until the object goes.
+// a stub bring its data back.
 //
-// What something is mounted on is absent, though the mounts that we look through do not have it.
-// After each forget() the mount table is asked whether that is still so.
+// The volumes can be unmounted meanwhile, see platform/detached_folder.h: they are opened when they
+// are looked at and held until letGo(), or until it shows that one was unmounted. From then on, or
+// when a path does not lead to its volume any more, all is unknown, with ENODEV. The mount table is
+// asked after each forget(); it also tells what something is mounted on, which is absent.
 #pragma once
 
 #include <optional>
@@ -34,8 +34,8 @@ struct LiveDiskOptions {
 
 class LiveDisk : public Disk {
  public:
-  // Throws std::system_error when a root cannot be opened, std::invalid_argument when they lie on
-  // several file systems.
+  // Holds them. Throws std::system_error when a root cannot be opened, std::invalid_argument when
+  // they lie on several file systems.
   explicit LiveDisk(LiveDiskOptions options);
 
   Look lookUp(const fsf_fid& folder, const std::string& name) override;
@@ -46,18 +46,23 @@ class LiveDisk : public Disk {
   void forget() override;
 
   // Another volume on the file system, and folders that are no part of it; as in LiveDiskOptions.
-  void addRoot(DetachedFolder root);
+  void addRoot(const std::string& path);
   void leaveOut(const fsf_fid& folder) { leaveOut_.push_back(folder); }
   // Lets go of a volume. One must stay.
   void dropRoot(const fsf_fid& root);
+
+  // Closes the volumes until the next look. What is not held is unmounted when umount(2) returns.
+  void letGo();
+  bool isHeld() const { return roots_.front().folder.has_value(); }
 
   // st_dev of the file system's files.
   dev_t device() const { return device_; }
 
  private:
   struct Root {
-    DetachedFolder folder;
+    std::string path;
     fsf_fid fid{};
+    std::optional<DetachedFolder> folder = {};
   };
   // The folder that names were looked up in last.
   struct Folder {
@@ -71,14 +76,16 @@ class LiveDisk : public Disk {
   // 0, or a negative errno.
   int openFolder(const fsf_fid& folder);
   void noteAbsent();
+  // Opens the volumes, and finds out about mounts, where that is to be done. 0, or an errno.
+  int hold();
+  void takeHold();
+  void readMounts();
   // None, and errno, on failure.
-  UniqueFd open(const fsf_fid& fid, int flags) const;
+  UniqueFd open(const fsf_fid& fid, int flags);
   static UniqueFd open(const Root& through, const fsf_fid& fid, int flags);
   Look examine(int fd, bool byName) const;
   bool isLeftOut(const Identity& identity) const;
-  bool isCovered(const fsf_fid& folder, const std::string& name);
   bool isHidden(const fsf_fid& fid) const;
-  void renewCovered();
   static UniqueFd folderOf(int file, const Root& root);
   Whereabouts whereaboutsIn(const Root& mount, const fsf_fid& fid, const fsf_fid& root) const;
   Whereabouts climb(UniqueFd folder, const fsf_fid& root) const;
@@ -88,7 +95,9 @@ class LiveDisk : public Disk {
   std::string stubAttribute_;
   dev_t device_ = 0;
   MountChanges mountChanges_;
-  bool knowsCovered_ = false;
+  bool isSure_ = false;       // of the mounts, until forget()
+  bool knowsMounts_ = false;  // as of the last change of theirs
+  std::vector<CoveredPlace> covered_;
 
   Folder folder_;
 };

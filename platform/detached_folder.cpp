@@ -7,15 +7,14 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <system_error>
 
-#include "platform/exceptions.h"
 #include "platform/identity.h"
 #include "platform/mount_info.h"
 
@@ -29,16 +28,16 @@ constexpr int kWayFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
   throw std::system_error(errno, std::generic_category(), "cannot open " + path);
 }
 
-std::string pathOf(int fd) {
-  std::array<char, PATH_MAX> path;
-  const std::string link = "/proc/self/fd/" + std::to_string(fd);
-  const ssize_t length = readlink(link.c_str(), path.data(), path.size());
-  return {path.data(), length < 0 ? 0 : static_cast<std::size_t>(length)};
+std::string withoutLinks(const std::string& path) {
+  const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr),
+                                                         std::free);
+  if (!real) fail(path);
+  return real.get();
 }
 
-int mountIdOf(int fd) {
+int mountIdOf(const std::string& path) {
   struct statx status {};
-  if (statx(fd, "", AT_EMPTY_PATH, STATX_MNT_ID, &status) != 0) return 0;
+  if (statx(AT_FDCWD, path.c_str(), AT_NO_AUTOMOUNT, STATX_MNT_ID, &status) != 0) fail(path);
   return static_cast<int>(status.stx_mnt_id);
 }
 
@@ -66,39 +65,35 @@ bool same(const fsf_fid& a, const fsf_fid& b) {
 
 }  // namespace
 
-DetachedFolder::DetachedFolder(const std::string& path) {
-  UniqueFd visible(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!visible) fail(path);
-  path_ = pathOf(visible.get());
-  mount_ = mountIdOf(visible.get());
-  tree_.reset(open_tree(visible.get(), "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH));
-  fd_.reset(openat((tree_ ? tree_ : visible).get(), ".", kFolderFlags));
-  if (!fd_) fail(path);
-  visible.reset();  // keeps the mount busy
-  readCovered();
+// By path, step by step: a descriptor, however short its life, could make an umount fail.
+DetachedFolder::DetachedFolder(const std::string& path) : path_(withoutLinks(path)) {
+  for (int before = -1; before != mount_;) {
+    before = mountIdOf(path_);
+    tree_.reset(open_tree(AT_FDCWD, path_.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC));
+    fd_.reset(tree_ ? openat(tree_.get(), ".", kFolderFlags) : ::open(path_.c_str(), kFolderFlags));
+    if (!fd_) fail(path);
+    mount_ = mountIdOf(path_);
+  }
 }
 
 UniqueFd DetachedFolder::open() const {
   return UniqueFd(openat(fd(), ".", kFolderFlags));
 }
 
-void DetachedFolder::readCovered() {
-  std::vector<CoveredPlace> covered;
-  bool stands = false;
-  try {
-    for (const MountInfo& mount : readMountInfo()) {
-      stands = stands || mount.id == mount_;
-      if (mount.parent != mount_ || mount.mountPoint == path_ ||
-          !isAtOrBelow(mount.mountPoint, path_))
-        continue;
-      const std::size_t above = path_ == "/" ? 1 : path_.size() + 1;
-      if (auto place = placeAt(fd(), std::string_view(mount.mountPoint).substr(above)))
-        covered.push_back(*std::move(place));
-    }
-  } catch (const KdException&) {
-    return;
+std::optional<std::vector<CoveredPlace>> DetachedFolder::covered() const {
+  const std::vector<MountInfo> mounts = readMountInfo();
+  // Of a process whose root is no mount, the table leaves out the one that this lies on.
+  const MountInfo* visible = mountOf(mounts, path_);
+  if (visible && visible->id != mount_) return {};
+  const std::size_t above = path_ == "/" ? 1 : path_.size() + 1;
+  std::vector<CoveredPlace> places;
+  for (const MountInfo& mount : mounts) {
+    const bool isBelow = isAtOrBelow(mount.mountPoint, path_) && mount.mountPoint != path_;
+    if (mount.parent != mount_ || !isBelow) continue;
+    if (auto place = placeAt(fd(), std::string_view(mount.mountPoint).substr(above)))
+      places.push_back(*std::move(place));
   }
-  if (stands) covered_ = std::move(covered);
+  return places;
 }
 
 const CoveredPlace* findCovered(const std::vector<CoveredPlace>& places, const fsf_fid& folder,

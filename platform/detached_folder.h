@@ -4,8 +4,11 @@
 // A folder held open without holding up its unmounting. Private.
 //
 // A descriptor on a mount keeps it busy. So the folder is opened in a mount of its own, that nobody
-// sees and that stands nowhere: what a user unmounts is another one, and goes at once. The file
-// system itself stays until the last descriptor is closed; its device is free only then.
+// sees and that stands nowhere: what a user unmounts is another one, and goes at once.
+//
+// The file system itself stays until the last descriptor is closed, and only then is all of it on
+// its device, and the device free. To who unmounts it that is not told. So such a folder is for the
+// time of some work, and the work ends when covered() says that the visible mount has gone.
 //
 // Such a mount has nothing mounted below it: what is hidden by a mount in the visible tree comes to
 // light in it. covered() names these places. Whoever is to find what a user finds at a path passes
@@ -18,6 +21,7 @@
 // Threads: one at a time.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,11 +48,10 @@ class DetachedFolder {
   // The same once more, with a place of its own in the list of names; none, and errno, on failure.
   UniqueFd open() const;
 
-  // The places below the folder, as of the last reading of the mount table.
-  const std::vector<CoveredPlace>& covered() const { return covered_; }
-  // Reads the mount table again. Once the visible mount has gone nothing more is learnt: all stays
-  // as it was. Fails never; a table that cannot be read is that of before.
-  void readCovered();
+  // The places below the folder as the mount table tells them now. None when the mount that was
+  // visible at the folder's path has gone or is hidden by another. KdException when the table
+  // cannot be read.
+  std::optional<std::vector<CoveredPlace>> covered() const;
 
  private:
   // The mount. Through one that nothing holds but files, each look locks all mounts of the host.
@@ -56,7 +59,6 @@ class DetachedFolder {
   UniqueFd fd_;
   std::string path_;  // without symbolic links
   int mount_ = 0;     // the id of the visible mount
-  std::vector<CoveredPlace> covered_;
 };
 
 // The place of `name` in `folder`, or null when nothing is mounted there.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <future>
 #include <thread>
 
@@ -113,7 +114,9 @@ bool WatchSession::flush(const std::string& path, const std::function<bool()>& g
     if (!waitUntilLive(volume, giveUp)) return false;
     const bool level = catchUp(volume, giveUp);
     if (isStopping() || giveUp()) return false;
-    if (level && isLive(volume)) return true;
+    if (!level || !isLive(volume)) continue;
+    if (isStill(volume)) return true;
+    mountWatch_.wake();  // whoever lets go of it may not have noticed yet
   }
 }
 
@@ -158,12 +161,18 @@ std::vector<VolumeStatus::State> WatchSession::states() const {
 
 VolumeStatus WatchSession::status(const std::string& path) const {
   const Volume& volume = *find(path);
+  const bool isGone = !isStill(volume);
   VolumeStatus status;
   {
     const std::lock_guard lock(mutex_);
     status.state = stateOf(volume);
     if (!volume.live && volume.staleSince != 0) status.staleSince = volume.staleSince;
     status.staleReason = volume.doubt;
+    if (volume.live && isGone) {
+      status.state = VolumeStatus::State::kStale;
+      status.staleSince = std::time(nullptr);
+      status.staleReason = path + " is not mounted";
+    }
     status.rescanCount = volume.comparisons;
     status.rescans.assign(volume.reasons.begin(), volume.reasons.end());
     if (volume.lastComparison != 0) status.lastComparison = volume.lastComparison;

@@ -130,7 +130,7 @@ CompareCounts WatchSession::compareNow(Volume& volume) {
   WalkOptions options = walkOptions(volume);
   options.folderLost = [&](const fsf_fid& folder) { volume.port->list(folder); };
   const DetachedFolder root = openRoot(volume.plan.path);
-  options.covered = root.covered();
+  options.covered = coveredIn(root, volume.plan.path);
   const CompareCounts met = compareVolume(root.open(), volume.plan.path, options,
                                           volume.plan.catalogue, questions, wishes);
   questions.findStrays(met);

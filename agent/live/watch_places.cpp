@@ -22,6 +22,7 @@
 #include "agent/own_folder.h"
 #include "platform/ev_debug.h"
 #include "platform/file_handle.h"
+#include "platform/mount_info.h"
 #include "volumes/catalogue_files.h"
 
 namespace kddc {
@@ -72,6 +73,15 @@ void addFid(const std::string& folder, dev_t device, std::vector<fsf_fid>& fids)
     fids.push_back(fid);
 }
 
+std::vector<std::string> mountsInside(const std::vector<MountInfo>& mounts,
+                                      const std::string& path) {
+  std::vector<std::string> inside;
+  for (const MountInfo& mount : mounts)
+    if (mount.mountPoint != path && isAtOrBelow(mount.mountPoint, path))
+      inside.push_back(mount.mountPoint);
+  return inside;
+}
+
 }  // namespace
 
 DetachedFolder openRoot(const std::string& path) {
@@ -80,6 +90,12 @@ DetachedFolder openRoot(const std::string& path) {
   } catch (const std::system_error& e) {
     throw systemFailure("cannot read the volume " + path, e.code().value());
   }
+}
+
+std::vector<CoveredPlace> coveredIn(const DetachedFolder& root, const std::string& path) {
+  auto covered = root.covered();
+  if (!covered) throw Failure(path + " is not mounted any more");
+  return *std::move(covered);
 }
 
 WatchSession::InHand::InHand(WatchSession& session, Volume& volume)
@@ -101,6 +117,7 @@ WatchSession::Volume& WatchSession::add(WatchPlan::Volume plan) {
   auto volume = std::make_unique<Volume>();
   volume->plan = std::move(plan);
   volume->staleSince = std::time(nullptr);
+  volume->mountsInside = mountsInside(readMountInfo(), volume->plan.path);
   const std::lock_guard lock(mutex_);
   volumes_.push_back(std::move(volume));
   return *volumes_.back();
@@ -231,7 +248,7 @@ void WatchSession::scan(Volume& volume) {
     fresh->rows().setTick([&] { return !isEnding(volume); });
     during("cannot scan " + volume.plan.path, [&] {
       const DetachedFolder root = openRoot(volume.plan.path);
-      options.covered = root.covered();
+      options.covered = coveredIn(root, volume.plan.path);
       fullScan(root.open(), volume.plan.path, options, fresh->rows(), listeners_.progress);
     });
     fresh->publish(began);
@@ -324,11 +341,10 @@ void WatchSession::leave(Volume& volume, const std::string& why) {
     volume.leaving = true;
   }
   const InHand hand(*this, volume);
-  const bool wasLive = isLive(volume);
   const std::time_t left = std::time(nullptr);
   const auto end = Pacer::Clock::now() + kFarewell;
   const bool level = catchUp(volume, [&] { return Pacer::Clock::now() > end; });
-  detach(volume, wasLive && level ? left : 0);
+  detach(volume, level && isLive(volume) ? left : 0);
   disconnect(volume);
   fail(volume, why);
   volume.fresh.reset();
@@ -351,25 +367,43 @@ void WatchSession::watchPlaces() {
   }
 }
 
-// The registry learns of another disk before that is taken up.
+// The registry learns of another disk before that is taken up. What is mounted inside a volume
+// covers a part of it, or uncovers it again.
 void WatchSession::noteMounts() {
+  const std::vector<MountInfo> mounts = readMountInfo();
+  for (Volume* volume : allVolumes()) {
+    std::vector<std::string> inside = mountsInside(mounts, volume->plan.path);
+    if (std::exchange(volume->mountsInside, inside) != inside && isStill(*volume))
+      doubt(*volume, {"something was mounted or unmounted inside it"});
+  }
   const std::lock_guard lock(mutex_);
   mountsChanged_ = true;
 }
 
 void WatchSession::lookAt(Volume& volume) {
+  if (!isStill(volume)) return leave(volume, volume.plan.path + " is not mounted");
   FileKey catalogue;
+  {
+    const std::lock_guard lock(mutex_);
+    if (volume.rows) catalogue = volume.catalogueFile;
+  }
+  if (!(catalogue == FileKey{}) && !(keyOf(volume.plan.catalogue + kFilesDatabase) == catalogue))
+    doubt(volume, {"its catalogue was removed or replaced", Doubt::Remedy::kReopen});
+}
+
+// Whether it is followed without a gap; one that is not followed at all has none. Numbers of mounts
+// are given again, so the mark must be there, too.
+bool WatchSession::isStill(const Volume& volume) const {
+  std::shared_ptr<VolumePort> port;
   std::optional<VolumeMount> before;
   {
     const std::lock_guard lock(mutex_);
-    if (volume.port) before = volume.mount;
-    if (volume.rows) catalogue = volume.catalogueFile;
+    port = volume.port;
+    before = volume.mount;
   }
-  const std::string& path = volume.plan.path;
-  if (before && standingOf(*before, volumeMountAt(path, &*before)) != Standing::kSame)
-    return leave(volume, path + " is not mounted");
-  if (!(catalogue == FileKey{}) && !(keyOf(volume.plan.catalogue + kFilesDatabase) == catalogue))
-    doubt(volume, {"its catalogue was removed or replaced", Doubt::Remedy::kReopen});
+  return !port ||
+         (port->driver().hasMark() &&
+          standingOf(*before, volumeMountAt(volume.plan.path, &*before)) == Standing::kSame);
 }
 
 // Nobody has one in hand that is absent.

@@ -178,6 +178,7 @@ class WatchSession {
   void fillFromThreads(const Volume& volume, VolumeStatus& status) const;
 
   bool isLive(const Volume& volume) const;
+  bool isStill(const Volume& volume) const;
   bool isInDoubt(const Volume& volume) const;
   bool mustReopen(const Volume& volume) const;
   bool isEnding(const Volume& volume) const;

@@ -36,6 +36,8 @@ struct VolumeMount {
 std::optional<VolumeMount> volumeMountAt(const std::string& path,
                                          const VolumeMount* known = nullptr);
 
+// What was unmounted for good and mounted again may have all its numbers again. That it was not,
+// the driver's mark tells (FanotifyGroup::hasMark).
 enum class Standing {
   kSame,   // the same folder on the same mount
   kAgain,  // the same folder, mounted again

@@ -248,7 +248,7 @@ TEST_F(WalkTest, ThroughAMountOfItsOwnTheSameIsLeftOutAndUnmountingDoesNotEndIt)
   const Seen visible = walk(volume.path());
 
   const DetachedFolder root(volume.path());
-  options.covered = root.covered();
+  options.covered = root.covered().value();
   umount((volume / "a/mounted").c_str());
   umount((volume / "bound").c_str());
   bool isFirst = true;

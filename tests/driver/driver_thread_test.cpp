@@ -4,6 +4,7 @@
 // A real driver on a real file system. Every test ends or is ended by an alarm.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -528,6 +529,52 @@ void changeAtRandom(const std::string& root, unsigned int seed, int times) {
         renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
     }
   }
+}
+
+// As mkfs would, asks for the device alone, until it is given.
+void waitUntilFree(const std::string& device) {
+  while (!UniqueFd(open(device.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC))) poll(nullptr, 0, 1);
+}
+
+TEST_P(DriverTest, AVolumeAtRestCanBeUnmountedAndItsDeviceIsFree) {
+  const std::string device = mount->loopDevice();
+  start();
+  write("a");
+  waitUntil([&] { return !records.empty() && records.back().decoded().cmd == FLR_JRN_NOOP; });
+  mount->unmount();
+  if (!device.empty()) waitUntilFree(device);
+  stop();
+  EXPECT_THAT(doubts, testing::IsEmpty());
+}
+
+TEST_P(DriverTest, ABusyVolumeCanBeUnmountedAndItsDeviceIsSoonFree) {
+  const std::string device = mount->loopDevice();
+  options.queue = EventQueue::kUnlimited;
+  make();
+  start();
+  changeAtRandom(mount->path(), 1, 5000);
+  mount->unmount();
+  if (!device.empty()) waitUntilFree(device);
+  barrier();
+  stop();
+}
+
+TEST_P(DriverTest, WhatCannotBeLookedAtAnyMoreIsInDoubtAndNothingOfItIsSaid) {
+  const fsf_fid top = fidAt(mount->path());
+  write("a");
+  const fsf_fid a = fidAt(path("a"));
+  make();
+  start();
+  barrier();
+  mount->unmount();
+  driver->look(top, "a");
+  driver->lookAt(a);
+  driver->list(top);
+  driver->resolve(a);
+  taken();
+  barrier();
+  EXPECT_THAT(taken(), ElementsAre("NOOP"));
+  EXPECT_THAT(doubts, testing::Contains("a look at the disk failed: No such device"));
 }
 
 TEST_P(DriverTest, ItsRecordsEndUpAtWhatIsOnTheDisk) {

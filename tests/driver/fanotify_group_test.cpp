@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <linux/capability.h>
 #include <sys/fanotify.h>
+#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -13,11 +14,13 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "driver/event.h"
+#include "platform/detached_folder.h"
 #include "platform/file_handle.h"
 #include "records/fsf_fid.h"
 #include "tests/support/loop_mount.h"
@@ -116,6 +119,22 @@ TEST_P(FanotifyGroupTest, TakesNoMoreAfterTheMarkIsGoneButGivesWhatIsQueued) {
   const std::vector<Event> events = readAll(group);
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].name, "before");
+}
+
+TEST_P(FanotifyGroupTest, TheMarkLastsAsLongAsTheFileSystemIsMountedAnywhereOrHeldOpen) {
+  const FanotifyGroup group(mount->path());
+  std::optional<DetachedFolder> held(mount->path());
+  const std::string other = mount->path() + ".other";
+  fs::create_directory(other);
+  ASSERT_EQ(::mount(mount->path().c_str(), other.c_str(), nullptr, MS_BIND, nullptr), 0);
+  mount->unmount();
+  EXPECT_TRUE(group.hasMark());
+  ASSERT_EQ(::umount2(other.c_str(), 0), 0);
+  EXPECT_TRUE(group.hasMark());
+  held.reset();
+  EXPECT_FALSE(group.hasMark());
+  mount->mount();
+  EXPECT_FALSE(group.hasMark());
 }
 
 TEST_P(FanotifyGroupTest, DoesNotKeepTheFileSystemFromBeingUnmounted) {

@@ -71,6 +71,15 @@ struct LiveDiskTest : testing::TestWithParam<const char*> {
     return LiveDisk(std::move(options));
   }
   fsf_fid root() const { return fidAt(mount->path()); }
+  // Of a file `f` in the folder `d`.
+  static void expectUnknown(LiveDisk& disk, const fsf_fid& d, const fsf_fid& f) {
+    EXPECT_EQ(disk.lookUp(d, "f").sight, Sight::kUnknown);
+    EXPECT_EQ(disk.lookAt(f).sight, Sight::kUnknown);
+    EXPECT_EQ(disk.lookAt(f).error, ENODEV);
+    EXPECT_EQ(disk.whereabouts(f), Whereabouts::kUnknown);
+    std::vector<std::string> names;
+    EXPECT_EQ(disk.list(d)->read(names), -ENODEV);
+  }
 };
 // What does not depend on the file system.
 using LiveDiskAnywhere = LiveDiskTest;
@@ -311,28 +320,48 @@ TEST_P(LiveDiskTest, OfAFileWithTwoNamesOneMountHidesOne) {
   umount2(path("a").c_str(), 0);
 }
 
-TEST_P(LiveDiskTest, AVolumeCanBeUnmountedAtOnceAndItsDeviceIsFreeLater) {
+TEST_P(LiveDiskTest, AVolumeCanBeUnmountedAtOnceAndItsDeviceIsFreeWhenThatShows) {
   const fsf_fid d = fidAt(folder("d")), f = fidAt(write("d/f", "12345"));
-  std::optional<LiveDisk> disk(this->disk());
-  ASSERT_EQ(disk->lookUp(d, "f").sight, Sight::kThere);  // leaves the folder open
+  LiveDisk disk = this->disk();
+  ASSERT_EQ(disk.lookUp(d, "f").sight, Sight::kThere);  // leaves the folder open
   const std::string device = mount->loopDevice();
   mount->unmount();
-  EXPECT_EQ(disk->lookAt(f).st.st_size, 5);
-  EXPECT_EQ(disk->whereabouts(f), Whereabouts::kInside);
+  EXPECT_EQ(disk.lookAt(f).st.st_size, 5);  // of the same batch
   EXPECT_TRUE(device.empty() || !isFree(device));
-  disk.reset();
+  disk.forget();
+  expectUnknown(disk, d, f);
+  EXPECT_FALSE(disk.isHeld());
   EXPECT_TRUE(device.empty() || isFree(device));
 }
 
-TEST_P(LiveDiskTest, WhatWasMountedBelowIsNotUncoveredByALazyUnmount) {
-  const fsf_fid top = root(), hidden = fidAt(folder("d/hidden"));
+TEST_P(LiveDiskTest, WhatWasLetGoOfIsUnmountedForGoodAtOnce) {
+  const fsf_fid d = fidAt(folder("d")), f = fidAt(write("d/f", "12345"));
   LiveDisk disk = this->disk();
-  ASSERT_EQ(::mount("none", path("d").c_str(), "tmpfs", 0, ""), 0);
-  ASSERT_EQ(disk.lookUp(top, "d").sight, Sight::kAbsent);
-  ASSERT_EQ(umount2(mount->path().c_str(), MNT_DETACH), 0);
+  ASSERT_EQ(disk.lookUp(d, "f").sight, Sight::kThere);
+  disk.letGo();
+  EXPECT_FALSE(disk.isHeld());
+  ASSERT_EQ(disk.lookUp(d, "f").sight, Sight::kThere);
+  EXPECT_TRUE(disk.isHeld());
+  disk.letGo();
+  const std::string device = mount->loopDevice();
+  mount->unmount();
+  EXPECT_TRUE(device.empty() || isFree(device));
+  expectUnknown(disk, d, f);
+}
+
+TEST_P(LiveDiskTest, AnotherFileSystemAtTheSamePlaceIsNotLookedAt) {
+  const fsf_fid d = fidAt(folder("d")), f = fidAt(write("d/f", "12345"));
+  LiveDisk disk = this->disk();
+  disk.letGo();
+  LoopMount other(type() == "ext4" ? "tmpfs" : "ext4");
+  ASSERT_EQ(::mount(other.path().c_str(), mount->path().c_str(), nullptr, MS_BIND, nullptr), 0);
+  expectUnknown(disk, d, f);
+  ASSERT_EQ(umount2(mount->path().c_str(), 0), 0);
+  EXPECT_EQ(disk.lookUp(d, "f").sight, Sight::kThere);
   disk.forget();
-  EXPECT_EQ(disk.lookUp(top, "d").sight, Sight::kAbsent);
-  EXPECT_EQ(disk.whereabouts(hidden), Whereabouts::kOutside);
+  ASSERT_EQ(::mount(other.path().c_str(), mount->path().c_str(), nullptr, MS_BIND, nullptr), 0);
+  expectUnknown(disk, d, f);
+  ASSERT_EQ(umount2(mount->path().c_str(), 0), 0);
 }
 
 TEST_P(LiveDiskTest, VolumesSideBySideAreEachSeenWhole) {

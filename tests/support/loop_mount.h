@@ -95,12 +95,16 @@ class LoopMount {
   }
   // Mounts again what unmount left, optionally with mount options; a tmpfs comes back empty.
   void mount(const std::string& options = "") {
+    mountAt(path(), options);
+    mounted_ = true;
+  }
+  // The same at another place, which the caller unmounts.
+  void mountAt(const std::string& place, const std::string& options = "") const {
     std::string all = options.empty() ? "rw" : "rw," + options;
     if (usesImage(fsType_)) all += ",loop";
     if (fsType_ == "overlay") all += overlayFolders();
     run("mount -t " + fsType_ + " -o " + all + " " +
-        (usesImage(fsType_) ? folder_ / "image" : "none") + " " + path());
-    mounted_ = true;
+        (usesImage(fsType_) ? folder_ / "image" : "none") + " " + place);
   }
 
  private:
@@ -137,7 +141,7 @@ class LoopMount {
   }
 
   // What an overlay is made of, on a tmpfs of its own, because it takes no other overlay as base.
-  std::string overlayFolders() {
+  std::string overlayFolders() const {
     const std::string base = folder_ / "base";
     if (std::filesystem::create_directory(base)) run("mount -t tmpfs none " + base);
     for (const char* name : {"lower", "upper", "work"})
