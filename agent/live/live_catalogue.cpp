@@ -81,9 +81,27 @@ std::size_t LiveCatalogue::FidHash::operator()(const fsf_fid& fid) const {
   return std::hash<std::string_view>()({reinterpret_cast<const char*>(fid.data), sizeof fid.data});
 }
 
+bool LiveCatalogue::OpenHandle(bool readOnly, bool openFlag) {
+  if (!CumulativeJournal::OpenHandle(readOnly, openFlag)) return false;
+  for (const auto& database : {filesDb.get(), fidDb.get()})
+    sqlite3_rollback_hook(
+        database->handle, [](void* rolledBack) { *static_cast<bool*>(rolledBack) = true; },
+        &rolledBack_);
+  return true;
+}
+
+// A full disk, an error on the disk: rows that we remember to have written are not there, and those
+// that we remember to be gone are.
+void LiveCatalogue::forgetRolledBack() {
+  if (!std::exchange(rolledBack_, false)) return;
+  names_.clear();
+  folders_.clear();
+}
+
 // Of the two rows of a folder that moved while it was scanned the last one, which is where the
 // operations of the journal put what a record says to be in it.
 std::optional<unsigned long long> LiveCatalogue::folderOf(const fsf_fid& fid) {
+  forgetRolledBack();
   if (const auto known = folders_.find(fid); known != folders_.end()) return known->second;
   std::optional<unsigned long long> inode;
   for (const Name& name : namesOf(fid))
@@ -163,6 +181,7 @@ void LiveCatalogue::learnNames(unsigned long long folder) {
 }
 
 std::optional<Name> LiveCatalogue::bearerOf(unsigned long long folder, const char* name) {
+  forgetRolledBack();
   if (!names_.knows(folder)) learnNames(folder);
   const std::string wanted = mbeToUtf(name);
   Name found;

@@ -51,6 +51,9 @@ class LiveCatalogue : public CumulativeJournal {
  public:
   using CumulativeJournal::CumulativeJournal;
 
+  // As DCSqliteDB's; and what is remembered of rows goes when SQLite rolls their writing back.
+  bool OpenHandle(bool readOnly, bool openFlag);
+
   // The inode of a folder; none when the catalogue has no folder of that identifier.
   std::optional<unsigned long long> folderOf(const fsf_fid& fid);
   // Names of a file that are written, parked rows included: all, or that many of them. A file may
@@ -115,6 +118,7 @@ class LiveCatalogue : public CumulativeJournal {
     std::size_t operator()(const fsf_fid& fid) const;
   };
 
+  void forgetRolledBack();
   std::optional<Name> rowOf(unsigned long long inode);
   Name nameFrom(sqlite3_stmt* row);
   void identify(Name& name);
@@ -125,6 +129,7 @@ class LiveCatalogue : public CumulativeJournal {
   std::vector<Name> tryNamesOf(const fsf_fid& fid, int most, bool& mended);
 
   Statement rowOf_, namesIn_, childrenOf_, pairsOf_, park_, moveRow_, restamp_;
+  bool rolledBack_ = false;
   NameIndex names_;
   std::unordered_map<fsf_fid, unsigned long long, FidHash> folders_;
 };
