@@ -65,6 +65,10 @@ class Disk {
   // a folder that is left out is outside.
   virtual Whereabouts whereabouts(const fsf_fid& fid, const fsf_fid* root) = 0;
   Whereabouts whereabouts(const fsf_fid& fid) { return whereabouts(fid, nullptr); }
+  // The names that lead from that root, or any, to a file that lies inside, each with its folder,
+  // from the top down; none when they cannot be told. They may be others by now.
+  virtual std::vector<std::pair<fsf_fid, std::string>> wayTo(const fsf_fid& fid,
+                                                             const fsf_fid* root) = 0;
 
   // Nothing of what was asked so far will be asked again soon: gives up what was kept for it.
   virtual void forget() {}

@@ -244,7 +244,7 @@ bool Driver::serve(Request& request) {
       return true;
     case Kind::kResolve:
       readQueued();
-      if (!translator_.resolve(request.fid, false, rootOf(request)))
+      if (!translator_.resolve(request.fid, Translator::Try::kFirst, rootOf(request)))
         unresolved_.push_back({request.fid, request.root, request.number, kResolveTimes});
       return true;
     case Kind::kEndCapture:
@@ -291,7 +291,9 @@ void Driver::resolveAgain() {
   for (Unresolved& file : unresolved_) --file.timesLeft;
   const auto resolved = std::erase_if(unresolved_, [&](const Unresolved& file) {
     sinks_.pulse(false);
-    return translator_.resolve(file.fid, file.timesLeft <= 0, rootOf(file));
+    using Try = Translator::Try;
+    return translator_.resolve(file.fid, file.timesLeft <= 0 ? Try::kLast : Try::kAgain,
+                               rootOf(file));
   });
   if (resolved > 0) publish();
 }

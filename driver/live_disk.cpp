@@ -295,6 +295,35 @@ Whereabouts LiveDisk::whereaboutsIn(const Root& mount, const fsf_fid& fid,
   return folder ? climb(std::move(folder), root) : Whereabouts::kOutside;
 }
 
+std::vector<std::pair<fsf_fid, std::string>> LiveDisk::wayTo(const fsf_fid& fid,
+                                                             const fsf_fid* root) {
+  if (hold() != 0) return {};
+  for (const Root& one : roots_) {
+    if (root && !(one.fid == *root)) continue;
+    if (auto way = wayThrough(one, fid); !way.empty()) return way;
+  }
+  return {};
+}
+
+// The folders by "..", their names by the kernel's path.
+std::vector<std::pair<fsf_fid, std::string>> LiveDisk::wayThrough(const Root& mount,
+                                                                  const fsf_fid& fid) {
+  std::vector<std::pair<fsf_fid, std::string>> way;
+  const UniqueFd file = open(mount, fid, kEntryFlags);
+  if (!file) return {};
+  std::string path = linkText(file.get());
+  for (UniqueFd folder = folderOf(file.get(), mount); folder;) {
+    const std::size_t slash = path.rfind('/');
+    Identity identity;
+    if (slash == std::string::npos || identityOf(folder.get(), identity) < 0) break;
+    way.emplace_back(identity.fid, path.substr(slash + 1));
+    if (identity.fid == mount.fid) return {way.rbegin(), way.rend()};
+    path.resize(slash);
+    folder = UniqueFd(openat(folder.get(), "..", kWayFlags));
+  }
+  return {};
+}
+
 // The kernel knows the folder of a file only by the name that it was last reached by. It knows none
 // when no name was used of late, and says "/", as it does where no name leads from the mount's root
 // to the file; if it was for the former, none is being made, either.

@@ -43,6 +43,8 @@ class LiveDisk : public Disk {
   std::unique_ptr<Listing> list(const fsf_fid& folder) override;
   using Disk::whereabouts;
   Whereabouts whereabouts(const fsf_fid& fid, const fsf_fid* root) override;
+  std::vector<std::pair<fsf_fid, std::string>> wayTo(const fsf_fid& fid,
+                                                     const fsf_fid* root) override;
   void forget() override;
 
   // Another volume on the file system, and folders that are no part of it; as in LiveDiskOptions.
@@ -87,6 +89,8 @@ class LiveDisk : public Disk {
   bool isLeftOut(const Identity& identity) const;
   bool isHidden(const fsf_fid& fid) const;
   static UniqueFd folderOf(int file, const Root& root);
+  static std::vector<std::pair<fsf_fid, std::string>> wayThrough(const Root& mount,
+                                                                 const fsf_fid& fid);
   Whereabouts whereaboutsIn(const Root& mount, const fsf_fid& fid, const fsf_fid& root) const;
   Whereabouts climb(UniqueFd folder, const fsf_fid& root) const;
 

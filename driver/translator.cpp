@@ -113,19 +113,31 @@ void Translator::lookAt(const fsf_fid& fid) {
   sayAttributes(fid);
 }
 
-bool Translator::resolve(const fsf_fid& fid, bool lastTime, const fsf_fid* root) {
+bool Translator::resolve(const fsf_fid& fid, Try which, const fsf_fid* root) {
   const Batch life(*this);
   const Look& look = lookedAt(fid);
   if (look.sight == Sight::kUnknown) return true;
   const Whereabouts where = isThere(look) ? disk_.whereabouts(fid, root) : Whereabouts::kGone;
-  if (where == Whereabouts::kInside && !lastTime) return false;
-  if (where == Whereabouts::kInside)  // the event that has to come did not
+  if (where == Whereabouts::kInside) {
+    if (which != Try::kFirst && sayWayTo(fid, root)) return true;
+    if (which != Try::kLast) return false;
     output_.failedLook(ETIMEDOUT);
-  else if (where == Whereabouts::kUnknown)
+  } else if (where == Whereabouts::kUnknown) {
     output_.failedLook(EIO);
-  else
+  } else {
     tell(noLinksRecord(fid), where == Whereabouts::kGone ? Look() : look);
+  }
   return true;
+}
+
+// Its folders too: whoever does not know them would drop what is said of the file.
+bool Translator::sayWayTo(const fsf_fid& fid, const fsf_fid* root) {
+  bool reaches = false;
+  for (const Name& name : disk_.wayTo(fid, root)) {
+    sayName(name, {}, false);
+    reaches = isThere(lookedUp(name), fid);
+  }
+  return reaches;
 }
 
 void Translator::list(const fsf_fid& folder) {

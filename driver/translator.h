@@ -89,9 +89,12 @@ class Translator {
   // Says that a file is gone, or that none of its names lies in a volume: a link count of 0, while
   // the mask tells the links it has elsewhere. False, and nothing said, when it lies inside: then
   // an event that gives it a name is on its way, or its record is, and the question is to be asked
-  // again after that. The last time that is reported as a failed look (ETIMEDOUT) instead: a name
-  // was missed. Inside means below that root, below any when none is named.
-  bool resolve(const fsf_fid& fid, bool lastTime = false, const fsf_fid* root = nullptr);
+  // again after that. From the second time on the names that lead to it are said: whoever asks may
+  // be far behind with what was said before. When they cannot be told the last time, that is
+  // reported as a failed look (ETIMEDOUT): a name was missed. Inside means below that root, below
+  // any when none is named.
+  enum class Try { kFirst, kAgain, kLast };
+  bool resolve(const fsf_fid& fid, Try which = Try::kFirst, const fsf_fid* root = nullptr);
 
   // Lists a folder with all below it, in slices, so that events are not kept waiting. list() puts a
   // folder on the list of those to be read, listSome() says about that many names and returns
@@ -120,6 +123,7 @@ class Translator {
   bool sayMove(const fsf_fid& file, const Name& from, const Name& to);
   void sayName(const Name& name, const fsf_fid& lost, bool wasFolder);
   void sayPresent(const Name& name, const Look& look, bool listed);
+  bool sayWayTo(const fsf_fid& fid, const fsf_fid* root);
   void sayAbsent(const Name& name, const fsf_fid& lost, bool wasFolder);
   void sayObjects(const Event& event);
   void sayAttributes(const fsf_fid& fid);

@@ -36,6 +36,8 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
 
 fsf_fid fidAt(const std::string& path) {
   fsf_fid fid{};
@@ -281,16 +283,14 @@ TEST_P(DriverTest, ResolvesWhatIsGoneOutsideOrInside) {
   driver->resolve(inside);
   driver->resolve(outside);
   driver->resolve(gone);
-  barrier();
-  // What lies inside is asked again, and lets the others pass.
-  EXPECT_EQ(driver->finished().request, 0u);
-  EXPECT_THAT(taken(), ElementsAre("REMOVE  0 x1", "REMOVE  0 x0", "NOOP"));
-  // When no event comes, a name must have been missed.
-  waitUntil([&] { return !doubts.empty(); });
-  EXPECT_EQ(doubts.front(), "a look at the disk failed: Connection timed out");
-  barrier();
-  EXPECT_GE(driver->finished().request, 4u);
-  EXPECT_THAT(taken(), ElementsAre("NOOP"));
+  // What lies inside lets the others pass, and when no event comes its name is said.
+  waitUntil([&] { return driver->finished().request >= 3; });
+  const auto said = taken();
+  ASSERT_GE(said.size(), 3U);
+  EXPECT_THAT(said[0], StartsWith("REMOVE  0 x1"));
+  EXPECT_THAT(said[1], StartsWith("REMOVE  0 x0"));
+  EXPECT_THAT(said[2], StartsWith("CREATE i"));
+  EXPECT_THAT(doubts, IsEmpty());
 }
 
 TEST_P(DriverTest, FollowsAnotherFolderAndLetsGoOfOne) {

@@ -288,7 +288,7 @@ TEST_F(TranslatorRequest, ResolveTellsThatAFileLiesOutsideAndHasLinksThere) {
 
 TEST_F(TranslatorRequest, ResolveForOneVolumeTellsThatAFileLiesInAnother) {
   const fsf_fid other = volume.mkdir("other");
-  EXPECT_TRUE(make().resolve(volume.create("a"), false, &other));
+  EXPECT_TRUE(make().resolve(volume.create("a"), Translator::Try::kFirst, &other));
   EXPECT_THAT(taken(), ElementsAre("LINKS B 0 x1"));
 }
 
@@ -298,8 +298,30 @@ TEST_F(TranslatorRequest, ResolveOfAFileThatLiesInsideWaitsForItsEvent) {
 }
 
 TEST_F(TranslatorRequest, ResolveOfAFileThatLiesInsideIsReportedTheLastTime) {
-  EXPECT_TRUE(make().resolve(volume.create("a"), true));
+  EXPECT_TRUE(make().resolve(volume.create("a"), Translator::Try::kLast));
   EXPECT_THAT(taken(), IsEmpty());
+  EXPECT_THAT(failures, ElementsAre(ETIMEDOUT));
+}
+
+TEST_F(TranslatorRequest, ResolveTellsTheSecondTimeOfTheNamesThatLeadToAFileInside) {
+  const fsf_fid folder = volume.mkdir("folder");
+  const fsf_fid file = volume.create("folder/a");
+  disk.way = {{volume.fid(""), "folder"}, {folder, "a"}};
+  EXPECT_FALSE(make().resolve(file));
+  EXPECT_THAT(taken(), IsEmpty());
+  EXPECT_TRUE(make().resolve(file, Translator::Try::kAgain));
+  EXPECT_THAT(taken(), ElementsAre("MKDIR /:folder=A x2", "SETATTR A x2", "CREATE A:a=B x1",
+                                   "SETATTR B x1"));
+  EXPECT_THAT(failures, IsEmpty());
+}
+
+TEST_F(TranslatorRequest, ResolveReportsNamesThatLeadToAnotherFile) {
+  const fsf_fid file = volume.create("a");
+  volume.create("b");
+  disk.way = {{volume.fid(""), "b"}};
+  EXPECT_FALSE(make().resolve(file, Translator::Try::kAgain));
+  EXPECT_THAT(failures, IsEmpty());
+  EXPECT_TRUE(make().resolve(file, Translator::Try::kLast));
   EXPECT_THAT(failures, ElementsAre(ETIMEDOUT));
 }
 

@@ -28,6 +28,7 @@ class FakeDisk : public Disk {
   std::set<fsf_fid> leaveOut;          // absent
   std::set<std::string> unknownNames;  // looking these up fails with EIO
   std::set<fsf_fid> unknownFiles;      // so do these
+  std::vector<std::pair<fsf_fid, std::string>> way;  // to whatever file
   std::size_t namesAtOnce = 2;         // in one read of a listing
   std::size_t looksUp = 0, looksAt = 0, forgotten = 0;
 
@@ -55,6 +56,9 @@ class FakeDisk : public Disk {
       if (volume_.isBelow(fid, folder)) return Whereabouts::kOutside;
     return volume_.isBelow(fid, asked ? *asked : root) ? Whereabouts::kInside
                                                        : Whereabouts::kOutside;
+  }
+  std::vector<std::pair<fsf_fid, std::string>> wayTo(const fsf_fid&, const fsf_fid*) override {
+    return way;
   }
   void forget() override { ++forgotten; }
 
