@@ -28,7 +28,7 @@ class CannotWatch : public std::runtime_error {
 
 enum class EventQueue {
   kUnlimited,
-  kLimited,  // overflows at fs.fanotify.max_queued_events; for tests
+  kLimited,  // overflows at fs.fanotify.max_queued_events
 };
 
 // Threads: one at a time; hasMark() any. Failures: CannotWatch of the constructor,

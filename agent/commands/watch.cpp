@@ -53,6 +53,13 @@ std::string queuesFolder(const Options& options) {
   return stateFolder(options) + "/queues/";
 }
 
+// A queue without a bound costs the kernel's memory; one with a bound, comparisons.
+EventQueue eventQueue() {
+  long long limit = 0;
+  KDPlatformInfo::getNumber("DataClassification", "LimitEventQueue", &limit);
+  return limit == 0 ? EventQueue::kUnlimited : EventQueue::kLimited;
+}
+
 WatchPlan::Volume planOf(const Options& options, const std::string& path) {
   return {path, catalogueFolder(options, path), queuesFolder(options) + placeName(path) + ".lock"};
 }
@@ -61,6 +68,7 @@ WatchPlan basePlan(const Options& options, const std::string& queue) {
   WatchPlan plan;
   plan.stateFolder = stateFolder(options);
   plan.stubAttribute = stubAttribute();
+  plan.events = eventQueue();
   plan.queueFolder = queuesFolder(options) + queue;
   plan.numbersFile = plan.queueFolder + ".numbers";
   return plan;
