@@ -40,8 +40,10 @@ std::vector<Operation> allOperations() {
 void work(const Options& options, int index) {
   const std::vector<Operation> operations = allOperations();
   Worker worker(options, index);
-  for (long i = 0; i < options.operations / options.processes; ++i)
+  for (long i = 0; i < options.operations / options.processes; ++i) {
     worker.random.pick(operations).run(worker);
+    if (options.pause > 0) usleep(options.pause);
+  }
 }
 
 // Links of a file that lives throughout may go.
@@ -100,6 +102,7 @@ int main(int argc, char** argv) {
   app.add_option("--seed", options.seed);
   app.add_option("--operations", options.operations, "of all processes together");
   app.add_option("--processes", options.processes)->check(CLI::Range(1, 64));
+  app.add_option("--pause", options.pause, "microseconds between two operations of a process");
   app.add_flag("--hold-open", options.holdOpen, "keep some files open for a while");
   app.add_flag("--no-devices", options.noDevices, "make no device nodes");
   app.add_flag("--many-links", options.manyLinks, "give one file 16,500 links at first");

@@ -24,6 +24,7 @@ struct Options {
   std::uint64_t seed = 1;
   long operations = 1000;  // of all processes together
   int processes = 1;
+  unsigned pause = 0;  // microseconds between two operations of a process
   bool holdOpen = false;
   bool noDevices = false;
   bool manyLinks = false;

@@ -1,0 +1,63 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// The process that watches does not run for a while, or another one comes.
+#include "tests/faults/fault_fixture.h"
+
+namespace kddc::faults {
+namespace {
+
+struct Stopped : FaultTest {};
+
+TEST_F(Stopped, ForAWhileUnderLoadItIsExactAfterwards) {
+  const auto program = watch();
+  Work running(workPlan());
+  flush();
+  const auto before = inodes();
+  for (int round = 0; round < rounds(1, 3); ++round) {
+    program->signal(SIGSTOP);
+    nap(rounds(2000, 10'000));
+    program->signal(SIGCONT);
+    flush();
+  }
+  running.end();
+  expectExact();
+  expectSameInodes(before);
+  EXPECT_EQ(status()["rescan_count"], 0);
+  end(*program);
+}
+
+struct SecondInstance : FaultTest {};
+
+TEST_F(SecondInstance, IsRefusedAndDisturbsNothing) {
+  const auto program = watch();
+  Work running(workPlan());
+  flush();
+  const auto before = inodes();
+  const std::string holder = "process " + std::to_string(program->pid()) + " (kddc watch)";
+  for (int i = 0; i < rounds(5, 100) && !HasFailure(); ++i) {
+    const Outcome outcome = run({"watch", volume});
+    EXPECT_EQ(outcome.exitCode, 3) << outcome;
+    EXPECT_EQ(outcome.err, "kddc: " + volume + " is watched by " + holder + "; stop it first\n");
+    EXPECT_EQ(outcome.out, "");
+  }
+  running.end();
+  expectExact();
+  expectSameInodes(before);
+  EXPECT_EQ(status()["rescan_count"], 0);
+  end(*program);
+}
+
+TEST_F(SecondInstance, TakesOverAtOnceFromOneThatWasKilled) {
+  for (int i = 0; i < rounds(2, 20) && !HasFailure(); ++i) {
+    const auto program = watch();
+    work(100, static_cast<unsigned>(i));
+    kill(*program);
+    const auto next = watch();
+    expectExact();
+    end(*next);
+  }
+}
+
+}  // namespace
+}  // namespace kddc::faults
