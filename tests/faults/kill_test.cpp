@@ -30,6 +30,7 @@ struct Killed : FaultTest {
   static constexpr int kBetweenChecks = 5;
 
   void killAgainAndAgain(int kills) {
+    torture::Inodes before;
     for (int done = 0; done < kills && !HasFailure(); done += kBetweenChecks) {
       SCOPED_TRACE("after " + std::to_string(done) + " kills");
       Work running(workPlan(static_cast<unsigned>(done)));
@@ -37,6 +38,8 @@ struct Killed : FaultTest {
       const auto program = watch();
       running.end();
       expectExact();
+      if (before.empty()) before = inodes();
+      expectSameInodes(before);
       end(*program);
     }
     tell(kills, " kills");

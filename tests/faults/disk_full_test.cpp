@@ -1,0 +1,107 @@
+// SPDX-FileCopyrightText: The kddc authors
+// SPDX-License-Identifier: Apache-2.0
+//
+// The file system of the catalogue, or that of the queue, is full for a while.
+#include "tests/faults/fault_fixture.h"
+
+namespace kddc::faults {
+namespace {
+
+struct DiskFull : FaultTest {
+  std::optional<test::LoopMount> small;
+
+  void SetUp() override {
+    FaultTest::SetUp();
+    if (IsSkipped()) return;
+    small.emplace("tmpfs", "size=12m");
+  }
+  // Takes all the room there is.
+  std::string inflate() const {
+    const std::string balloon = *small / "balloon";
+    const UniqueFd fd(open(balloon.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    const std::vector<char> air(1 << 16);
+    for (std::size_t bytes = air.size(); bytes > 0;)
+      if (::write(fd.get(), air.data(), bytes) <= 0) bytes /= 2;
+    return balloon;
+  }
+  // Enough for many pages of a catalogue.
+  void growBy(int files, const std::string& stem) const {
+    fs::create_directory(*this / stem);
+    for (int i = 0; i < files; ++i)
+      write(stem + "/a file of a name long enough to fill pages " + std::to_string(i));
+  }
+  void fillAndFree(const Program& program) {
+    const std::string balloon = inflate();
+    growBy(5000, "while it is full");
+    EXPECT_TRUE(comesTrue([&] { return stateName() != "live"; })) << status();
+    const auto told = status();
+    EXPECT_TRUE(told["stale_since"].is_number()) << told;
+    tell("told: ", told["state"], ", ", told["stale_reason"], ", ", told["rescans"].dump());
+    EXPECT_TRUE(told["stale_reason"] != "" || !told["rescans"].empty()) << told;
+    // Nor does it say so later, as long as there is no room.
+    for (int i = 0; i < rounds(5, 40); ++i, nap(100)) {
+      const auto answer = status();
+      EXPECT_NE(answer["state"], "live") << answer;
+      EXPECT_EQ(answer["stale_since"], told["stale_since"]);
+    }
+    fs::remove(balloon);
+    EXPECT_TRUE(comesTrue([&] { return stateName() == "live"; })) << status();
+    ASSERT_FALSE(program.hasEnded()) << program.err();
+    expectExact();
+  }
+};
+
+TEST_F(DiskFull, OfTheCatalogueIsToldAndRecoversWhenThereIsRoomAgain) {
+  options.catalogue = *small / "catalogue";
+  const auto program = watch({volume, "--catalogue", options.catalogue});
+  work(100);
+  flush();
+  const auto before = inodes();
+  for (int i = 0; i < rounds(1, 3) && !HasFailure(); ++i) {
+    fillAndFree(*program);
+    fs::remove_all(*this / "while it is full");
+  }
+  expectExact();
+  expectSameInodes(before);
+  end(*program);
+}
+
+// A reader of what is printed who does not read holds the database thread, so that the queue grows
+// beyond its memory.
+TEST_F(DiskFull, OfTheQueueIsToldAndRecoversWhenThereIsRoomAgain) {
+  const test::TempFolder registry;
+  registry.write("settings.ini", "[DataClassification]\nnRawBufferMaxVMSize = 3\n");
+  state = *small / "state";
+  options.catalogue = temp / "catalogue";
+  options.state = state;
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  UniqueFd reader(ends[0]), writer(ends[1]);
+  fcntl(reader.get(), F_SETPIPE_SZ, 4096);
+  const auto program = launch({volume, "--print", "--catalogue", options.catalogue}, [&] {
+    dup2(writer.get(), STDOUT_FILENO);
+    setenv("KELDARA_REGISTRY_ROOT", registry.path().c_str(), 1);
+  });
+  writer.reset();
+  char text[1 << 16];
+  ASSERT_EQ(read(reader.get(), text, 6), 6);
+  const std::string balloon = inflate();
+  growBy(rounds(60'000, 200'000), "more than the queue holds in memory");
+  nap(500);
+  const auto told = status();
+  tell("told: ", told.dump());
+  EXPECT_NE(told["state"], "live");
+  fs::remove(balloon);
+  std::thread reading([&] {
+    while (read(reader.get(), text, sizeof text) > 0) {
+    }
+  });
+  EXPECT_TRUE(comesTrue([&] { return stateName() == "live"; })) << status();
+  EXPECT_FALSE(program->hasEnded()) << program->err();
+  expectExact();
+  end(*program);
+  reading.join();
+}
+
+}  // namespace
+}  // namespace kddc::faults
