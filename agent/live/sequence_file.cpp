@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
+#include <system_error>
 
 #include "agent/errors.h"
 #include "platform/unique_fd.h"
@@ -19,6 +21,8 @@ namespace kddc {
 namespace {
 
 constexpr unsigned long long kFarAhead = 1ULL << 32;  // more than a run gives
+// No row of runs and crashes leads there; from a number beyond it the next one would start anew.
+constexpr unsigned long long kMostNumber = 1ULL << 63;
 
 // As much as a file of some hundred file systems holds.
 std::string textOf(const std::string& file) {
@@ -29,15 +33,27 @@ std::string textOf(const std::string& file) {
   return text;
 }
 
+// "<devt> <next> <expected>" and no more; sscanf would take "-1" for the greatest number of all.
+bool readLine(const std::string& line, unsigned long long& devt, RecordNumbers& numbers) {
+  const char* at = line.data();
+  const char* const end = at + line.size();
+  for (unsigned long long* number : {&devt, &numbers.next, &numbers.expected}) {
+    if (number != &devt && (at == end || *at++ != ' ')) return false;
+    const auto [behind, error] = std::from_chars(at, end, *number);
+    if (error != std::errc()) return false;
+    at = behind;
+  }
+  return at == end && numbers.expected > 0 && numbers.next >= numbers.expected &&
+         numbers.next <= kMostNumber;
+}
+
 NumbersByDevt readNumbers(const std::string& file) {
   NumbersByDevt all;
   std::istringstream lines(textOf(file));
   for (std::string line; std::getline(lines, line);) {
     unsigned long long devt = 0;
     RecordNumbers numbers;
-    const int read =
-        std::sscanf(line.c_str(), "%llu %llu %llu", &devt, &numbers.next, &numbers.expected);
-    if (read == 3 && numbers.expected > 0 && numbers.next >= numbers.expected) all[devt] = numbers;
+    if (readLine(line, devt, numbers)) all[devt] = numbers;
   }
   return all;
 }

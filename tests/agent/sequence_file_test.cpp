@@ -62,12 +62,28 @@ TEST_F(SequenceFile, AFileSystemThatIsNotFollowedIsForgotten) {
 }
 
 TEST_F(SequenceFile, ALineThatMakesNoSenseIsNotThere) {
-  for (const char* line : {"", "x\n", "7\n", "7 12\n", "7 0 0\n", "7 5 6\n", "7 a 1\n", "\n\n"}) {
+  for (const char* line : {"", "x\n", "7\n", "7 12\n", "7 0 0\n", "7 5 6\n", "7 a 1\n", "\n\n",
+                           "7 5 5 5\n", "7 5 5x\n", "7  5 5\n", "7 -1 -1\n", "7 5 -5\n", "-7 5 5\n",
+                           "7 99999999999999999999 1\n"}) {
     temp.write("numbers", std::string(line) + "\n9 5 5\n");
     const NumbersByDevt numbers = beginNumbering(file, {7, 9});
     expect(numbers.at(7), 1, 1);
     expect(numbers.at(9), 5, 5);
   }
+}
+
+TEST_F(SequenceFile, ANumberFromWhichTheNextOneWouldStartAnewIsNotThere) {
+  temp.write("numbers", "7 18446744073709551615 5\n9 9223372036854775809 5\n");
+  const NumbersByDevt numbers = beginNumbering(file, {7, 9});
+  expect(numbers.at(7), 1, 1);
+  expect(numbers.at(9), 1, 1);
+  EXPECT_EQ(text(), "7 4294967297 4294967297\n9 4294967297 4294967297\n");
+}
+
+TEST_F(SequenceFile, TheGreatestNumberLeavesRoomForACrash) {
+  temp.write("numbers", "7 9223372036854775808 5\n");
+  expect(beginNumbering(file, {7}).at(7), 9223372036854775808U, 5);
+  EXPECT_EQ(text(), "7 9223372041149743104 9223372041149743104\n");
 }
 
 TEST_F(SequenceFile, ALinkIsReplacedAndNotFollowed) {
