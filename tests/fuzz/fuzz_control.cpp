@@ -3,9 +3,6 @@
 //
 // A line of the control socket, on any bytes: as a request and as an answer. What cannot be
 // understood is a Failure and nothing else; what can survives being written and read again.
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -13,13 +10,11 @@
 #include "agent/control/protocol.h"
 #include "agent/control/volume_status.h"
 #include "agent/errors.h"
+#include "tests/fuzz/fuzz.h"
+
+using kddc::fuzz::require;
 
 namespace {
-
-// Not assert, which a release build drops.
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // Without its end, which must be its only one.
 std::string_view bodyOf(std::string_view line) {
@@ -55,7 +50,7 @@ void reading(void (*read)(std::string_view), std::string_view line) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::string line(reinterpret_cast<const char*>(data), size);
+  const std::string line = kddc::fuzz::textOf(data, size);
   reading(readRequest, line);
   reading(readAnswer, line);
   return 0;

@@ -3,22 +3,16 @@
 //
 // The parser of kernel events, on any bytes: nothing outside of them is read, and what comes out is
 // what an event may hold: names that end, identifiers of at most 20 bytes.
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "driver/event.h"
 #include "platform/file_handle.h"
+#include "tests/fuzz/fuzz.h"
 
-extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t maxSize);
+using kddc::fuzz::require;
 
 namespace {
-
-// Not assert, which a release build drops.
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 void check(bool has, const fsf_fid& fid) {
   if (has) require(fid.data[1] != 0 && fid.data[1] <= kddc::kMaxHandleBytes);

@@ -22,7 +22,10 @@
 #include "buffer/persistent_raw_buffer.h"
 #include "platform/ev_debug.h"
 #include "records/journal_record.h"
+#include "tests/fuzz/fuzz.h"
 #include "tests/support/temp_folder.h"
+
+using kddc::fuzz::require;
 
 namespace {
 
@@ -32,11 +35,6 @@ constexpr std::size_t kBlock = 2097152;
 constexpr const char* kNames[] = {"swap.0", "swap.3", "swap.10"};  // in their order as numbers
 
 int reported = 0;
-
-// Not assert, which a release build drops.
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 class Queue : public PersistentDCRawBuffer {
  public:

@@ -3,25 +3,17 @@
 //
 // The two readers of lists of volumes, on any bytes: of each piece of a line one byte is dropped
 // and no other, and the first words of a hook file are words of the same pieces, in the same order.
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <list>
 #include <string>
 
+#include "tests/fuzz/fuzz.h"
 #include "volumes/volume_lists.h"
+
+using kddc::fuzz::require;
 
 namespace {
 
 constexpr char kBlanks[] = " \t\n\v\f\r";
-
-// Not assert, which a release build drops.
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 void checkLines(const std::list<std::string>& lines, const std::string& file) {
   std::size_t at = 0;
@@ -49,14 +41,11 @@ void checkWords(const std::list<std::string>& words, const std::list<std::string
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::string file(reinterpret_cast<const char*>(data), size);
-  const int memory = memfd_create("input", MFD_CLOEXEC);
-  require(write(memory, data, size) == static_cast<ssize_t>(size));
-  const std::string path = "/proc/self/fd/" + std::to_string(memory);
+  const std::string file = kddc::fuzz::textOf(data, size);
+  const kddc::fuzz::InputFile input(data, size);
   std::list<std::string> lines{"old"}, words{"old"};
-  ReadVolListFromFile(path, lines);
-  ReadVolListFromFailOverHookFile(path, words);
-  close(memory);
+  ReadVolListFromFile(input.path(), lines);
+  ReadVolListFromFailOverHookFile(input.path(), words);
   checkLines(lines, file);
   checkWords(words, lines);
   return 0;

@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# SPDX-FileCopyrightText: The kddc authors
+# SPDX-License-Identifier: Apache-2.0
+#
+# fuzz.sh BUILD SECONDS [NAME...]: runs every fuzz target of a build folder, or those named, for so
+# long each and as many at a time as there are processors.
+#
+#   BUILD/corpus/NAME     what the target has found worth keeping, and starts from the next time
+#   BUILD/findings/NAME-* inputs that broke something; the command that repeats each is printed
+#   BUILD/findings/NAME.log
+#
+# Fails when any of them found something.
+set -euo pipefail
+build=$1 seconds=$2
+shift 2
+[[ $seconds =~ ^[1-9][0-9]*$ ]] || {
+  echo "fuzz: for how many seconds? '$seconds' is no number of them" >&2
+  exit 2
+}
+targets=$build/tests/fuzz
+mkdir -p "$build/findings"
+"$targets/seeds" "$build/seeds"
+
+fuzz() {
+  local build=$1 seconds=$2 name=$3
+  local target=$build/tests/fuzz/$name findings=$build/findings/$name
+  mkdir -p "$build/corpus/$name"
+  if "$target" -max_total_time="$seconds" -max_len=4096 -timeout=10 -print_final_stats=1 \
+    -artifact_prefix="$findings-" "$build/corpus/$name" "$build/seeds/$name" 2>"$findings.log"; then
+    echo "$name: $(awk '/number_of_executed_units/ { print $2 }' "$findings.log") inputs, no findings"
+    return
+  fi
+  echo "$name: FOUND SOMETHING, see $findings.log"
+  grep -vE '^#[0-9]|^INFO|^stat::|NEW_FUNC| in fuzzer::|/nptl/|/csu/' "$findings.log" | tail -n 40
+  echo "$name: repeat it with"
+  sed -n "s|.*Test unit written to \\(.*\\)|  $target \\1|p" "$findings.log"
+  return 1
+}
+export -f fuzz
+
+names=("$@")
+[ ${#names[@]} -gt 0 ] || mapfile -t names < <(ls "$build/seeds")
+printf '%s\n' "${names[@]}" |
+  xargs -P "$(nproc)" -I '{}' bash -c 'fuzz "$@"' fuzz "$build" "$seconds" '{}'
