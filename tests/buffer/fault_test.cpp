@@ -19,7 +19,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-constexpr int kRecords = 340, kInBlock = 64;  // of 32766 bytes
+constexpr int kRecords = 340;  // of 32766 bytes
 
 std::string record(int number) {
   std::string text = std::to_string(number) + " ";
