@@ -121,17 +121,12 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::map<std::string, Texts> all = {
-      {"fuzz_record", records()},
-      {"fuzz_dump", records()},
-      {"fuzz_replay", records()},
-      {"fuzz_swap_file", records()},
-      {"fuzz_apply", decisions()},
-      {"fuzz_events", events()},
-      {"fuzz_control", requestsAndAnswers()},
-      {"fuzz_settings", settings()},
-      {"fuzz_volume_lists", volumeLists()},
-      {"fuzz_when", pointsInTime()},
-      {"fuzz_numbers", numbers()},
+      {"fuzz_record", records()},    {"fuzz_dump", records()},
+      {"fuzz_replay", records()},    {"fuzz_swap_file", records()},
+      {"fuzz_apply", decisions()},   {"fuzz_settle", decisions()},
+      {"fuzz_events", events()},     {"fuzz_control", requestsAndAnswers()},
+      {"fuzz_settings", settings()}, {"fuzz_volume_lists", volumeLists()},
+      {"fuzz_when", pointsInTime()}, {"fuzz_numbers", numbers()},
   };
   const std::filesystem::path folder = argv[1];
   std::filesystem::remove_all(folder);
