@@ -95,10 +95,16 @@ bool WatchSession::catchUp(const Volume& volume, const std::function<bool()>& gi
   return true;
 }
 
-// False as for flush. What has just been tried in vain is not waited for: nobody knows how long.
+// False as for flush. What failed is tried at once, and is waited for no longer when it fails
+// again: nobody knows how long.
 bool WatchSession::waitUntilLive(Volume& volume, const std::function<bool()>& giveUp) {
   std::unique_lock lock(mutex_);
-  const auto isHopeless = [&] { return !volume.live && volume.failed && !volume.inHand; };
+  const std::uint64_t failures = volume.failures;
+  if (volume.failed) volume.pacer.hurry();
+  changed_.notify_all();
+  const auto isHopeless = [&] {
+    return !volume.live && (volume.absent || (volume.failed && volume.failures > failures));
+  };
   const auto isOver = [&] { return volume.live || isHopeless() || isStopping(); };
   while (!changed_.wait_for(lock, kLook, isOver))
     if (giveUp()) return false;

@@ -196,6 +196,7 @@ void WatchSession::fail(Volume& volume, const std::string& why) {
     volume.doubt = why;
     volume.remedy = Doubt::Remedy::kReopen;
     volume.failed = true;
+    ++volume.failures;
     volume.scanning = false;
     setStale(volume);
   }

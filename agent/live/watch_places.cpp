@@ -184,6 +184,8 @@ void WatchSession::connect(Volume& volume) {
     options.leaveOut = std::move(own);
     port = makePort(device, std::move(options));
   }
+  if (port->driver().device() != device)
+    throw Failure(volume.plan.path + " was mounted anew just now");
   const fsf_fid root = rootOf(volume.plan.path);
   const std::lock_guard lock(mutex_);
   ports_[device] = port;
@@ -282,22 +284,24 @@ void WatchSession::attach(Volume& volume) {
   volume.catalogueFile = keyOf(volume.plan.catalogue + kFilesDatabase);
 }
 
-// What cannot be closed in good order is examined when it is opened the next time.
-void WatchSession::detach(Volume& volume, std::time_t asOf) {
+// Whether it was closed in good order. What was not is examined when it is opened the next time.
+bool WatchSession::detach(Volume& volume, std::time_t asOf) {
   std::shared_ptr<VolumeRows> rows;
   {
     const std::lock_guard lock(mutex_);
     rows = std::exchange(volume.rows, nullptr);
     setStale(volume);
   }
-  if (!rows) return;
+  if (!rows) return true;
   applier_->detach(*rows);
   try {
     if (!std::filesystem::exists(volume.plan.catalogue)) putBack(volume, *rows);
     rows->close(asOf);
+    return true;
   } catch (...) {
     listeners_.note(fmt::format("{}: the catalogue could not be closed: {}", volume.plan.path,
                                 describeCurrentException()));
+    return false;
   }
 }
 

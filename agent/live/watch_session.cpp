@@ -186,14 +186,16 @@ void WatchSession::finish() {
   queue_->DriverThreadShutDown();
   if (!inOrder) applier_->abandon();
   applying_.join();
+  bool isClosed = true;
   for (Volume* volume : allVolumes()) {
     if (!volume->rows) continue;
     // A volume in doubt is as of the time it was as of before.
-    detach(*volume, inOrder && isLive(*volume) ? ended : 0);
+    isClosed = detach(*volume, inOrder && isLive(*volume) ? ended : 0) && isClosed;
     queue_->DbShutDown(volume->mount->device);
   }
   queue_->DbThreadShutDown();
   keepNumbers();
+  if (!isClosed) throw Failure("stopped, but not in good order; the next start makes up for it");
 }
 
 void WatchSession::endPlacing() {

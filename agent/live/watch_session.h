@@ -147,7 +147,7 @@ class WatchSession {
   void scan(Volume& volume);
   void fill(Volume& volume);
   void attach(Volume& volume);
-  void detach(Volume& volume, std::time_t asOf);
+  bool detach(Volume& volume, std::time_t asOf);
   void putBack(const Volume& volume, VolumeRows& rows);
   void disconnect(Volume& volume);
   void leave(Volume& volume, const std::string& why);

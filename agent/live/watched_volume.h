@@ -55,7 +55,8 @@ struct WatchSession::Volume {
   bool absent = false;  // nothing stands at its place
   bool live = false, scanning = false, comparing = false;
   bool failed = false;  // what was tried last
-  std::string doubt;    // why it may not be exact; empty: it is
+  std::uint64_t failures = 0;
+  std::string doubt;  // why it may not be exact; empty: it is
   Doubt::Remedy remedy = Doubt::Remedy::kCompare;
   std::time_t staleSince = 0;
   std::time_t lastComparison = 0;
