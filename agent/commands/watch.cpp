@@ -85,10 +85,11 @@ WatchPlan planForNamed(const Options& options, const std::vector<std::string>& v
   return plan;
 }
 
-// When the mount table has changed the registry is brought in step with it first: another disk may
-// have come. What cannot be done then is told, and what is registered is followed all the same.
+// When the mount table has changed the registry is brought in step with it first, by whoever may:
+// another disk may have come. What cannot be done then is told, and what is registered is followed
+// all the same.
 std::vector<WatchPlan::Volume> registeredPlans(const Options& options, bool mountsChanged) {
-  if (mountsChanged) {
+  if (mountsChanged && mayEditRegistry()) {
     try {
       refreshRegistry(options);
     } catch (const Failure& e) {

@@ -155,6 +155,7 @@ void Comparer::leave(std::uint64_t folder) {
       suspicions_.absent(folders_[folder].fid, name);
   }
   current_ = 0;
+  if (folders_[folder].inode != kUnknown) suspicions_.compared(folders_[folder].inode);
 }
 
 }  // namespace

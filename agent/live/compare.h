@@ -43,6 +43,8 @@ class Suspicions {
   virtual void attributes(const WalkedEntry& entry) = 0;
   // A row's name was not found on the disk.
   virtual void absent(const fsf_fid& folder, std::string_view name) = 0;
+  // All that the folder of that row holds was compared.
+  virtual void compared(std::int64_t /*inode*/) {}
   // A row that no look at a name can put right: of two that bear the same name one, or one whose
   // name cannot be one.
   virtual void row(std::int64_t inode) = 0;

@@ -69,6 +69,7 @@ class VolumePort : public DriverQuestions {
     return port_->hasEnded() || driver_.finished().request >= question;
   }
 
+  bool hasEnded() const { return port_->hasEnded(); }
   // The number of the last question.
   std::uint64_t lastQuestion() const { return lastQuestion_; }
   Driver& driver() { return driver_; }

@@ -22,6 +22,23 @@ Settle::Result Settle::guarded(const std::function<void()>& work) {
   return work_.result;
 }
 
+Settle::Result Settle::identify(unsigned long long inode, const fsf_fid& folder) {
+  return guarded([&] {
+    auto row = work_.rows.rowAt(inode);
+    if (!row) return;
+    const bool isRoot = row->parent == 0 && !(row->fid == folder);
+    const bool isLost = row->parent != 0 && !row->hasFid() && work_.rows.namesOf(folder, 1).empty();
+    if (isRoot || isLost) work_.giveIdentifier(*row, folder);
+  });
+}
+
+void Settle::askForContents(unsigned long long inode) {
+  guarded([&] {
+    const auto row = work_.rows.rowAt(inode);
+    if (row && row->type == kFolder && row->hasFid()) work_.askForContents(*row);
+  });
+}
+
 Settle::Result Settle::unname(unsigned long long inode) {
   return guarded([&] {
     const auto row = work_.rows.rowAt(inode);

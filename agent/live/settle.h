@@ -57,6 +57,10 @@ class Settle {
   // Writes the link counts, which are held back.
   void writeHeldBack() { attributes_.writeHeldBack(); }
 
+  // The row of a folder, perhaps of the root, is that of this one, unless it is another's by now.
+  Result identify(unsigned long long inode, const fsf_fid& folder);
+  // Asks for all that a folder holds and held.
+  void askForContents(unsigned long long inode);
   // A row that no record can speak of loses its name, as if that were absent.
   Result unname(unsigned long long inode);
   // Removes every row that has no name, a folder with what still lies below it: whoever lives has a

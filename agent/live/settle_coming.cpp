@@ -56,8 +56,7 @@ bool SettleComing::makeWay(unsigned long long folder, const NamedFile& found, bo
   auto bearer = rows_.bearerOf(folder, found.name);
   if (!bearer) return false;
   if (mayAdopt && !bearer->hasFid() && found.isOfType(bearer->type)) {
-    rows_.adopt(*bearer, found.file);
-    work_.noteApplied();
+    work_.giveIdentifier(*bearer, found.file);
     return true;
   }
   going_.takeNameFrom(*bearer);

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "catalogue/file_type.h"
+
 namespace kddc {
 
 const Name* parkedAmong(const std::vector<Name>& names) {
@@ -20,6 +22,18 @@ void Settling::apply(const FlrJrnCommandRaw& record) {
 
 void Settling::noteApplied() {
   if (!hasFailed()) result = SettleResult::kApplied;
+}
+
+void Settling::giveIdentifier(Name& row, const fsf_fid& fid) {
+  rows.readopt(row, fid);
+  noteApplied();
+  if (row.type == kFolder) askForContents(row);
+}
+
+void Settling::askForContents(const Name& folder) {
+  rows.FlushAllJournals();
+  for (const Name& child : rows.childrenOf(folder.inode)) disk.look(folder.fid, child.name);
+  disk.list(folder.fid);
 }
 
 void Settling::noteAdded(const fsf_fid& fid, unsigned long long folder, const std::string& name,

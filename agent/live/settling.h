@@ -73,6 +73,12 @@ class Settling {
   // Something was written besides.
   void noteApplied();
 
+  // Gives a row this identifier. What was told of a folder that nobody knew was dropped, so its
+  // contents are asked for.
+  void giveIdentifier(Name& row, const fsf_fid& fid);
+  // All that a folder holds, and that it held as far as the catalogue knows.
+  void askForContents(const Name& folder);
+
   void noteAdded(const fsf_fid& fid, unsigned long long folder, const std::string& name,
                  const FlrJrnCommandRaw& record);
   void noteChanged(const fsf_fid& fid, const FlrJrnCommandRaw& record);

@@ -25,6 +25,7 @@ void VolumeRows::observe(
 }
 
 Settle::Result VolumeRows::take(const FlrJrnCommandRaw& record) {
+  if (hasChores_) doChores();
   const Settle::Result result = settle_.take(record);
   dirty_ = dirty_ || result != Settle::Result::kNothing;
   return result;
@@ -33,6 +34,7 @@ Settle::Result VolumeRows::take(const FlrJrnCommandRaw& record) {
 void VolumeRows::doLater(std::function<void(LiveCatalogue&, Settle&)> chore) {
   const std::lock_guard lock(mutex_);
   chores_.push_back(std::move(chore));
+  hasChores_ = true;
 }
 
 void VolumeRows::doChores() {
@@ -40,6 +42,7 @@ void VolumeRows::doChores() {
   {
     const std::lock_guard lock(mutex_);
     chores.swap(chores_);
+    hasChores_ = false;
   }
   for (const auto& chore : chores) chore(rows_, settle_);
   dirty_ = dirty_ || !chores.empty();

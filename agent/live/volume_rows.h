@@ -40,8 +40,8 @@ class VolumeRows {
   Settle::Result take(const FlrJrnCommandRaw& record);
   // Writes what is pending, commits, and asks after rows without a name.
   void checkpoint();
-  // What a comparison found that no record can put right, done at the next checkpoint. From any
-  // thread.
+  // What a comparison found that no record can put right, done before the next record is taken, and
+  // so before any that was asked for after it. From any thread.
   void doLater(std::function<void(LiveCatalogue&, Settle&)> chore);
   // As LiveCatalogue has it.
   void copyTo(const std::string& folder) { rows_.copyTo(folder); }
@@ -64,6 +64,7 @@ class VolumeRows {
   DriverQuestions& driver_;
   unsigned long long devt_;
   bool dirty_ = false;
+  std::atomic<bool> hasChores_ = false;
   std::map<fsf_fid, std::uint64_t> asked_;  // after parked files, and the number of the question
 
   mutable std::mutex mutex_;

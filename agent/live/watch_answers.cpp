@@ -21,7 +21,7 @@ namespace {
 // A question may raise another one: a name that came from outside is looked at, turns out to be a
 // folder and is listed, and a file found there takes a name from another one. Under load new ones
 // are raised all the time; those that an earlier round left are answered by then.
-constexpr int kMostRounds = 32;
+constexpr int kMostRounds = 12;
 // Between two looks at something that is about to happen.
 constexpr std::chrono::milliseconds kMoment(2);
 
@@ -73,26 +73,36 @@ bool WatchSession::catchUp(const Volume& volume, const std::function<bool()>& gi
     const std::lock_guard lock(mutex_);
     port = volume.port;
   }
-  const auto ends = [&] {
-    return !port || giveUp() || stops_ > 1 || port->port().hasEnded() || applier_->hasEnded();
-  };
-  for (int round = 0; round < kMostRounds; ++round) {
-    if (ends()) return false;
-    const auto reached = std::make_shared<std::promise<std::uint64_t>>();
-    auto number = reached->get_future();
-    const std::uint64_t barrier =
-        port->driver().barrier([reached](std::uint64_t sequence) { reached->set_value(sequence); });
-    while (number.wait_for(kLook) != std::future_status::ready)
-      if (ends()) return false;
-    const std::uint64_t last = number.get();
-    while (!applier_->waitFor(port->driver().device(), last, kLook))
-      if (ends()) return false;
+  for (int round = 0; port && round < kMostRounds; ++round) {
+    const auto barrier = applyQueued(*port, giveUp);
+    if (!barrier) return false;
     const std::uint64_t asked = port->lastQuestion();
-    if (asked < barrier) return true;
+    if (asked < *barrier) return true;
     for (; !port->isAnswered(asked); std::this_thread::sleep_for(kMoment))
-      if (ends()) return false;
+      if (isCutOff(*port, giveUp)) return false;
   }
-  return true;
+  return port != nullptr;
+}
+
+// Waits until all that the driver has said, and has to say by now, is applied. The number of the
+// request with which it was asked for that; none when nobody waits any more.
+std::optional<std::uint64_t> WatchSession::applyQueued(VolumePort& port,
+                                                       const std::function<bool()>& giveUp) {
+  if (isCutOff(port, giveUp)) return std::nullopt;
+  const auto reached = std::make_shared<std::promise<std::uint64_t>>();
+  auto number = reached->get_future();
+  const std::uint64_t barrier =
+      port.driver().barrier([reached](std::uint64_t sequence) { reached->set_value(sequence); });
+  while (number.wait_for(kLook) != std::future_status::ready)
+    if (isCutOff(port, giveUp)) return std::nullopt;
+  const std::uint64_t last = number.get();
+  while (!applier_->waitFor(port.driver().device(), last, kLook))
+    if (isCutOff(port, giveUp)) return std::nullopt;
+  return barrier;
+}
+
+bool WatchSession::isCutOff(const VolumePort& port, const std::function<bool()>& giveUp) const {
+  return giveUp() || stops_ > 1 || port.hasEnded() || applier_->hasEnded();
 }
 
 // False as for flush. What failed is tried at once, and is waited for no longer when it fails

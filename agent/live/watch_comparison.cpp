@@ -7,12 +7,16 @@
 
 #include <algorithm>
 #include <ctime>
+#include <unordered_set>
 #include <utility>
 
+#include "agent/engine/catalogue_folder.h"
+#include "agent/engine/sqlite_query.h"
 #include "agent/errors.h"
 #include "agent/live/compare.h"
 #include "agent/live/strays.h"
 #include "agent/live/watched_volume.h"
+#include "catalogue/file_type.h"
 
 namespace kddc {
 namespace {
@@ -26,16 +30,17 @@ constexpr std::size_t kMostReasons = 10;
 class WatchSession::Questions : public Suspicions {
  public:
   Questions(WatchSession& session, Volume& volume)
-      : session_(session), volume_(volume), port_(*volume.port), rows_(*volume.rows) {}
+      : session_(session), volume_(volume), port_(*volume.port), rows_(*volume.rows) {
+    const ReadConnection files(filesDatabase());
+    if (Query last(files, "SELECT MAX(INODE) FROM FILES"); last.step())
+      lastBefore_ = last.integer(0);
+  }
 
   // The two databases were not read at one moment, and time has passed since: whatever is done
   // about rows makes sure first.
   void identity(const WalkedEntry& folder, std::int64_t inode) override {
-    rows_.doLater([inode, fid = folder.fid](LiveCatalogue& rows, Settle&) {
-      auto row = rows.rowAt(static_cast<unsigned long long>(inode));
-      const bool isRoot = row && row->parent == 0;
-      if (isRoot && !(row->fid == fid)) rows.readopt(*row, fid);
-      if (row && !isRoot && !row->hasFid() && rows.namesOf(fid, 1).empty()) rows.adopt(*row, fid);
+    rows_.doLater([inode, fid = folder.fid](LiveCatalogue&, Settle& settle) {
+      settle.identify(static_cast<unsigned long long>(inode), fid);
     });
   }
   void name(const fsf_fid& folder, const WalkedEntry& entry) override {
@@ -51,6 +56,24 @@ class WatchSession::Questions : public Suspicions {
     noteOne();
   }
   void row(std::int64_t inode) override { unname({inode}); }
+  void compared(std::int64_t inode) override { compared_.insert(inode); }
+
+  // A folder that moves from a part that the walk has not reached to one that it has left is not
+  // met. Those that were added meanwhile were listed then. Whether there was one.
+  bool askForTheRest() {
+    const ReadConnection files(filesDatabase());
+    Query folders(files, "SELECT INODE FROM FILES WHERE FILE_TYPE=?1 AND INODE<=?2");
+    bool isAny = false;
+    for (folders.bind(kFolder, lastBefore_); folders.step();) {
+      const std::int64_t inode = folders.integer(0);
+      if (compared_.contains(inode)) continue;
+      isAny = true;
+      rows_.doLater([inode](LiveCatalogue&, Settle& settle) {
+        settle.askForContents(static_cast<unsigned long long>(inode));
+      });
+    }
+    return isAny;
+  }
 
   // What no way leads to.
   void findStrays(const CompareCounts& met) {
@@ -65,6 +88,7 @@ class WatchSession::Questions : public Suspicions {
   }
 
  private:
+  std::string filesDatabase() const { return volume_.plan.catalogue + kFilesDatabase; }
   void unname(std::vector<std::int64_t> inodes) {
     rows_.doLater([&port = port_, inodes = std::move(inodes)](LiveCatalogue& rows, Settle& settle) {
       for (const std::int64_t inode : inodes) unnameNow(rows, settle, port, inode);
@@ -89,6 +113,8 @@ class WatchSession::Questions : public Suspicions {
   VolumePort& port_;  // both stay while the volume is in hand; chores end with the rows
   VolumeRows& rows_;
   std::uint64_t asked_ = 0;
+  std::unordered_set<std::int64_t> compared_;  // folders, by INODE
+  std::int64_t lastBefore_ = 0;                // INODE of the last row before the comparison
 };
 
 void WatchSession::compare(Volume& volume) {
@@ -123,6 +149,9 @@ void WatchSession::compare(Volume& volume) {
 
 CompareCounts WatchSession::compareNow(Volume& volume) {
   const auto ends = [&] { return isEnding(volume); };
+  // What is still queued may be of a time after which changes were missed, and would be taken for
+  // news of what was compared meanwhile.
+  if (!applyQueued(*volume.port, ends)) throw Stopped();
   Questions questions(*this, volume);
   const CompareWishes wishes{.progress = listeners_.progress, .check = [&] {
                                if (ends()) throw Stopped();
@@ -135,6 +164,7 @@ CompareCounts WatchSession::compareNow(Volume& volume) {
                                           volume.plan.catalogue, questions, wishes);
   questions.findStrays(met);
   if (!catchUp(volume, ends)) throw Stopped();
+  if (questions.askForTheRest() && !catchUp(volume, ends)) throw Stopped();
   return met;
 }
 

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "agent/engine/sqlite_query.h"
 #include "agent/errors.h"
@@ -139,6 +140,11 @@ std::set<std::string> listedNames(RegistryMode mode) {
   forEachRow(tableOf(mode), (std::string("SELECT VOLNAME FROM ") + tableOf(mode)).c_str(),
              [&](const Query& row) { names.emplace(row.text(0)); });
   return names;
+}
+
+bool mayEditRegistry() {
+  return may(W_OK, std::filesystem::path(registryPath()).parent_path()) &&
+         may(W_OK, registryPath());
 }
 
 std::map<std::string, KdMntEntry> mountsByPlace() {

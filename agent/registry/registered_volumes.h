@@ -60,6 +60,9 @@ std::map<std::string, KdMntEntry> mountsByPlace();
 // The names in the mode's table: of the volumes that are to be registered, or that are not.
 std::set<std::string> listedNames(RegistryMode mode);
 
+// Whether this process may edit the registry; a service mostly only reads it.
+bool mayEditRegistry();
+
 // The registry, open for writing; made when it is missing. One process has it at a time.
 class RegistryEditor {
  public:

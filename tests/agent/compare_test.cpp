@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <sys/xattr.h>
 
+#include <set>
 #include <stdexcept>
 
 #include "agent/errors.h"
@@ -24,7 +25,9 @@ using Told = std::vector<std::string>;
 
 struct Listener : Suspicions {
   Told told;
+  std::set<std::int64_t> folders;  // whose contents were compared
 
+  void compared(std::int64_t inode) override { folders.insert(inode); }
   void identity(const WalkedEntry&, std::int64_t inode) override {
     told.push_back("identity " + std::to_string(inode));
   }
@@ -78,6 +81,17 @@ TEST_F(CompareTest, FindsNothingWhereNothingDiffers) {
   EXPECT_EQ(met.walk.entries, 6u);
   EXPECT_EQ(met.rows, 6u);
   EXPECT_EQ(met.pairs, 6u);
+}
+
+TEST_F(CompareTest, TellsWhichFoldersItHasCompared) {
+  volume.folder("new");
+  volume.remove("d/e");
+  compareAll();
+  const auto inode = [&](const std::string& name) {
+    return std::stoll(DatabaseView(volume.catalogue() + "/.db.kd")
+                          .cell("SELECT INODE FROM FILES WHERE NAME='" + name + "'"));
+  };
+  EXPECT_THAT(listener.folders, testing::UnorderedElementsAre(1, inode("d")));
 }
 
 TEST_F(CompareTest, WritesNothing) {

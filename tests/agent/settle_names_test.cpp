@@ -299,6 +299,22 @@ TEST_F(SettleTest, ARowThatHasLostItsIdentifierGetsItBack) {
   expectPaired();
 }
 
+// What was told of a folder that nobody knew was dropped: names may have come and gone.
+TEST_F(SettleTest, AFolderThatGetsItsIdentifierBackIsAskedForItsContents) {
+  folderPresent('R', "d", 'D');
+  present('D', "a", 'A');
+  db.CloseHandle(0, false);
+  DatabaseView(fidsPath).rows("DELETE FROM FIDS WHERE FILES_ROWID=2");
+  ASSERT_TRUE(db.OpenHandle(false, false));
+  disk.asked.clear();
+  settle.identify(2, fidOf('D'));
+  EXPECT_THAT(disk.asked, ElementsAre("look D/a", "list D"));
+  settle.identify(2, fidOf('D'));  // it has one
+  settle.askForContents(3);        // no folder
+  EXPECT_EQ(disk.asked.size(), 2U);
+  expectPaired();
+}
+
 TEST_F(SettleTest, AnIdentifierWithoutARowIsForgotten) {
   const fsf_fid fid = fidOf('A');
   db.InsertFid(&fid, 77, 0);
