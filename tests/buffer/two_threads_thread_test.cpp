@@ -18,7 +18,7 @@ namespace {
 
 using Number = NumberedRecords::Number;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_THREAD__) || defined(KDDC_ADDRESS_SANITIZER)
 constexpr Number kShare = 10;
 #else
 constexpr Number kShare = 1;

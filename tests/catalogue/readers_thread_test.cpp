@@ -13,7 +13,7 @@ namespace {
 
 using kddc::test::DatabaseView;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_THREAD__) || defined(KDDC_ADDRESS_SANITIZER)
 constexpr int kInserts = 100000;
 #else
 constexpr int kInserts = 1000000;

@@ -33,7 +33,9 @@ struct Killed : FaultTest {
     torture::Inodes before;
     for (int done = 0; done < kills && !HasFailure(); done += kBetweenChecks) {
       SCOPED_TRACE("after " + std::to_string(done) + " kills");
-      Work running(workPlan(static_cast<unsigned>(done)));
+      auto plan = workPlan(static_cast<unsigned>(done));
+      if (!isLong()) plan.pause = 2000;  // others want the processors, too
+      Work running(plan);
       for (int i = 0; i < kBetweenChecks && !HasFailure(); ++i) liveAndDie();
       const auto program = watch();
       running.end();

@@ -35,7 +35,7 @@ extern "C" {
 
 void* __libc_malloc(std::size_t size);  // NOLINT(bugprone-reserved-identifier)
 
-#ifndef __SANITIZE_ADDRESS__
+#ifndef KDDC_ADDRESS_SANITIZER
 void* malloc(std::size_t size) noexcept {
   if (size != sizeof(SyncPrim) || refusals.malloc == 0) return __libc_malloc(size);
   errno = taken(refusals.malloc);
@@ -88,7 +88,7 @@ struct RefusedGate : testing::Test {
 };
 
 TEST_F(RefusedGate, WithoutMemoryThereIsNone) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef KDDC_ADDRESS_SANITIZER
   GTEST_SKIP() << "the address sanitizer has a malloc of its own";
 #endif
   const LogCapture log(0);
