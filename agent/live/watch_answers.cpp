@@ -21,7 +21,7 @@ namespace {
 // A question may raise another one: a name that came from outside is looked at, turns out to be a
 // folder and is listed, and a file found there takes a name from another one. Under load new ones
 // are raised all the time; those that an earlier round left are answered by then.
-constexpr int kMostRounds = 12;
+constexpr int kMostRounds = 32;
 // Between two looks at something that is about to happen.
 constexpr std::chrono::milliseconds kMoment(2);
 
