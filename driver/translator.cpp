@@ -240,8 +240,11 @@ void Translator::sayName(const Name& name, const fsf_fid& lost, bool wasFolder) 
     sayAbsent(name, lost, wasFolder);
 }
 
+// With each name anew: after the first one, outside of a volume perhaps, nobody knew the file
+// there.
 void Translator::sayPresent(const Name& name, const Look& look, bool listed) {
   output_.record(presentRecord(foundName(name), fileOf(look), listed));
+  said_->objectsSaid.erase(look.fid);
   sayAttributes(look.fid);
 }
 
