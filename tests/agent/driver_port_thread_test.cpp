@@ -54,7 +54,7 @@ TEST_F(DriverPortTest, IsWellWhileItWaitsAndNotWhileItsQueueTakesNoRecord) {
   DriverPort port(std::move(options), std::move(sinks), manager);
   const Heartbeat& heart = manager.heart();
   port.start();
-  EXPECT_TRUE(heart.isWell(Heartbeat::Clock::now() + 1h));
+  waitUntil([&] { return heart.isWell(Heartbeat::Clock::now() + 1h); });
 
   std::ofstream(mount / "file") << "text";
   taking.get_future().wait();
