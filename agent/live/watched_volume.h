@@ -40,9 +40,10 @@ struct WatchSession::Volume {
   // Of the thread that has it in hand.
   std::unique_ptr<NewCatalogue> fresh;  // as long as there is no catalogue to go on with
   std::optional<VolumeMount> mount;     // where it was last; also of others, while there is a port
+  bool isAnother = false;               // another disk than the one that the catalogue is of
+
   // Of the thread that looks at places.
   std::vector<std::string> mountsInside;
-  bool isAnother = false;  // another disk than the one that the catalogue is of
 
   std::atomic<bool> leaving = false;  // whatever is done with it is to end early
 

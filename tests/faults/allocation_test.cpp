@@ -6,31 +6,14 @@
 // the whole program.
 #include <gmock/gmock.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <functional>
 #include <new>
 
 #include "buffer/persistent_raw_buffer.h"
 #include "journal/apply_journal.h"
+#include "tests/support/counted_allocations.h"
 #include "tests/support/cumulative_fixture.h"
 #include "tests/support/queue_folders.h"
-
-namespace {
-std::atomic<long> leftUntilFailure = -1;  // negative: none fails
-}
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  if (leftUntilFailure >= 0 && leftUntilFailure-- == 0) throw std::bad_alloc();
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace kddc::test {
 namespace {

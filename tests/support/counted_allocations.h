@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// Counts every allocation of the program, from its beginning on. It replaces operator new, so only
-// one file of a program may include it.
+// Counts every allocation of the program, from its beginning on, and lets one fail. It replaces
+// operator new, so only one file of a program may include it.
 #pragma once
 
 #include <atomic>
@@ -11,11 +11,14 @@
 
 namespace kddc::test {
 inline std::atomic<int> allocations = 0;
+inline std::atomic<long> leftUntilFailure = -1;  // negative: none fails
 }  // namespace kddc::test
 
 // Not inline: a compiler that sees only one of the pair takes it for a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size) {
   ++kddc::test::allocations;
+  if (kddc::test::leftUntilFailure >= 0 && kddc::test::leftUntilFailure-- == 0)
+    throw std::bad_alloc();
   if (void* memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }

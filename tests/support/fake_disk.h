@@ -24,12 +24,12 @@ class FakeDisk : public Disk {
  public:
   explicit FakeDisk(FakeVolume& volume) : root(volume.fid("")), volume_(volume) {}
 
-  fsf_fid root;                        // of the watched volume, for whereabouts
-  std::set<fsf_fid> leaveOut;          // absent
-  std::set<std::string> unknownNames;  // looking these up fails with EIO
-  std::set<fsf_fid> unknownFiles;      // so do these
+  fsf_fid root;                                      // of the watched volume, for whereabouts
+  std::set<fsf_fid> leaveOut;                        // absent
+  std::set<std::string> unknownNames;                // looking these up fails with EIO
+  std::set<fsf_fid> unknownFiles;                    // so do these
   std::vector<std::pair<fsf_fid, std::string>> way;  // to whatever file
-  std::size_t namesAtOnce = 2;         // in one read of a listing
+  std::size_t namesAtOnce = 2;                       // in one read of a listing
   std::size_t looksUp = 0, looksAt = 0, forgotten = 0;
 
   Look lookUp(const fsf_fid& folder, const std::string& name) override {
