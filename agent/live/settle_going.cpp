@@ -74,8 +74,9 @@ void SettleGoing::takeNameFrom(Name bearer) {
 }
 
 // A row that nobody will ask for again. The row goes first, so that rows in a circle are met once.
-// A folder that was moved while it was scanned has two rows, and below each some of what it holds:
-// that goes to the other row, and a listing finds the rest.
+// A folder that was moved while it was scanned has two rows, and below each some of what it holds.
+// That goes to the other row; but records have spoken of only one of the two since the scan, so all
+// of it is asked for.
 void SettleGoing::drop(const Name& name) {
   const bool isFolder = name.type == kFolder;
   if (isFolder) rows_.FlushAllJournals();
@@ -85,7 +86,7 @@ void SettleGoing::drop(const Name& name) {
   if (!isFolder) return;
   for (const Name& child : rows_.childrenOf(name.inode))
     other ? handOver(child, other->inode) : takeNameFrom(child);
-  if (other) work_.disk.list(name.fid);
+  if (other) work_.askForContents(*other);
 }
 
 void SettleGoing::handOver(const Name& child, unsigned long long folder) {

@@ -73,6 +73,23 @@ TEST_F(SettleTest, AFileThatMovedIntoAFolderWithTwoRowsStandsThereOnce) {
   expectPaired();
 }
 
+// Records speak of the last row; what the first one held may have gone meanwhile.
+TEST_F(SettleTest, OfAFolderWithTwoRowsAllIsAskedForWhenOneGoes) {
+  StatFidName_s before = entry("d", 'D', kDirectory), after = entry("e", 'D', kDirectory);
+  StatFidName_s inFirst = entry("a", 'A', kRegular), inLast = entry("b", 'B', kRegular);
+  db.Insert(&before, 1, 7);
+  db.Insert(&after, 1, 7);
+  db.Insert(&inFirst, 2, 7);
+  db.Insert(&inLast, 3, 7);
+  EXPECT_EQ(absent('D', "a", 'A'), Result::kNothing) << "the last row does not hold it";
+  folderAbsent('R', "d", 'D', 2);
+  EXPECT_THAT(written(), ElementsAre(kRoot, "3|1|e", "4|3|a", "5|3|b"));
+  EXPECT_THAT(disk.asked, ElementsAre("look D/a", "look D/b", "list D"));
+  EXPECT_EQ(absent('D', "a", 'A'), Result::kApplied);
+  EXPECT_THAT(written(), ElementsAre(kRoot, "3|1|e", "5|3|b"));
+  expectPaired();
+}
+
 TEST_F(SettleTest, AFileWithTwoLinksAtANewNameGetsAFurtherRow) {
   present('R', "a", 'A');
   present('R', "b", 'A', {.links = 2});
