@@ -52,6 +52,7 @@ struct Translator::Said {
   std::map<fsf_fid, Look> objects;
   std::set<Name> namesSaid;
   std::set<fsf_fid> objectsSaid;
+  std::set<std::pair<fsf_fid, fsf_fid>> foldersOfObjects;  // where they were said to be
   std::set<fsf_fid> attributesChanged;  // what had ATTRIB: may have been a stub until now
 };
 
@@ -240,11 +241,12 @@ void Translator::sayName(const Name& name, const fsf_fid& lost, bool wasFolder) 
     sayAbsent(name, lost, wasFolder);
 }
 
-// With each name anew: after the first one, outside of a volume perhaps, nobody knew the file
-// there.
+// In each folder anew: the one before lies outside of a volume perhaps, and then nobody there knew
+// the file yet.
 void Translator::sayPresent(const Name& name, const Look& look, bool listed) {
   output_.record(presentRecord(foundName(name), fileOf(look), listed));
-  said_->objectsSaid.erase(look.fid);
+  if (said_->foldersOfObjects.emplace(look.fid, name.first).second)
+    said_->objectsSaid.erase(look.fid);
   sayAttributes(look.fid);
 }
 

@@ -67,11 +67,11 @@ void SettleAttributes::compare(const FlrJrnCommandRaw& record) {
   const bool isRelinked = changesLinks(r.fid, st.st_nlink, RecordMask(record.mask));
   if (isRelinked) noteLinks(r.fid, RecordMask(record.mask), record.timestamp);
   if (differsInContent(st, r)) {
-    work_.noteChanged(r.fid, record);
+    work_.noteChanged(r.fid, record.seq_num);
     return work_.apply(record);
   }
   if (st.st_blocks != static_cast<blkcnt_t>(r.blocks)) updateBlocks(r);
-  if (isRelinked) return;  // which brings the change time, too
+  if (isRelinked) return;
   if (differ(st.st_ctime, r.ctime.tv_sec)) return changeTimeAlone(record, st, stamp);
   if (differ(st.st_atime, r.atime.tv_sec)) return work_.apply(accessTimeAlone(record));
   if (!work_.hasApplied()) ++work_.counts.unchanged;
@@ -94,7 +94,8 @@ bool SettleAttributes::changesLinks(const fsf_fid& fid, nlink_t stored, RecordMa
 void SettleAttributes::changeTimeAlone(const FlrJrnCommandRaw& record, struct stat& st,
                                        unsigned long stamp) {
   const FlrJrnSetAttrRaw& r = record.u.setattr;
-  work_.noteChanged(r.fid, record);
+  if (links_.contains(r.fid)) return work_.noteApplied();  // it comes with the link count
+  work_.noteChanged(r.fid, record.seq_num);
   // The stamp must not go back, nor stay behind what readers have asked for.
   if (record.timestamp < static_cast<std::uint32_t>(stamp) || !rows_.wasOpenAt(record.timestamp)) {
     st.st_ctime = r.ctime.tv_sec;
@@ -120,14 +121,26 @@ void SettleAttributes::stub(const FlrJrnCommandRaw& record) {
   const fsf_fid& fid = isStub ? record.u.stub.fid : record.u.unstub.fid;
   if (!isStub && rows_.createdOf(fid)) return;
   work_.write(fid);
+  const StubState state{isStub, record.timestamp, record.seq_num};
+  if (rows_.namesOf(fid, kFewNames).size() < kFewNames) return writeStub(fid, state);
+  stubs_.insert_or_assign(fid, state);
+  noteHeldBack();
+}
+
+void SettleAttributes::writeStub(const fsf_fid& fid, const StubState& state) {
   const auto names = rows_.namesOf(fid);
-  const auto isRight = [&](const Name& name) { return (name.type == kStub) == isStub; };
+  const auto isRight = [&](const Name& name) { return (name.type == kStub) == state.isStub; };
   if (std::ranges::all_of(names, isRight)) {
     ++work_.counts.unchanged;
     return;
   }
-  work_.noteChanged(fid, record);
-  work_.apply(record);
+  work_.noteChanged(fid, state.number);
+  const auto time = static_cast<int>(state.time);
+  if (state.isStub)
+    rows_.Stub({.fid = fid, .meta = ""}, time);
+  else
+    rows_.UnStub({.fid = fid}, time);
+  work_.noteApplied();
 }
 
 void SettleAttributes::noteLinks(const fsf_fid& fid, RecordMask mask, unsigned time) {
@@ -140,12 +153,22 @@ void SettleAttributes::noteLinks(const fsf_fid& fid, unsigned links, unsigned ti
     work_.write(fid);
   }
   links_[fid] = {links, time};
+  noteHeldBack();
+}
+
+void SettleAttributes::noteHeldBack() {
   work_.noteApplied();
-  if (links_.size() >= kMostHeldBack) writeHeldBack();
+  if (links_.size() + stubs_.size() >= kMostHeldBack) writeHeldBack();
 }
 
 void SettleAttributes::writeHeldBack() {
+  for (const auto& [fid, state] : std::exchange(stubs_, {})) writeStub(fid, state);
   for (const auto& [fid, links] : std::exchange(links_, {})) writeLinks(fid, links);
+}
+
+void SettleAttributes::forgetHeldBack(const fsf_fid& fid) {
+  links_.erase(fid);
+  stubs_.erase(fid);
 }
 
 void SettleAttributes::writeLinks(const fsf_fid& fid, const Links& links) {

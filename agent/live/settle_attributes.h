@@ -25,10 +25,12 @@ class SettleAttributes {
   void stub(const FlrJrnCommandRaw& record);
 
   // A link count stands in every row of a file and may change with each of its names; so it is held
-  // back.
+  // back. So is, for files with several names, whether they are stubs, which is told as often.
   void noteLinks(const fsf_fid& fid, RecordMask mask, unsigned time);
   void noteLinks(const fsf_fid& fid, unsigned links, unsigned time);
   void writeHeldBack();
+  // A file that nobody knows begins anew, also when its identifier was another one's.
+  void forgetHeldBack(const fsf_fid& fid);
 
   // The file was brought in by a listing, and the next record will tell how it is.
   void noteListed(const fsf_fid& fid) { justListed_ = fid; }
@@ -39,6 +41,11 @@ class SettleAttributes {
   struct Links {
     unsigned count, time;
   };
+  struct StubState {
+    bool isStub;
+    unsigned time;
+    unsigned long long number;  // of the record
+  };
 
   void compare(const FlrJrnCommandRaw& record);
   void updateBlocks(const FlrJrnSetAttrRaw& seen);
@@ -46,10 +53,14 @@ class SettleAttributes {
   void changeTimeAlone(const FlrJrnCommandRaw& record, struct stat& st, unsigned long stamp);
   void stampListed(const fsf_fid& fid);
   void writeLinks(const fsf_fid& fid, const Links& links);
+  void writeStub(const fsf_fid& fid, const StubState& state);
+  void noteHeldBack();
 
   Settling& work_;
   LiveCatalogue& rows_;
-  std::map<fsf_fid, Links> links_;  // to be written
+  // To be written.
+  std::map<fsf_fid, Links> links_;
+  std::map<fsf_fid, StubState> stubs_;
   fsf_fid justListed_{};
 };
 

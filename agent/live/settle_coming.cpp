@@ -65,6 +65,7 @@ bool SettleComing::makeWay(unsigned long long folder, const NamedFile& found, bo
 
 void SettleComing::takeUnknown(const NamedFile& found, unsigned long long folder,
                                const FlrJrnCommandRaw& record) {
+  attributes_.forgetHeldBack(found.file);
   work_.apply(record);
   rows_.noteName(folder, found.name, found.file, 0);
   work_.noteAdded(found.file, folder, found.name, record);

@@ -44,8 +44,8 @@ void Settling::noteAdded(const fsf_fid& fid, unsigned long long folder, const st
   tell(CatalogueChange::Kind::kAdded, folder, name);
 }
 
-void Settling::noteChanged(const fsf_fid& fid, const FlrJrnCommandRaw& record) {
-  if (added_ == fid && record.seq_num - addedBy_ <= 2) return;
+void Settling::noteChanged(const fsf_fid& fid, std::uint64_t number) {
+  if (added_ == fid && number - addedBy_ <= 2) return;
   ++counts.changed;
   tellOf(fid, CatalogueChange::Kind::kChanged);
 }

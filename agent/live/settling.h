@@ -81,7 +81,8 @@ class Settling {
 
   void noteAdded(const fsf_fid& fid, unsigned long long folder, const std::string& name,
                  const FlrJrnCommandRaw& record);
-  void noteChanged(const fsf_fid& fid, const FlrJrnCommandRaw& record);
+  // By the record of that number.
+  void noteChanged(const fsf_fid& fid, std::uint64_t number);
   void tell(CatalogueChange::Kind kind, unsigned long long folder, const std::string& name);
 
  private:

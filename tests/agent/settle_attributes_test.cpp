@@ -268,9 +268,50 @@ TEST_F(SettleAttributesTest, AStubThatIsOneAlreadyChangesNothing) {
 TEST_F(SettleAttributesTest, EveryNameOfAFileBecomesAStub) {
   giveFurtherName();
   stub('A');
+  settle.writeHeldBack();
   EXPECT_THAT(types(), ElementsAre(kStubFile, kStubFile));
   unstub('A');
+  settle.writeHeldBack();
   EXPECT_THAT(types(), ElementsAre(kPlain, kPlain));
+}
+
+// Told with each of a thousand names, it would be looked up in all thousand rows each time.
+TEST_F(SettleAttributesTest, WhetherAFileOfSeveralNamesIsAStubIsHeldBack) {
+  giveFurtherName();
+  EXPECT_EQ(stub('A'), Result::kApplied);
+  EXPECT_EQ(unstub('A'), Result::kApplied);
+  EXPECT_THAT(types(), ElementsAre(kPlain, kPlain)) << "the last one counts";
+  EXPECT_EQ(settle.counts().changed, 0u);
+}
+
+TEST_F(SettleAttributesTest, RowsOfWhichOnlySomeAreStubsBecomeEqual) {
+  giveFurtherName();
+  run("UPDATE FILES SET FILE_TYPE=8 WHERE INODE=3");
+  unstub('A');
+  settle.writeHeldBack();
+  EXPECT_THAT(types(), ElementsAre(kPlain, kPlain));
+}
+
+TEST_F(SettleAttributesTest, WhatWasHeldBackIsNotForTheNextFileOfThatIdentifier) {
+  giveFurtherName();
+  stub('A');
+  EXPECT_EQ(linkCount(fidOf('A'), 0), Result::kApplied);
+  present('R', "new", 'A');
+  settle.writeHeldBack();
+  EXPECT_THAT(types(), ElementsAre(kPlain));
+}
+
+TEST_F(SettleAttributesTest, ChangeTimesOfAFileThatGainsNamesWaitForItsLinkCount) {
+  giveFurtherName();
+  present('R', "c", 'A', {.links = 3, .ctime = 4001});
+  EXPECT_EQ(attributesOf('A', {.links = 3, .ctime = 4001}), Result::kApplied);
+  attributesOf('A', {.links = 3, .ctime = 4002});
+  EXPECT_THAT(DatabaseView(filesPath).rows("SELECT CTIME FROM FILES WHERE INODE=2"),
+              ElementsAre("3000"));
+  settle.writeHeldBack();
+  written();
+  EXPECT_THAT(DatabaseView(filesPath).rows("SELECT CTIME FROM FILES WHERE INODE>1"),
+              ElementsAre("4002", "4002", "4002"));
 }
 
 TEST_F(SettleAttributesTest, APendingFileBecomesAStub) {
@@ -332,6 +373,13 @@ TEST_F(SettleAttributesTest, AnUpdateThatFailsIsToldAndCounted) {
 
 TEST_F(SettleAttributesTest, ALinkCountThatCannotBeWrittenThrows) {
   attributesOf('A', {.links = 2});
+  refuseUpdates();
+  EXPECT_THROW(settle.writeHeldBack(), UDCException);
+}
+
+TEST_F(SettleAttributesTest, AStubOfSeveralNamesThatCannotBeWrittenThrows) {
+  giveFurtherName();
+  stub('A');
   refuseUpdates();
   EXPECT_THROW(settle.writeHeldBack(), UDCException);
 }

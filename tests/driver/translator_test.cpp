@@ -317,9 +317,19 @@ const Row kMerged[] = {
        v.rename("a", "b");
        v.link("b", "a");
      },
-     // With each name, because the first may lie outside of the volume.
-     {"CREATE /:b=A x2", "SETATTR A x2", "UNSTUB A x2", "CREATE /:a=A x2", "SETATTR A x2",
-      "UNSTUB A x2", "SETATTR / x2"}},
+     {"CREATE /:b=A x2", "SETATTR A x2", "UNSTUB A x2", "CREATE /:a=A x2", "SETATTR / x2"}},
+    // In each folder, because the first may lie outside of the volume.
+    {"LinksInTwoFolders",
+     [](FakeVolume& v) {
+       v.mkdir("d");
+       v.create("a");
+     },
+     [](FakeVolume& v) {
+       v.link("a", "d/x");
+       v.link("a", "b");
+     },
+     {"CREATE A:x=B x3", "SETATTR B x3", "UNSTUB B x3", "CREATE /:b=B x3", "SETATTR B x3",
+      "UNSTUB B x3", "SETATTR A x2", "SETATTR / x3"}},
     {"FolderComesAndGoesWithAFileInIt",
      nothing,
      [](FakeVolume& v) {
