@@ -199,7 +199,7 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   // Where the settings say nothing, larger pages than the library's own default: a scan is faster.
   KDPlatformInfo::setDefault("DataClassification", "SqlitePageSize", "4096");
   // And fewer entries held back: the walk goes on while they are written, and they are small.
-  KDPlatformInfo::setDefault("DataClassification", "SortedInsertMapSize", "20000");
+  KDPlatformInfo::setDefault("DataClassification", "SortedInsertMapSize", "2000");
   const long long since = changes->parsed() ? readWhen(words.since) : 0;
   startLogging(words.options.verbosity);
   if (scan->parsed()) return runScan(words.options, words.volume);

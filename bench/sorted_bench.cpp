@@ -125,7 +125,7 @@ void Sorted(benchmark::State& state) {
   fill<DCSqliteDBSortedInsert>(state);
 }
 void Scan(benchmark::State& state) {
-  KDPlatformInfo::setDefault("DataClassification", "SortedInsertMapSize", "20000");
+  KDPlatformInfo::setDefault("DataClassification", "SortedInsertMapSize", "2000");
   fill<kddc::ScanCatalogue>(state);
 }
 void BarePlainSql(benchmark::State& state) {

@@ -289,6 +289,10 @@ class KDDC_API DCSqliteDB {
   std::list<unsigned long long> subFolderList;  // folders that a walk has still to look into
   std::unique_ptr<UDC_DBMS> filesDb;
   std::unique_ptr<UDC_DBMS> fidDb;
+  // Rows are inserted as they shall be in the end, instead of with placeholders that the next
+  // statement overwrites: for databases that nobody reads before all of them is written, and that
+  // are thrown away when that fails.
+  bool writesWholeRows = false;
 
   // Prepares `statement` on first use and begins an execution of it. Throws type 1 when the
   // catalogue is not open.

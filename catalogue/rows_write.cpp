@@ -184,18 +184,18 @@ int DCSqliteDB::InsertFile(StatFidName_s* entry, unsigned long long parentInode,
       *fileType = stubOr(*fileType, hsm, st, entry->fid, kInsertFile.tag);
 
     // A row that was cut off before its size came shows the placeholder instead of a wrong size.
-    const bool folder = *fileType == kFolder;
+    const bool whole = *fileType == kFolder || writesWholeRows;
     time_t changed = std::max(st.st_mtime, st.st_ctime);
     if (changed < openTime) changed = time(nullptr);  // new to us, so it counts as changed now
     const std::string name = mbeToUtf(entry->name.c_str());
     int result = run(statements_->insertFile, filesDb, kInsertFile)
                      .bindAt(14, fidRowId != 0 ? fidRowId : kPlaceholder)
                      .bind(parentInode, int32(st.st_mode), int32(st.st_nlink), int32(st.st_uid),
-                           int32(st.st_gid), folder ? int64(st.st_size) : kPlaceholder,
-                           folder ? int64(st.st_blocks) : kPlaceholder, int32(st.st_atime),
+                           int32(st.st_gid), whole ? int64(st.st_size) : kPlaceholder,
+                           whole ? int64(st.st_blocks) : kPlaceholder, int32(st.st_atime),
                            int32(st.st_mtime), int32(st.st_ctime), int32(changed), *fileType, name)
                      .write();
-    if (!folder)
+    if (!whole)
       result =
           UpdateSizeAndBlocks(filesDb->LastInsertRowId(), int64(st.st_size), int64(st.st_blocks));
     return result;
@@ -206,10 +206,12 @@ int DCSqliteDB::InsertFid(const fsf_fid* fid, unsigned long long filesRowId, int
   return logged(kInsertFid.tag, [&] {
     // The placeholder is overwritten at once: a finished row has sequence number 0.
     const auto& [fid1, fid2, fid3, fid4] = columnsOf(*fid);
-    run(statements_->insertFid, fidDb, kInsertFid)
-        .bindAt(6, fileType == kFolder ? kPlaceholder : 0ULL)
-        .bind(filesRowId, fid1, fid2, fid3, fid4)
-        .write();
+    const bool whole = fileType != kFolder || writesWholeRows;
+    const int result = run(statements_->insertFid, fidDb, kInsertFid)
+                           .bindAt(6, whole ? 0ULL : kPlaceholder)
+                           .bind(filesRowId, fid1, fid2, fid3, fid4)
+                           .write();
+    if (writesWholeRows) return result;
     return UpdateSeqNum(fidDb->LastInsertRowId(), 0);
   });
 }

@@ -3,7 +3,7 @@
 //
 // Entries on their way from the walk to the catalogue: batches, and a short queue of them.
 //
-//   walking thread ─► push ─► [batch][batch]... at most 32 ─► pop ─► inserting thread
+//   walking thread ─► push ─► [batch][batch]... at most 128 ─► pop ─► inserting thread
 //
 // Whoever is slower sets the pace, so what waits is memory for nothing, but for one thing: the
 // inserting side stops from time to time to write what it held back, and the walk goes on
@@ -68,7 +68,7 @@ class BatchQueue {
   void stop() { end(stopped_); }
 
  private:
-  static constexpr std::size_t kMost = 32;
+  static constexpr std::size_t kMost = 128;
 
   void end(bool& flag) {
     const std::lock_guard lock(mutex_);

@@ -53,7 +53,9 @@ Failure scanInterrupted(const std::string& volumePath) {
 
 WalkCounts fullScan(UniqueFd volume, const std::string& volumePath, const WalkOptions& options,
                     ScanCatalogue& catalogue, const ScanProgress& progress) {
-  WalkThread walk(std::move(volume), volumePath, options, {.check = [&] {
+  WalkOptions helped = options;
+  helped.helped = true;  // inserting takes less than walking: there is time left
+  WalkThread walk(std::move(volume), volumePath, helped, {.check = [&] {
                     if (interrupted()) throw scanInterrupted(volumePath);
                   }});
   Consumer consumer(catalogue, progress);

@@ -48,10 +48,12 @@ void watch(UDC_DBMS& db, std::function<bool()>* tick) {
 void ScanCatalogue::beginBuild() {
   filesIndex_ = beginBuildOf(*filesDb);
   fidsIndex_ = beginBuildOf(*fidDb);
+  writesWholeRows = true;
 }
 
 void ScanCatalogue::endBuild() {
   FlushAllFids();
+  writesWholeRows = false;
   watch(*filesDb, nullptr);  // the tick is not for two threads
   auto files = std::async(std::launch::async, [&] { endBuildOf(*filesDb, filesIndex_); });
   endBuildOf(*fidDb, fidsIndex_);

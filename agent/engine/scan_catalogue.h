@@ -7,6 +7,7 @@
 //
 //   not journaled and not forced to the disk     there is nothing to go back to
 //   one transaction                              a page is written once, when it is full
+//   without placeholders                         a row takes three statements instead of five
 //   without their indexes                        to sort all rows in the end costs a third
 //   with small caches                            rows only ever go to the end of a table
 //

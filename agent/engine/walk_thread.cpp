@@ -7,7 +7,7 @@
 namespace kddc {
 namespace {
 
-constexpr std::size_t kBatchEntries = 1000;
+constexpr std::size_t kBatchEntries = 250;
 
 // Leaves the walk when nobody wants its entries any more.
 struct NotWanted {};
