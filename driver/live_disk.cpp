@@ -257,9 +257,11 @@ Look LiveDisk::examine(int fd, bool byName) const {
   if (S_ISLNK(look.st.st_mode)) {
     if (const int result = readLink(fd, look.linkText); result < 0) return failed(-result);
   }
-  const int isStub = carriesStubAttribute(fd, stubAttribute_);
-  if (isStub < 0) return failed(-isStub);
-  look.isStub = isStub == 1;
+  if (S_ISREG(look.st.st_mode)) {
+    const int isStub = regularCarriesStubAttribute(fd, stubAttribute_);
+    if (isStub < 0) return failed(-isStub);
+    look.isStub = isStub == 1;
+  }
   return look;
 }
 

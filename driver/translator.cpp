@@ -10,6 +10,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "driver/found_records.h"
 
@@ -46,14 +50,20 @@ FoundName foundName(const std::pair<fsf_fid, std::string>& name) {
 
 }  // namespace
 
+struct Translator::NameHash {
+  std::size_t operator()(const Name& name) const {
+    return FidHash()(name.first) ^ std::hash<std::string>()(name.second);
+  }
+};
+
 // What was looked at and said in the batch under way.
 struct Translator::Said {
-  std::map<Name, Look> names;
-  std::map<fsf_fid, Look> objects;
-  std::set<Name> namesSaid;
-  std::set<fsf_fid> objectsSaid;
+  std::unordered_map<Name, Look, NameHash> names;
+  std::unordered_map<fsf_fid, Look, FidHash> objects;
+  std::unordered_set<Name, NameHash> namesSaid;
+  std::unordered_set<fsf_fid, FidHash> objectsSaid;
   std::set<std::pair<fsf_fid, fsf_fid>> foldersOfObjects;  // where they were said to be
-  std::set<fsf_fid> attributesChanged;  // what had ATTRIB: may have been a stub until now
+  std::unordered_set<fsf_fid, FidHash> attributesChanged;  // ATTRIB: may have been a stub until now
 };
 
 class Translator::Batch {
@@ -180,18 +190,20 @@ void Translator::noop() {
 }
 
 const Look& Translator::lookedUp(const Name& name) {
-  const auto known = said_->names.find(name);
-  if (known != said_->names.end()) return known->second;
-  const Look& look = said_->names[name] = disk_.lookUp(name.first, name.second);
+  const auto [known, isNew] = said_->names.try_emplace(name);
+  Look& look = known->second;
+  if (!isNew) return look;
+  look = disk_.lookUp(name.first, name.second);
   if (look.sight == Sight::kUnknown) output_.failedLook(look.error);
   if (look.sight == Sight::kThere) said_->objects.emplace(look.fid, look);
   return look;
 }
 
 const Look& Translator::lookedAt(const fsf_fid& fid) {
-  const auto known = said_->objects.find(fid);
-  if (known != said_->objects.end()) return known->second;
-  const Look& look = said_->objects[fid] = disk_.lookAt(fid);
+  const auto [known, isNew] = said_->objects.try_emplace(fid);
+  Look& look = known->second;
+  if (!isNew) return look;
+  look = disk_.lookAt(fid);
   if (look.sight == Sight::kUnknown) output_.failedLook(look.error);
   return look;
 }

@@ -48,9 +48,7 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
-#include <set>
 #include <span>
 #include <string>
 #include <utility>
@@ -110,6 +108,7 @@ class Translator {
 
  private:
   using Name = std::pair<fsf_fid, std::string>;
+  struct NameHash;
   struct Said;  // what was looked at and said in the batch under way
   class Batch;  // its life
 

@@ -123,7 +123,10 @@ std::string kddc::stubAttribute() {
 int kddc::carriesStubAttribute(int fd, const std::string& attribute) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) return -errno;
-  if (!S_ISREG(st.st_mode)) return 0;
+  return S_ISREG(st.st_mode) ? regularCarriesStubAttribute(fd, attribute) : 0;
+}
+
+int kddc::regularCarriesStubAttribute(int fd, const std::string& attribute) {
   // fgetxattr refuses O_PATH descriptors; the way through /proc does not.
   const std::string path = "/proc/self/fd/" + std::to_string(fd);
   if (::getxattr(path.c_str(), attribute.c_str(), nullptr, 0) >= 0) return 1;

@@ -16,5 +16,7 @@ std::string stubAttribute();
 // negative errno on failure. To a process without CAP_SYS_ADMIN the kernel shows no "trusted."
 // attribute, so such a process sees no stubs.
 int carriesStubAttribute(int fd, const std::string& attribute);
+// The same for what is known to be a regular file.
+int regularCarriesStubAttribute(int fd, const std::string& attribute);
 
 }  // namespace kddc

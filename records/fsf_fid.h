@@ -15,7 +15,10 @@
 // null anywhere.
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <string>
+#include <string_view>
 
 #include "platform/export.h"
 #include "platform/file_id.h"
@@ -45,6 +48,14 @@ KDDC_API void GetBlobForInt(const unsigned long long* in, fsf_fid* out) noexcept
 KDDC_API int GetFileType(unsigned int mode) noexcept;
 
 namespace kddc {
+
+// For unordered containers, which find an identifier in less time than ordered ones compare it.
+struct FidHash {
+  std::size_t operator()(const fsf_fid& fid) const noexcept {
+    return std::hash<std::string_view>()(
+        {reinterpret_cast<const char*>(fid.data), sizeof fid.data});
+  }
+};
 
 // The text form as a string, for log lines.
 inline std::string fid2str(const fsf_fid& fid) {

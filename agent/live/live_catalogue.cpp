@@ -77,10 +77,6 @@ std::string_view columnText(sqlite3_stmt* row, int column) {
 
 }  // namespace
 
-std::size_t LiveCatalogue::FidHash::operator()(const fsf_fid& fid) const {
-  return std::hash<std::string_view>()({reinterpret_cast<const char*>(fid.data), sizeof fid.data});
-}
-
 bool LiveCatalogue::OpenHandle(bool readOnly, bool openFlag) {
   if (!CumulativeJournal::OpenHandle(readOnly, openFlag)) return false;
   for (const auto& database : {filesDb.get(), fidDb.get()})

@@ -114,10 +114,6 @@ class LiveCatalogue : public CumulativeJournal {
   void CloseHandle(unsigned long refTime, bool keepUngraceful) override;
 
  private:
-  struct FidHash {
-    std::size_t operator()(const fsf_fid& fid) const;
-  };
-
   void forgetRolledBack();
   std::optional<Name> rowOf(unsigned long long inode);
   Name nameFrom(sqlite3_stmt* row);
