@@ -14,6 +14,8 @@ namespace {
 
 // Deep trees with long names would fill the memory with paths that are hardly asked for again.
 constexpr std::size_t kMostKnownBytes = 64 * 1024 * 1024;
+// Deeper than most trees: only from here on a climb looks out for folders in a circle.
+constexpr std::size_t kDeep = 32;
 
 }  // namespace
 
@@ -55,7 +57,8 @@ std::optional<std::vector<FolderPaths::Step>> FolderPaths::climb(std::int64_t in
       return steps;
     }
     parentOf_.bind(inode);
-    if (!passed.insert(inode).second || !parentOf_.step() || parentOf_.integer(2) != kFolder)
+    const bool isCircle = steps.size() > kDeep && !passed.insert(inode).second;
+    if (isCircle || !parentOf_.step() || parentOf_.integer(2) != kFolder)
       throw UDCException("FolderPaths", 3, SQLITE_CORRUPT,
                          fmt::format("row {} has no way up to the volume's root", inode));
     const std::int64_t parent = parentOf_.integer(0);
