@@ -10,6 +10,7 @@
 
 #include "platform/unique_fd.h"
 #include "tests/support/fake_manager.h"
+#include "tests/support/unread_pipe.h"
 #include "tests/support/watch_fixture.h"
 
 namespace kddc::test {
@@ -94,16 +95,12 @@ TEST_F(WatchService, FeedsTheWatchdogWhileItIsIdleAndWhileItCatchesUp) {
 
 // Printing into a pipe that nobody reads holds the database thread.
 TEST_F(WatchService, StarvesTheWatchdogWhenTheDatabaseThreadHangs) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const UniqueFd reader(ends[0]);
-  UniqueFd writer(ends[1]);
-  fcntl(reader.get(), F_SETPIPE_SZ, 4096);
+  UnreadPipe printed;
   const auto program = launch({volume, "--print"}, [&] {
-    dup2(writer.get(), STDOUT_FILENO);
+    printed.asOutput()();
     manager.prepareChild("400000");
   });
-  writer.reset();
+  ASSERT_EQ(printed.line(), "ready\n");
   ASSERT_TRUE(manager.waitFor("READY=1"));
   for (int i = 0; i < 1000; ++i) write("file " + std::to_string(i));
   // Two seconds without a sign of life are five times as long as the manager waits.
@@ -117,11 +114,8 @@ TEST_F(WatchService, StarvesTheWatchdogWhenTheDatabaseThreadHangs) {
   EXPECT_TRUE(starved);
   // It goes on when the thread does.
   const std::size_t mark = manager.told().size();
-  fcntl(reader.get(), F_SETFL, O_NONBLOCK);
-  char text[4096];
   EXPECT_TRUE(program->waitUntil([&] {
-    while (read(reader.get(), text, sizeof text) > 0) {
-    }
+    printed.drain();
     const auto& told = manager.told();
     return std::find(told.begin() + static_cast<std::ptrdiff_t>(mark), told.end(), "WATCHDOG=1") !=
            told.end();

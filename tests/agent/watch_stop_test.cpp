@@ -2,10 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // How kddc watch ends, and what the next one finds.
-#include <fcntl.h>
-#include <unistd.h>
-
-#include "platform/unique_fd.h"
+#include "tests/support/unread_pipe.h"
 #include "tests/support/watch_fixture.h"
 
 namespace kddc::test {
@@ -125,18 +122,11 @@ TEST_F(WatchStop, AfterACrashItComparesKeepsInodesAndGivesNoNumberTwice) {
   EXPECT_GT(numbers().next, kFarAhead);
 }
 
-// Printing into a pipe that nobody reads holds the database thread, so that it surely drains.
+// A pipe that nobody reads holds the database thread, so that it surely still drains.
 TEST_F(WatchStop, ASecondSignalSavesTheQueueInsteadOfDrainingIt) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const UniqueFd reader(ends[0]);
-  UniqueFd writer(ends[1]);
-  fcntl(reader.get(), F_SETPIPE_SZ, 4096);
-  const auto program = launch({volume, "--print"}, [&] { dup2(writer.get(), STDOUT_FILENO); });
-  writer.reset();
-  char text[4096];
-  ASSERT_EQ(read(reader.get(), text, sizeof text), 6);
-  ASSERT_EQ(std::string(text, 6), "ready\n");
+  UnreadPipe printed;
+  const auto program = launch({volume, "--print"}, printed.asOutput());
+  ASSERT_EQ(printed.line(), "ready\n");
 
   ASSERT_EQ(marks(*program), 1U);
   for (int i = 0; i < 2000; ++i) write("file " + std::to_string(i));
@@ -158,14 +148,10 @@ TEST_F(WatchStop, ASecondSignalSavesTheQueueInsteadOfDrainingIt) {
 }
 
 TEST_F(WatchStop, AReaderThatHasSeenEnoughEndsIt) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  UniqueFd reader(ends[0]), writer(ends[1]);
-  const auto program = launch({volume, "--print"}, [&] { dup2(writer.get(), STDOUT_FILENO); });
-  writer.reset();
-  char text[6];
-  ASSERT_EQ(read(reader.get(), text, sizeof text), 6);
-  reader.reset();
+  UnreadPipe printed;
+  const auto program = launch({volume, "--print"}, printed.asOutput());
+  ASSERT_EQ(printed.line(), "ready\n");
+  printed.closeReader();
   write("file");
   const Outcome outcome = program->finish();
   EXPECT_EQ(outcome.exitCode, 0) << outcome;

@@ -2,13 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Several volumes on several file systems, kept by one kddc watch.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <sstream>
 #include <thread>
 
-#include "platform/unique_fd.h"
+#include "tests/support/unread_pipe.h"
 #include "tests/support/watch_fixture.h"
 
 namespace kddc::test {
@@ -117,16 +114,9 @@ TEST_F(WatchVolumes, ARestartComparesBothAndNumbersGoOnForEach) {
 }
 
 TEST_F(WatchVolumes, ASecondSignalSavesTheRecordsOfBoth) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const UniqueFd reader(ends[0]);
-  UniqueFd writer(ends[1]);
-  fcntl(reader.get(), F_SETPIPE_SZ, 4096);
-  const auto program =
-      launch({volume, second, "--print"}, [&] { dup2(writer.get(), STDOUT_FILENO); });
-  writer.reset();
-  char text[4096];
-  ASSERT_EQ(read(reader.get(), text, 6), 6);
+  UnreadPipe printed;
+  const auto program = launch({volume, second, "--print"}, printed.asOutput());
+  ASSERT_EQ(printed.line(), "ready\n");
   for (int i = 0; i < 500; ++i) {
     write(volume + "/file " + std::to_string(i));
     write(second + "/file " + std::to_string(i));

@@ -3,6 +3,7 @@
 //
 // The file system of the catalogue, or that of the queue, is full for a while.
 #include "tests/faults/fault_fixture.h"
+#include "tests/support/unread_pipe.h"
 
 namespace kddc::faults {
 namespace {
@@ -74,17 +75,12 @@ TEST_F(DiskFull, OfTheQueueIsToldAndRecoversWhenThereIsRoomAgain) {
   state = *small / "state";
   options.catalogue = temp / "catalogue";
   options.state = state;
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  UniqueFd reader(ends[0]), writer(ends[1]);
-  fcntl(reader.get(), F_SETPIPE_SZ, 4096);
+  test::UnreadPipe printed;
   const auto program = launch({volume, "--print", "--catalogue", options.catalogue}, [&] {
-    dup2(writer.get(), STDOUT_FILENO);
+    printed.asOutput()();
     setenv("KELDARA_REGISTRY_ROOT", registry.path().c_str(), 1);
   });
-  writer.reset();
-  char text[1 << 16];
-  ASSERT_EQ(read(reader.get(), text, 6), 6);
+  ASSERT_EQ(printed.line(), "ready\n");
   const std::string balloon = inflate();
   growBy(rounds(60'000, 200'000), "more than the queue holds in memory");
   nap(500);
@@ -92,10 +88,7 @@ TEST_F(DiskFull, OfTheQueueIsToldAndRecoversWhenThereIsRoomAgain) {
   tell("told: ", told.dump());
   EXPECT_NE(told["state"], "live");
   fs::remove(balloon);
-  std::thread reading([&] {
-    while (read(reader.get(), text, sizeof text) > 0) {
-    }
-  });
+  std::thread reading([&] { printed.readOn(); });
   EXPECT_TRUE(comesTrue([&] { return stateName() == "live"; })) << status();
   EXPECT_FALSE(program->hasEnded()) << program->err();
   expectExact();

@@ -3,6 +3,7 @@
 //
 // What a process that was stopped has saved of its queue is damaged before the next one starts.
 #include "tests/faults/fault_fixture.h"
+#include "tests/support/unread_pipe.h"
 
 namespace kddc::faults {
 namespace {
@@ -22,17 +23,11 @@ struct SavedQueue : FaultTest {
     work(100);
     stop(*watch());
     before = inodes();
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    const UniqueFd reader(ends[0]);
-    UniqueFd writer(ends[1]);
-    fcntl(reader.get(), F_SETPIPE_SZ, 4096);
-    const auto program = launch({volume, "--print"}, [&] { dup2(writer.get(), STDOUT_FILENO); });
-    writer.reset();
-    char text[4096];
-    std::string printed;
-    while (!printed.ends_with("ready\n"))
-      printed.append(text, static_cast<std::size_t>(std::max(0L, ::read(reader.get(), text, 1))));
+    test::UnreadPipe printed;
+    const auto program = launch({volume, "--print"}, printed.asOutput());
+    while (printed.line() != "ready\n") {
+      ASSERT_FALSE(program->hasEnded()) << program->err();
+    }
     for (int i = 0; i < 400; ++i) write("file " + std::to_string(i));
     program->signal(SIGTERM);
     ASSERT_TRUE(program->waitUntil([&] { return marks(*program) == 0; }));
