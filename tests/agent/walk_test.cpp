@@ -4,91 +4,26 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <map>
 #include <set>
-#include <stdexcept>
-#include <thread>
-#include <utility>
+#include <string>
 
-#include "agent/errors.h"
 #include "platform/file_handle.h"
 #include "tests/support/loop_mount.h"
-#include "tests/support/temp_folder.h"
+#include "tests/support/walk_fixture.h"
 
 namespace kddc::test {
 namespace {
 
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
-
-// What a walk reported, with paths put together from the folders' numbers.
-struct Seen {
-  struct Entry {
-    struct stat st;
-    fsf_fid fid;
-    bool isStub;
-  };
-  std::map<std::string, Entry> entries;
-  std::vector<std::string> folders = {""};  // by number, with a "/" behind
-  WalkCounts counts;
-
-  void add(const WalkedEntry& entry) {
-    const std::string path =
-        entry.parent == 0 ? "." : folders.at(entry.parent) + std::string(entry.name);
-    if (!entries.insert({path, {entry.st, entry.fid, entry.isStub}}).second)
-      throw std::logic_error("reported twice: " + path);
-    if (S_ISDIR(entry.st.st_mode)) folders.push_back(entry.parent == 0 ? "" : path + "/");
-  }
-  std::vector<std::string> paths() const {
-    std::vector<std::string> paths;
-    for (const auto& [path, entry] : entries) paths.push_back(path);
-    return paths;
-  }
-};
-
-struct WalkTest : testing::Test {
-  TempFolder temp;
-  WalkOptions options{.stubAttribute = "user.stub", .leaveOut = {}, .openFolders = 128};
-
-  Seen walk() { return walk(temp.path()); }
-  Seen walk(const std::string& root) {
-    Seen seen;
-    seen.counts = walkTree(UniqueFd(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
-                           "/root", options, [&](const WalkedEntry& entry) { seen.add(entry); });
-    return seen;
-  }
-  void folder(const std::string& name) { std::filesystem::create_directories(temp / name); }
-};
-
-// Makes `depth` folders, one in the other, with `beside` more folders in each of them; returns the
-// number of folders. By descriptor: the paths are longer than the kernel takes.
-int makeDeep(const std::string& root, int depth, int beside) {
-  UniqueFd at(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  for (int i = 0; i < depth; ++i) {
-    for (int k = 0; k < beside; ++k) mkdirat(at.get(), ("x" + std::to_string(k)).c_str(), 0755);
-    if (mkdirat(at.get(), "d", 0755) != 0) throw std::runtime_error("mkdirat");
-    at.reset(openat(at.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  }
-  return depth * (beside + 1);
-}
-
-// The tools of the library cannot remove what is deeper than a path may be long.
-void removeDeep(const std::string& root) {
-  ASSERT_EQ(std::system(("rm -rf " + root + "/*").c_str()), 0);
-}
 
 TEST_F(WalkTest, EveryEntryIsReportedOnceBelowTheRoot) {
   folder("a/b/c");
@@ -274,163 +209,6 @@ TEST_F(WalkTest, AFileSystemWithoutUsableHandlesIsWalkedWithIdentifiersMadeOfIno
     EXPECT_EQ(seen.entries.at("a/file").fid.data[0], 0xff);
     EXPECT_EQ(seen.entries.at("a/file").fid.data[1], 8);
   }
-}
-
-TEST_F(WalkTest, TreesDeeperThanAnyPathAreWalkedToTheirEnd) {
-  const int folders = makeDeep(temp.path(), 2100, 0);
-  WalkCounts counts = walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/root",
-                               options, [](const WalkedEntry&) {});
-  removeDeep(temp.path());
-  EXPECT_EQ(counts.entries, static_cast<std::uint64_t>(folders) + 1);
-  EXPECT_EQ(counts.lostFolders, 0u);
-}
-
-TEST_F(WalkTest, DeepTreesWithSiblingsNeedNoMoreDescriptorsThanAllowed) {
-  const int folders = makeDeep(temp.path(), 600, 2);
-  options.openFolders = 4;
-  std::size_t most = 0;
-  const WalkCounts counts = walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)),
-                                     "/root", options, [&](const WalkedEntry&) {
-                                       std::size_t open = 0;
-                                       for (int fd = 0; fd < 256; ++fd)
-                                         open += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
-                                       most = std::max(most, open);
-                                     });
-  removeDeep(temp.path());
-  EXPECT_EQ(counts.entries, static_cast<std::uint64_t>(folders) + 1);
-  EXPECT_EQ(counts.lostFolders, 0u);
-  EXPECT_LE(most, 16u);
-}
-
-// Runs `work` in a child process with at most `limit` descriptors; its result is the exit code.
-int withDescriptors(rlim_t limit, const std::function<int()>& work) {
-  const pid_t child = fork();
-  if (child == 0) {
-    const rlimit value{limit, limit};
-    setrlimit(RLIMIT_NOFILE, &value);
-    alarm(60);
-    _exit(work());
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-TEST_F(WalkTest, AProcessWithFewDescriptorsWalksDeepTreesToo) {
-  const int folders = makeDeep(temp.path(), 300, 1);
-  const int result = withDescriptors(64, [&] {
-    const Seen seen = walk();
-    return seen.counts.entries == static_cast<std::uint64_t>(folders) + 1 ? 0 : 1;
-  });
-  removeDeep(temp.path());
-  EXPECT_EQ(result, 0);
-}
-
-TEST_F(WalkTest, DescriptorsThatRunOutAreGivenUpOneByOne) {
-  const int folders = makeDeep(temp.path(), 300, 1);
-  const int result = withDescriptors(64, [&] {
-    while (open("/dev/null", O_RDONLY) >= 0) {
-    }
-    for (int fd = 56; fd < 64; ++fd) close(fd);
-    const Seen seen = walk();
-    return seen.counts.entries == static_cast<std::uint64_t>(folders) + 1 ? 0 : 1;
-  });
-  removeDeep(temp.path());
-  EXPECT_EQ(result, 0);
-}
-
-TEST_F(WalkTest, AFolderThatCannotBeReadFailsTheWalkByName) {
-  if (geteuid() != 0) GTEST_SKIP() << "acts as another user";
-  folder("a/secret/below");
-  ASSERT_EQ(chmod(temp.path().c_str(), 0755), 0);
-  ASSERT_EQ(chmod((temp / "a/secret").c_str(), 0700), 0);
-  const int result = withDescriptors(1024, [&] {
-    if (setresuid(65534, 65534, 65534) != 0) return 2;
-    try {
-      walk();
-      return 1;
-    } catch (const Failure& e) {
-      return std::string(e.what()) == "cannot read /root/a/secret: Permission denied" ? 0 : 3;
-    }
-  });
-  EXPECT_EQ(result, 0);
-}
-
-TEST_F(WalkTest, AnExceptionOfTheSinkEndsTheWalk) {
-  folder("a/b");
-  struct Enough {};
-  EXPECT_THROW(walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/root",
-                        options, [](const WalkedEntry&) { throw Enough(); }),
-               Enough);
-}
-
-TEST_F(WalkTest, AFolderReplacedAfterItWasReportedIsNotEnteredForTheOldOne) {
-  folder("a/old");
-  folder("b/old");
-  Seen seen;
-  bool replaced = false;
-  seen.counts = walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/root",
-                         options, [&](const WalkedEntry& entry) {
-                           seen.add(entry);
-                           if (entry.parent < 2 || std::exchange(replaced, true)) return;
-                           const std::string inA = "a/";
-                           const std::string other =
-                               seen.folders.at(entry.parent) == inA ? "b" : "a";
-                           std::filesystem::rename(temp / other, temp / "gone");
-                           folder(other + "/new");
-                         });
-  EXPECT_TRUE(replaced);
-  EXPECT_FALSE(seen.entries.contains("a/new"));
-  EXPECT_FALSE(seen.entries.contains("b/new"));
-  EXPECT_EQ(seen.counts.lostFolders, 1u);
-}
-
-TEST_F(WalkTest, AFolderMovedAwayDuringItsOwnWalkIsFoundAgain) {
-  // Deep enough that the descriptor of "top" is given up before its second sub-folder is due.
-  folder("top");
-  folder("elsewhere");
-  folder("top/s0");
-  folder("top/s1");
-  makeDeep(temp / "top/s0", 20, 1);
-  makeDeep(temp / "top/s1", 20, 1);
-  options.openFolders = 4;
-  bool moved = false;
-  int depth = 0;
-  const WalkCounts counts =
-      walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/root", options,
-               [&](const WalkedEntry& entry) {
-                 if (entry.name == "d" && ++depth == 15 && !moved) {
-                   std::filesystem::rename(temp / "top", temp / "elsewhere/top");
-                   moved = true;
-                 }
-               });
-  EXPECT_TRUE(moved);
-  EXPECT_EQ(counts.entries, 1u + 1 + 1 + 2 + 40 + 40);
-  EXPECT_EQ(counts.lostFolders, 0u);
-}
-
-TEST_F(WalkTest, ATreeThatIsBeingRemovedIsWalkedWithoutFailure) {
-  for (int i = 0; i < 40; ++i)
-    for (int k = 0; k < 40; ++k) {
-      folder("f" + std::to_string(i) + "/g" + std::to_string(k % 8));
-      temp.write("f" + std::to_string(i) + "/g" + std::to_string(k % 8) + "/x" + std::to_string(k),
-                 "");
-    }
-  std::atomic<bool> started{false};
-  std::thread remover([&] {
-    started.wait(false);
-    std::error_code ignored;
-    for (int i = 0; i < 40; ++i)
-      std::filesystem::remove_all(temp / ("f" + std::to_string(i)), ignored);
-  });
-  alarm(60);  // the watchdog: the walk must end
-  EXPECT_NO_THROW(walkTree(UniqueFd(open(temp.path().c_str(), O_RDONLY | O_DIRECTORY)), "/root",
-                           options, [&](const WalkedEntry& entry) {
-                             if (entry.parent != 0 || started.exchange(true)) return;
-                             started.notify_one();
-                           }));
-  remover.join();
-  alarm(0);
 }
 
 }  // namespace
