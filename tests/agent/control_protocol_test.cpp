@@ -11,21 +11,12 @@
 #include "agent/control/protocol.h"
 #include "agent/control/volume_status.h"
 #include "agent/errors.h"
+#include "tests/support/failure_of.h"
 
 namespace kddc::test {
 namespace {
 
 using nlohmann::json;
-
-template <class Work>
-std::string failureOf(Work&& work) {
-  try {
-    work();
-    return "no failure";
-  } catch (const Failure& e) {
-    return e.what();
-  }
-}
 
 std::string refusalOf(const std::string& request) {
   return failureOf([&] { parseRequest(request); });

@@ -24,6 +24,7 @@
 #include "agent/control/client.h"
 #include "agent/control/server.h"
 #include "agent/errors.h"
+#include "tests/support/failure_of.h"
 #include "tests/support/raw_client.h"
 #include "tests/support/temp_folder.h"
 
@@ -44,16 +45,6 @@ constexpr milliseconds kShort(30);
 
 std::string refusal(const std::string& sentence) {
   return R"({"error":")" + sentence + R"(","ok":false,"version":1})";
-}
-
-template <class Work>
-std::string failureOf(Work&& work) {
-  try {
-    work();
-    return "no failure";
-  } catch (const Failure& e) {
-    return e.what();
-  }
 }
 
 // Answers "status" at once; "flush" waits until it is released, or until it is gone.

@@ -9,13 +9,13 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "agent/catalogue_place.h"
 #include "agent/errors.h"
 #include "agent/own_folder.h"
+#include "tests/support/failure_of.h"
 #include "tests/support/program.h"
 #include "tests/support/record_files.h"
 #include "tests/support/temp_folder.h"
@@ -28,15 +28,6 @@ using testing::IsEmpty;
 using Words = std::vector<std::string>;
 
 constexpr uid_t kNobody = 65534;
-
-std::string failureOf(const std::function<void()>& work) {
-  try {
-    work();
-  } catch (const Failure& e) {
-    return e.what();
-  }
-  return "no failure";
-}
 
 mode_t modeOf(const std::string& path) {
   struct stat st {};

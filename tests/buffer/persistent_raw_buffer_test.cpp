@@ -11,16 +11,21 @@
 
 #include <cerrno>
 #include <memory>
-#include <numeric>
-#include <optional>
 #include <thread>
 
+#include "tests/support/big_records.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/queue_folders.h"
 
 using kddc::test::add;
+using kddc::test::big;
 using kddc::test::failureOf;
+using kddc::test::fill;
+using kddc::test::kInBlock;
 using kddc::test::LogCapture;
+using kddc::test::numbers;
+using kddc::test::readOnce;
+using kddc::test::upTo;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -39,7 +44,6 @@ extern "C" int scriptableUnlinkAt(int folder, const char* name, int flags) {
 
 namespace {
 
-constexpr int kInBlock = 64;  // records of big()
 constexpr char kDriver[] = "DriverThreadShutdownIndicator", kDb[] = "DbThreadShutdownIndicator";
 constexpr char kClosed[] = "GracefullClosedDbs";
 
@@ -83,31 +87,6 @@ class Persistent : public kddc::test::QueueFolders {
   static void stop(PersistentDCRawBuffer& queue) {
     queue.DriverThreadShutDown();
     queue.DbThreadShutDown();
-  }
-  static std::optional<std::string> readOnce(DCRawBuffer& queue) {
-    unsigned char* data = nullptr;
-    int length = 0;
-    if (!queue.ReadEntry(&data, &length)) return std::nullopt;
-    return kddc::test::asText(data, length);
-  }
-  static std::string big(int number) {
-    std::string record = std::to_string(number) + " ";
-    record.resize(32766, '.');
-    return record;
-  }
-  static void fill(DCRawBuffer& queue, int first, int count) {
-    for (int i = 0; i < count; ++i) ASSERT_EQ(add(queue, big(first + i)), 0);
-  }
-  static std::vector<int> numbers(DCRawBuffer& queue, int count) {
-    std::vector<int> found;
-    for (int calls = 0; static_cast<int>(found.size()) < count && calls < 2 * count + 20; ++calls)
-      if (const auto record = readOnce(queue)) found.push_back(std::stoi(*record));
-    return found;
-  }
-  static std::vector<int> upTo(int first, int count) {
-    std::vector<int> all(static_cast<size_t>(count));
-    std::iota(all.begin(), all.end(), first);
-    return all;
   }
   static std::list<std::string> strays(PersistentDCRawBuffer& queue) {
     std::list<std::string> names;

@@ -10,22 +10,24 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <numeric>
-#include <optional>
 
+#include "tests/support/big_records.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/queue_folders.h"
 
 using kddc::test::add;
+using kddc::test::big;
 using kddc::test::failureOf;
+using kddc::test::fill;
+using kddc::test::kInBlock;
 using kddc::test::LogCapture;
+using kddc::test::numbers;
+using kddc::test::readOnce;
+using kddc::test::upTo;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
-
-// 64 records of 32766 bytes and their lengths fill a block to the last byte.
-constexpr int kInBlock = 64;
 
 // Looks at the fields; one thread, no locks.
 class Queue : public DCRawBuffer {
@@ -56,34 +58,6 @@ class Queue : public DCRawBuffer {
 
 class Raw : public kddc::test::QueueFolders {
  protected:
-  // A record of 32766 bytes with a number in front.
-  static std::string big(int number) {
-    std::string record = std::to_string(number) + " ";
-    record.resize(32766, '.');
-    return record;
-  }
-  static void fill(DCRawBuffer& queue, int first, int count) {
-    for (int i = 0; i < count; ++i) ASSERT_EQ(add(queue, big(first + i)), 0);
-  }
-  // The next record, or nothing: one call.
-  static std::optional<std::string> readOnce(DCRawBuffer& queue) {
-    unsigned char* data = nullptr;
-    int length = 0;
-    if (!queue.ReadEntry(&data, &length)) return std::nullopt;
-    return kddc::test::asText(data, length);
-  }
-  // The numbers in front of the next `count` records; calls again after each switch of blocks.
-  static std::vector<int> numbers(DCRawBuffer& queue, int count) {
-    std::vector<int> found;
-    for (int calls = 0; static_cast<int>(found.size()) < count && calls < 2 * count + 20; ++calls)
-      if (const auto record = readOnce(queue)) found.push_back(std::stoi(*record));
-    return found;
-  }
-  static std::vector<int> upTo(int first, int count) {
-    std::vector<int> all(static_cast<size_t>(count));
-    std::iota(all.begin(), all.end(), first);
-    return all;
-  }
   std::string in(const std::string& name) const { return buffer + "/" + name; }
 };
 

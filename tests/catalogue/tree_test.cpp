@@ -23,21 +23,8 @@ class Watching : public kddc::test::OpenCatalogue {
   std::vector<std::pair<unsigned long long, unsigned long long>> removed;
 };
 
-struct Trees : kddc::test::CatalogueTest {
-  Watching db{folder};
-
-  Trees() {
-    db.CreateDb();
-    EXPECT_TRUE(db.OpenHandle(false, false));
-  }
-  void insert(const std::string& name, char fid, unsigned mode, unsigned long long parent) {
-    StatFidName_s e = entry(name, fid, mode);
-    db.Insert(&e, parent, 7);
-  }
-  Rows left() {
-    db.Commit();
-    return files("INODE,NAME");
-  }
+struct Trees : kddc::test::OpenedCatalogueTest<Watching> {
+  Rows left() { return committedFiles("INODE,NAME"); }
 };
 
 TEST_F(Trees, AFolderIsRemovedWithAllThatLiesBelowIt) {

@@ -76,18 +76,19 @@ struct CatalogueTest : testing::Test {
   using Rows = std::vector<std::string>;
 };
 
-// The same, created and open for writing.
-struct OpenCatalogueTest : CatalogueTest {
-  OpenCatalogue db{folder};
+// The same, created and open for writing as an object of that class.
+template <class Catalogue>
+struct OpenedCatalogueTest : CatalogueTest {
+  Catalogue db{folder};
 
-  OpenCatalogueTest() {
+  OpenedCatalogueTest() {
     db.CreateDb();
     EXPECT_TRUE(db.OpenHandle(false, false));
   }
   unsigned long long insert(const std::string& name, char fid, unsigned mode,
-                            unsigned long long parent) {
+                            unsigned long long parent, int fileType = 7) {
     StatFidName_s e = entry(name, fid, mode);
-    return db.Insert(&e, parent, 7);
+    return db.Insert(&e, parent, fileType);
   }
   Rows committedFiles(const std::string& columns) {
     db.Commit();
@@ -98,5 +99,6 @@ struct OpenCatalogueTest : CatalogueTest {
     return fids(columns);
   }
 };
+using OpenCatalogueTest = OpenedCatalogueTest<OpenCatalogue>;
 
 }  // namespace kddc::test

@@ -50,26 +50,7 @@ class MapSizeSetting {
   MapSizeSetting& operator=(const MapSizeSetting&) = delete;
 };
 
-struct SortedInsertTest : CatalogueTest {
-  OpenSortedCatalogue db{folder};
-
-  SortedInsertTest() {
-    db.CreateDb();
-    EXPECT_TRUE(db.OpenHandle(false, false));
-  }
-  unsigned long long insert(const std::string& name, char fid, unsigned mode,
-                            unsigned long long parent, int fileType = 7) {
-    StatFidName_s e = entry(name, fid, mode);
-    return db.Insert(&e, parent, fileType);
-  }
-  Rows committedFiles(const std::string& columns) {
-    db.Commit();
-    return files(columns);
-  }
-  Rows committedFids(const std::string& columns) {
-    db.Commit();
-    return fids(columns);
-  }
+struct SortedInsertTest : OpenedCatalogueTest<OpenSortedCatalogue> {
   void filesSql(const std::string& sql) { db.filesDb->exec_query(sql.c_str()); }
   void fidsSql(const std::string& sql) { db.fidDb->exec_query(sql.c_str()); }
 };
