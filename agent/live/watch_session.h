@@ -104,11 +104,10 @@ class WatchSession {
   // Returns true once everything that happened on the volume before the call is in the catalogue
   // and visible to readers; false when `giveUp` says so or the session ends. Failure when the
   // volume is not there, or its catalogue cannot be kept.
-  bool flush(const std::string& volume, const std::function<bool()>& giveUp);
+  bool flush(const std::string& path, const std::function<bool()>& giveUp);
   // Compares the volume with the disk and answers what has changed meanwhile; none as above.
-  std::optional<RescanCounts> rescan(const std::string& volume,
-                                     const std::function<bool()>& giveUp);
-  VolumeStatus status(const std::string& volume) const;
+  std::optional<RescanCounts> rescan(const std::string& path, const std::function<bool()>& giveUp);
+  VolumeStatus status(const std::string& path) const;
   // The volumes that are known, those that are not there at the moment, too.
   std::vector<std::string> volumes() const;
   // How each volume is doing. Cheap.
@@ -135,10 +134,7 @@ class WatchSession {
   template <class Work>
   void forEach(Work&& work);
 
-  // watch_places.cpp: volumes come and go.
-  Volume& add(WatchPlan::Volume plan);
-  // Whether what stands at its place now is the volume, and whether it was there all the time.
-  Standing standing(const Volume& volume, const std::optional<VolumeMount>& now) const;
+  // watch_steps.cpp: a volume is taken up, or let go of.
   void arrive(Volume& volume);
   void examine(Volume& volume);
   void connect(Volume& volume);
@@ -151,12 +147,17 @@ class WatchSession {
   void putBack(const Volume& volume, VolumeRows& rows);
   void disconnect(Volume& volume);
   void leave(Volume& volume, const std::string& why);
+  WalkOptions walkOptions(const Volume& volume) const;
+
+  // watch_places.cpp: volumes come and go.
+  Volume& add(WatchPlan::Volume plan);
+  // Whether what stands at its place now is the volume, and whether it was there all the time.
+  Standing standing(const Volume& volume, const std::optional<VolumeMount>& now) const;
   void watchPlaces();
   void lookAt(Volume& volume);
   void noteMounts();
   void lookForReturn(Volume& volume);
   void followRegistered(bool mountsChanged);
-  WalkOptions walkOptions(const Volume& volume) const;
 
   // watch_comparison.cpp: what is in doubt is compared with the disk.
   void compare(Volume& volume);

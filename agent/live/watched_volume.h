@@ -82,6 +82,8 @@ class WatchSession::InHand {
   Volume& volume_;
 };
 
+// The file at a path; zeroes when there is none.
+FileKey keyOf(const std::string& path);
 // Opens the folder of a volume for reading; Failure when that is not possible.
 DetachedFolder openRoot(const std::string& path);
 // What a walk through it passes over; Failure when the volume is not there any more.
