@@ -14,12 +14,14 @@
 // line holds at most 199 bytes, the name of a section at most 49.
 //
 // The file is read afresh by every call, so an object sees the settings of the moment it asks. A
-// missing file means that every key is absent.
+// missing file means that every key is absent. It must be root's or this user's, and writable for
+// its owner alone: settings name folders that are written in.
 //
 // Threads: every call may come from any thread. Failures: KdException, when the file is there but
-// cannot be read, when any of its lines cannot be parsed (whichever key was asked for, because
-// the line may be the one that was meant), and when a number is wanted of a value that is no whole
-// number. The message names the file, the line, the key and what stands there.
+// cannot be read, or could be changed by others; when any of its lines cannot be parsed (whichever
+// key was asked for, because the line may be the one that was meant); and when a number is wanted
+// of a value that is no whole number. The message names the file, the line, the key and what stands
+// there.
 #pragma once
 
 #include <string>

@@ -34,8 +34,19 @@ constexpr std::size_t kShown = 60;         // bytes of a bad line that a message
          code);
 }
 
-// The bytes of the file, or an errno.
-int readWhole(const std::string& path, std::string& text) {
+// Settings name folders that are written in, mostly as root: who else could change the file would
+// choose them. Why it is not believed and what to do, or nothing.
+std::string distrustOf(const std::string& path, const struct stat& file) {
+  if (file.st_uid != 0 && file.st_uid != ::geteuid())
+    return " belongs to another user, who could change it; take it over with: chown " +
+           std::to_string(::geteuid()) + " " + path;
+  if ((file.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    return " can be changed by others; close it with: chmod go-w " + path;
+  return {};
+}
+
+// The bytes of the file; or an errno, and perhaps in `distrust` a reason that says more.
+int readWhole(const std::string& path, std::string& text, std::string& distrust) {
   // Without O_NONBLOCK a FIFO of that name would hold the caller for ever.
   const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file) return errno == ENOENT ? 0 : errno;
@@ -43,6 +54,8 @@ int readWhole(const std::string& path, std::string& text) {
   if (::fstat(file.get(), &st) != 0) return errno;
   if (S_ISDIR(st.st_mode)) return EISDIR;
   if (!S_ISREG(st.st_mode)) return EINVAL;
+  distrust = distrustOf(path, st);
+  if (!distrust.empty()) return EPERM;
   char block[8192];
   for (;;) {
     const ssize_t got = ::read(file.get(), block, sizeof block);
@@ -122,9 +135,9 @@ std::string shown(std::string_view line) {
 }  // namespace
 
 Settings readSettings(const std::string& path, const SectionAndKey& wanted) {
-  std::string text;
-  if (const int error = readWhole(path, text); error != 0)
-    fail(path, wanted, " cannot be read: " + errnoText(error), error);
+  std::string text, distrust;
+  if (const int error = readWhole(path, text, distrust); error != 0)
+    fail(path, wanted, distrust.empty() ? " cannot be read: " + errnoText(error) : distrust, error);
   Reading reading;
   reading.lines = linesOf(text);
   const int bad = ini_parse_stream(nextLine, &reading, keep, &reading);

@@ -19,7 +19,8 @@ using SectionAndKey = std::pair<std::string, std::string>;
 using Settings = std::map<SectionAndKey, Setting>;
 
 // Reads the file whole; one that does not exist is empty. KdException, naming the file, the line
-// and `wanted` (for whose sake it is read), when it cannot be read or parsed.
+// and `wanted` (for whose sake it is read), when it cannot be read or parsed, or when others than
+// root and this user could have written it.
 Settings readSettings(const std::string& path, const SectionAndKey& wanted);
 
 }  // namespace kddc

@@ -259,6 +259,20 @@ TEST_F(BadInput, ASettingThatIsNoNumberIsNamedWithItsLine) {
   EXPECT_FALSE(std::filesystem::exists(catalogue + ".new"));
 }
 
+TEST_F(BadInput, SettingsThatOthersCanChangeAreNotFollowed) {
+  std::filesystem::create_directory(temp / "registry");
+  const std::string file =
+      temp.write("registry/settings.ini", "[DataClassification]\nSqlitePageSize = 4096\n");
+  std::filesystem::permissions(file, std::filesystem::perms::others_write,
+                               std::filesystem::perm_options::add);
+  const Outcome outcome = Program::run(
+      words("scan"), [&] { setenv("KELDARA_REGISTRY_ROOT", (temp / "registry").c_str(), 1); });
+  EXPECT_EQ(outcome.exitCode, 3) << outcome;
+  EXPECT_THAT(outcome.err,
+              HasSubstr(file + " can be changed by others; close it with: chmod go-w " + file));
+  EXPECT_FALSE(std::filesystem::exists(catalogue));
+}
+
 TEST_F(BadInput, AFullDiskKeepsTheCatalogueBefore) {
   if (const std::string why = LoopMount::whyNot("tmpfs"); !why.empty()) GTEST_SKIP() << why;
   const LoopMount disk("tmpfs", "size=1m");

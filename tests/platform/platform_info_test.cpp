@@ -209,6 +209,34 @@ TEST_F(Settings, AreRefusedWhenTheFileMayNotBeRead) {
                          " cannot be read: Permission denied");
 }
 
+TEST_F(Settings, AreRefusedWhenOthersCanChangeTheFile) {
+  write("[S]\nkey = 1\n");
+  for (const mode_t mode : {0620, 0602, 0666}) {
+    ASSERT_EQ(::chmod(file().c_str(), mode), 0);
+    EXPECT_EQ(textFailure(), "cannot look up \"key\" of section [S]: " + file() +
+                                 " can be changed by others; close it with: chmod go-w " + file());
+  }
+  ASSERT_EQ(::chmod(file().c_str(), 0644), 0);
+  EXPECT_EQ(text("key"), "1");
+}
+
+TEST_F(Settings, AreRefusedWhenTheFileIsAnothersButNotWhenItIsRoots) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
+  write("[S]\nkey = 1\n");
+  ASSERT_EQ(::chmod(registry_.path().c_str(), 0755), 0);
+  ASSERT_EQ(::seteuid(65534), 0);
+  EXPECT_EQ(text("key"), "1");
+  ASSERT_EQ(::seteuid(0), 0);
+  ASSERT_EQ(::chown(file().c_str(), 65534, 65534), 0);
+  EXPECT_EQ(textFailure(),
+            "cannot look up \"key\" of section [S]: " + file() +
+                " belongs to another user, who could change it; take it over with: chown 0 " +
+                file());
+  ASSERT_EQ(::seteuid(65534), 0);
+  EXPECT_EQ(text("key"), "1");
+  ASSERT_EQ(::seteuid(0), 0);
+}
+
 TEST_F(Settings, AreNumbersWhenTheyAreWholeDecimalNumbersOfSixtyFourBits) {
   write(
       "[S]\na = 0\nb = -12\nc = +12\nd = 9223372036854775807\ne = -9223372036854775808\n"
