@@ -94,6 +94,7 @@ std::string wordOf(Values values, const std::string& value) {
   return values == Values::kTypes ? typeName(numberOf(value)) : value;
 }
 
+// By hand and not by the library, so that the members stand in this order.
 std::string jsonOf(const Suspect& suspect, const Difference& difference) {
   const auto& [json, line, values] = wordsOf(difference);
   const auto& [kind, catalogue, disk] = difference;
@@ -144,8 +145,9 @@ int runVerify(const Options& options, const std::string& volume, bool json) {
   const std::string folder = catalogueFolder(options, path), state = stateFolder(options);
   // May have to wait for a scan to end; until then a signal ends the process as ever.
   flushWatched(options, path);
-  // Says what is wrong with a catalogue that cannot answer.
-  CatalogueReader(folder, path, CatalogueReader::Columns::kPath);
+  {  // says what is wrong with a catalogue that cannot answer
+    const CatalogueReader sentence(folder, path, CatalogueReader::Columns::kPath);
+  }
   noteInterrupts();
   Progress progress(!options.quiet && options.verbosity == 0);
   const VerificationResult result = verify({.volume = path,

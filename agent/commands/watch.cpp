@@ -34,6 +34,7 @@
 namespace kddc {
 namespace {
 
+// How often a line that nobody reads asks whether to give up.
 constexpr int kLookMilliseconds = 100;
 
 const char* wordFor(CatalogueChange::Kind kind) {
@@ -60,6 +61,7 @@ EventQueue eventQueue() {
   return limit == 0 ? EventQueue::kUnlimited : EventQueue::kLimited;
 }
 
+// The lock lies beside the queues and not in the catalogue: it is taken before that is looked at.
 WatchPlan::Volume planOf(const Options& options, const std::string& path) {
   return {path, catalogueFolder(options, path), queuesFolder(options) + placeName(path) + ".lock"};
 }
@@ -74,6 +76,8 @@ WatchPlan basePlan(const Options& options, const std::string& queue) {
   return plan;
 }
 
+// The queue is named after the first volume, which a later start finds again when it names the
+// volumes in the same order.
 WatchPlan planForNamed(const Options& options, const std::vector<std::string>& volumes) {
   WatchPlan plan = basePlan(options, placeName(realVolumePath(volumes.front())));
   for (const std::string& volume : volumes) {
@@ -125,6 +129,7 @@ nlohmann::json toJson(const RescanCounts& counts) {
           {"compared", counts.compared.walk.entries}};
 }
 
+// A flush or a comparison that was given up has no answer but that the session ends.
 nlohmann::json answer(WatchSession& session, const ControlRequest& request,
                       const ControlServer::Gone& gone) {
   switch (request.command) {
@@ -199,6 +204,9 @@ WatchListeners listenersFor(const Options& options, Progress& progress) {
   return listeners;
 }
 
+// Things are made in the order in which they need each other: the session listens through the
+// lines, the report and the signals ask the session, and clients come last, when all can be
+// answered.
 int watch(const Options& options, const std::vector<std::string>& volumes, bool print,
           ServiceManager& manager) {
   const bool registered = volumes.empty();
@@ -233,7 +241,7 @@ int watch(const Options& options, const std::vector<std::string>& volumes, bool 
   std::vector<ControlPlace> places;
   for (const std::string& volume : session->volumes()) places.push_back(placeOf(volume));
   server = std::make_unique<ControlServer>(
-      std::move(places), [&](const ControlRequest& request, const ControlServer::Gone& gone) {
+      places, [&](const ControlRequest& request, const ControlServer::Gone& gone) {
         return answer(*session, request, gone);
       });
   session->run([&] {

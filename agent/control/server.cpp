@@ -39,6 +39,7 @@ class SignalsBlocked {
   sigset_t before_;
 };
 
+// The socket's mode keeps others out, too; but modes can be loosened.
 bool isAllowed(const UniqueFd& client) {
   const uid_t user = peerOf(client).user;
   return user == 0 || user == geteuid();
@@ -66,7 +67,7 @@ void waitAMoment(const UniqueFd& event, const UniqueFd& orEvent) {
 
 }  // namespace
 
-ControlServer::ControlServer(std::vector<ControlPlace> places, Handler handler,
+ControlServer::ControlServer(const std::vector<ControlPlace>& places, Handler handler,
                              ControlLimits limits)
     : handler_(std::move(handler)), limits_(limits), stop_(newEvent()), ended_(newEvent()) {
   for (const ControlPlace& place : places) add(place);
@@ -74,6 +75,7 @@ ControlServer::ControlServer(std::vector<ControlPlace> places, Handler handler,
   accepting_ = std::thread([this] { acceptClients(); });
 }
 
+// The thread that accepts is woken, to look at one socket more.
 void ControlServer::add(const ControlPlace& place) {
   ListeningSocket socket(place.socket);
   const std::lock_guard lock(placing_);
@@ -88,6 +90,8 @@ std::vector<const ControlServer::Place*> ControlServer::allPlaces() {
   return all;
 }
 
+// First nobody is let in, then the names go, and last those who are still served come to their end:
+// their channels know of the stop.
 ControlServer::~ControlServer() {
   raise(stop_);
   accepting_.join();
@@ -110,6 +114,7 @@ void ControlServer::acceptClients() {
   }
 }
 
+// A thread cannot join itself, so each tells that it has ended and is joined here.
 void ControlServer::forgetDone() {
   lower(ended_);
   clients_.remove_if([](Client& client) {
@@ -158,6 +163,7 @@ void ControlServer::start(const Place& place, Channel channel) {
   }
 }
 
+// One request after the other, until the client leaves, says nonsense, or takes its time.
 void ControlServer::serve(const std::string& volume, Channel& channel) const {
   const Gone gone = [&] { return channel.isOver(); };
   for (std::string line;;) {

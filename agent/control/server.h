@@ -52,7 +52,8 @@ class ControlServer {
   // best a Failure, for an answer that says why not.
   using Handler = std::function<nlohmann::json(const ControlRequest&, const Gone& gone)>;
 
-  ControlServer(std::vector<ControlPlace> places, Handler handler, ControlLimits limits = {});
+  ControlServer(const std::vector<ControlPlace>& places, Handler handler,
+                ControlLimits limits = {});
   // Clients of one more volume are answered. From any thread; Failure as of the constructor.
   void add(const ControlPlace& place);
   // Ends all clients, waits until the handler has returned to each, and removes the sockets.

@@ -31,6 +31,7 @@ struct NumberLine {
   Kind kind;
   bool is32Bits;
 };
+// The beginnings stand in the log of the comparison to the letter, blanks and capitals included.
 constexpr NumberLine kNumberLines[] = {
     {"Pinode differs. DB has[", Kind::kFolder, false},
     {"Nlink Differs. DB has[", Kind::kLinks, true},
@@ -69,6 +70,7 @@ struct Attribute {
   Kind kind;
   std::uint64_t (*onDisk)(const struct stat& st);
 };
+// Columns were bound as 32 bits, so a larger number on the disk is no difference.
 std::uint64_t low(std::uint64_t number) {
   return number & 0xffffffff;
 }
@@ -95,6 +97,7 @@ std::vector<std::uint64_t> numbersFrom(const Query& query, int column) {
   return numbers;
 }
 
+// Whether a plain file is a stub the mode does not tell.
 bool isSameType(std::uint64_t type, mode_t mode) {
   return type == kStub ? S_ISREG(mode) : type == static_cast<std::uint64_t>(GetFileType(mode));
 }
@@ -128,7 +131,9 @@ std::string dotForRoot(const std::string& path) {
 
 }  // namespace
 
-ComparisonLog::ComparisonLog(Call line, std::function<void()> disturbed)
+// The comparison tells what differs in debug lines only. Where nobody wanted to see them they are
+// switched on for its time, and kept from the sink that was there.
+ComparisonLog::ComparisonLog(const Call& line, const std::function<void()>& disturbed)
     : wasSilent_(!dbg.Enabled(1)), before_(dbg.SetSink({})) {
   if (wasSilent_) dbg.SetLevel(1);
   dbg.SetSink([=, this](const EvDebug::Line& each) {
@@ -171,6 +176,8 @@ std::vector<FreshLook::Row> FreshLook::rowsAt(std::int64_t folder, const std::st
   return rows;
 }
 
+// Down from the root, by names: the disk says which folder is meant, and folders are remembered
+// because suspects mostly lie in the same few.
 std::optional<std::int64_t> FreshLook::inodeOf(const std::string& folder) {
   if (const auto known = folders_.find(folder); known != folders_.end()) return known->second;
   const auto [above, name] = splitPath(folder);
@@ -196,6 +203,8 @@ std::optional<std::string> FreshLook::pathOf(std::int64_t inode) {
   }
 }
 
+// The comparison itself says nothing of modes, owners and groups; so each row that has a path is
+// held against the disk once more, here.
 void FreshLook::eachOther(const std::function<void(const std::string& path)>& suspect,
                           const std::function<bool()>& tick) {
   Query all(files_, fmt::format("SELECT PINODE,NAME,{} FROM FILES", kAttributeColumns).c_str());
@@ -271,6 +280,8 @@ Differences FreshLook::at(const std::string& path, const Sight& sight) {
   return compare(path, sight, *folder, name, rows);
 }
 
+// One entry through the operations of the library, as if the walk had just come by, and what they
+// say of it as differences.
 Differences FreshLook::compare(const std::string& path, const Sight& sight, std::int64_t folder,
                                const std::string& name, const std::vector<Row>& rows) {
   const std::string whole = path.empty() ? volume_ : volume_ + "/" + path;

@@ -53,7 +53,7 @@ class ComparisonLog {
   using Call = std::function<void(std::string_view line)>;
   // `line` gets those about folders and files, `disturbed` is called when the comparison left
   // something out because an entry had vanished.
-  ComparisonLog(Call line, std::function<void()> disturbed);
+  ComparisonLog(const Call& line, const std::function<void()>& disturbed);
   ~ComparisonLog();
   ComparisonLog(const ComparisonLog&) = delete;
   ComparisonLog& operator=(const ComparisonLog&) = delete;

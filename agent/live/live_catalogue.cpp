@@ -18,6 +18,8 @@
 namespace kddc {
 namespace {
 
+// Beyond this many the folders that are remembered are forgotten, all at once: they are a cache,
+// and which ones will be asked for again is not known.
 constexpr std::size_t kMostFolders = 20'000;
 
 constexpr Sql kRowOf{
@@ -107,6 +109,7 @@ std::optional<unsigned long long> LiveCatalogue::folderOf(const fsf_fid& fid) {
   return inode;
 }
 
+// What is mended is removed, so each round has one row fewer and the loop ends.
 std::vector<Name> LiveCatalogue::namesOf(const fsf_fid& fid, int most) {
   for (;;) {
     bool mended = false;
@@ -166,6 +169,7 @@ void LiveCatalogue::identify(Name& name) {
   name.fidsRowId = 0;
 }
 
+// The written names of a folder, and those that are held back: both are borne.
 void LiveCatalogue::learnNames(unsigned long long folder) {
   names_.learn(folder);
   run(namesIn_, filesDb, kNamesIn).bind(folder).read([&](sqlite3_stmt* row) {
@@ -176,6 +180,7 @@ void LiveCatalogue::learnNames(unsigned long long folder) {
       names_.add(folder, mbeToUtf(entry.name.c_str()), {.fid = fid});
 }
 
+// The index is a hint by hash, and may be out of date: each candidate is held against its row.
 std::optional<Name> LiveCatalogue::bearerOf(unsigned long long folder, const char* name) {
   forgetRolledBack();
   if (!names_.knows(folder)) learnNames(folder);
@@ -187,6 +192,8 @@ std::optional<Name> LiveCatalogue::bearerOf(unsigned long long folder, const cha
   return borne ? std::optional(found) : std::nullopt;
 }
 
+// Three ages of an entry: its row is known, it is still held back, or it was written since it was
+// noted, and the row has to be found by the identifier.
 bool LiveCatalogue::isBearer(NameIndex::Bearer& bearer, unsigned long long folder,
                              const std::string& name, Name& found) {
   const auto matches = [&](const Name& row) { return row.parent == folder && row.name == name; };
@@ -228,6 +235,7 @@ std::vector<Name> LiveCatalogue::parkedRows() {
   return childrenOf(kParked);
 }
 
+// For people only, so a circle or a lost folder gives no path instead of a failure.
 std::string LiveCatalogue::pathOf(unsigned long long folder, const std::string& name) {
   if (folder == 0) return ".";
   std::string path = name;
@@ -236,7 +244,7 @@ std::string LiveCatalogue::pathOf(unsigned long long folder, const std::string& 
     const auto row = rowOf(folder);
     if (!row || row->parked()) break;
     if (row->parent == 0) return path;
-    path = row->name + "/" + path;
+    path.insert(0, row->name + "/");
     folder = row->parent;
   }
   return {};
@@ -255,6 +263,7 @@ void LiveCatalogue::forgetName(const Name& name) {
   names_.remove(name.parent, name.name, name.inode, name.fid);
 }
 
+// Past the table of pending entries: the row is wanted now, with its number.
 unsigned long long LiveCatalogue::insertRow(StatFidName_s& entry, unsigned long long folder,
                                             int type) {
   DCSqliteDB::Insert(&entry, folder, type);
@@ -309,6 +318,8 @@ void LiveCatalogue::forgetUnlessBorne(unsigned long long fidsRowId) {
   if (!row || row->fidsRowId != fidsRowId) DeleteFidGivenRowId(fidsRowId);
 }
 
+// The identifier first: a crash in between leaves an identifier whose row does not name it, which
+// is mended when it is met. The other way round a row would name an identifier that is not there.
 void LiveCatalogue::adopt(Name& name, const fsf_fid& fid) {
   InsertFid(&fid, name.inode, name.type);
   name.fid = fid;
@@ -336,6 +347,7 @@ void LiveCatalogue::copyTo(const std::string& folder) {
 
 void LiveCatalogue::CloseHandle(unsigned long refTime, bool keepUngraceful) {
   FlushAllJournals();
+  // A database does not close while statements on it are open.
   for (Statement* statement :
        {&rowOf_, &namesIn_, &childrenOf_, &pairsOf_, &park_, &moveRow_, &restamp_})
     *statement = {};

@@ -30,8 +30,8 @@ using NumbersByDevt = std::map<unsigned long long, RecordNumbers>;
 // crash in the file, durably. What the file knows of other file systems is forgotten.
 NumbersByDevt beginNumbering(const std::string& file, const std::set<unsigned long long>& devts);
 // When more file systems are followed: those with which their drivers began.
-void keepFarAhead(const std::string& file, const NumbersByDevt& numbers);
+void keepFarAhead(const std::string& file, const NumbersByDevt& all);
 // At the end of a run.
-void keepNumbers(const std::string& file, const NumbersByDevt& numbers);
+void keepNumbers(const std::string& file, const NumbersByDevt& all);
 
 }  // namespace kddc
