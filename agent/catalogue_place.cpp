@@ -58,6 +58,7 @@ std::string defaultStateFolder() {
 
 }  // namespace
 
+// Two names of one folder are one volume.
 std::string realVolumePath(const std::string& volume) {
   std::error_code error;
   const fs::path path = fs::canonical(volume, error);
@@ -67,6 +68,8 @@ std::string realVolumePath(const std::string& volume) {
   return path.string();
 }
 
+// The label is for people, the number keeps apart what has one label. Both stay as they are:
+// existing catalogues are found by them.
 std::string placeName(const std::string& volumePath) {
   return fmt::format("{}-{:016x}", labelOf(volumePath), hashOf(volumePath));
 }

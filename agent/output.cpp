@@ -21,6 +21,7 @@
 namespace kddc {
 namespace {
 
+// Large enough that writing costs nothing beside reading, small enough to be shown soon.
 constexpr std::size_t kFlushBytes = 256 * 1024;
 
 // By FILE_TYPE.
@@ -32,6 +33,7 @@ std::string fidMember(const std::optional<fsf_fid>& fid) {
   return fid ? '"' + std::string(fid2hex(&*fid, digits)) + '"' : "null";
 }
 
+// Past the C library's stream: whoever has read enough ends us quietly, and a full disk is told.
 void writeAll(const char* data, std::size_t size) {
   while (size > 0) {
     const ssize_t written = write(STDOUT_FILENO, data, size);

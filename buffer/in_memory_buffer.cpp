@@ -71,6 +71,7 @@ int InMemoryBuffer::writersPosition() const NO_THREAD_SAFETY_ANALYSIS {
   return WritePointer_m;
 }
 
+// A reader that waits for more in this block must go on to the next one.
 void InMemoryBuffer::markFull() {
   const Access access(*this);
   if (!access.shared()) return;
@@ -199,6 +200,8 @@ int InMemoryBuffer::Load(int fd, int len) {
   });
 }
 
+// A short write is tried again, but not for ever: a disk that takes a byte at a time holds up the
+// thread that fills the queue.
 int InMemoryBuffer::Flush(int fd) {
   constexpr char kTag[] = "InMemoryBuffer :: Flush";
   return logged(kTag, [&] {

@@ -88,12 +88,15 @@ void PersistentDCRawBuffer::restoreOrEmpty(bool cleanStart) NO_THREAD_SAFETY_ANA
     LoadFromDiskPending_m = true;
 }
 
+// Each thread leaves its indicator when it stops, and takes it away when it starts. With one of
+// them alone nobody knows what the other had in hand.
 bool PersistentDCRawBuffer::WasShutdownGraceful() {
   const OpenFolder folder(SwapDir_m);
   return folder && folder.kindOf(kddc::kDriverIndicator) == OpenFolder::Kind::kFile &&
          folder.kindOf(kddc::kDbIndicator) == OpenFolder::Kind::kFile;
 }
 
+// The names alone: what the files hold is read when their turn comes.
 void PersistentDCRawBuffer::InitializeFromDisk() {
   constexpr char kTag[] = "PersistentDCRawBuffer :: InitializeFromDisk";
   logged(kTag, [&] {
@@ -139,6 +142,7 @@ void PersistentDCRawBuffer::noteStray(const std::string& name) {
   StrayFolders_m.push_back(SwapDir_m + "/" + name);
 }
 
+// Behind "swap."; a name that has no number counts as 0.
 unsigned long long PersistentDCRawBuffer::GetFileNum(const char* name) {
   return std::string_view(name).size() > 5 ? static_cast<unsigned long long>(std::atoll(name + 5))
                                            : 0;
@@ -176,6 +180,7 @@ void PersistentDCRawBuffer::FinishedHandlingCorruptDbs() {
               static_cast<unsigned>(errno));
 }
 
+// One number a line, appended: each database is added as it is closed.
 void PersistentDCRawBuffer::DbShutDown(unsigned long long dbId) {
   constexpr char kTag[] = "PersistentDCRawBuffer :: DbShutDown";
   logged(kTag, [&] {
@@ -364,6 +369,7 @@ void PersistentDCRawBuffer::syncSaved(const char* tag) {
     throw UDCException(tag, 0, "swap file sync failed", errno);
 }
 
+// Saving under a number that a file has already would overwrite records.
 bool PersistentDCRawBuffer::waitsOnDisk(unsigned long long number) const {
   return std::any_of(SwapQueue_m.begin(), SwapQueue_m.end(), [&](const Buf_File_s& entry) {
     return !entry.buffer && entry.fileNumber == number;

@@ -28,6 +28,7 @@ using kddc::swapName;
 namespace {
 
 constexpr char kSection[] = "DataClassification";
+// Bytes; how long a wait lasts before the condition is tested again.
 constexpr int kBlockSize = 2 * 1024 * 1024;
 constexpr int kWaitMilliseconds = 60000;
 constexpr int kSingleThreaded = 0, kWriteOnly = 1, kShared = 2;
@@ -97,6 +98,7 @@ DCRawBuffer::~DCRawBuffer() {
       false);
 }
 
+// Only the first mode moves blocks about, and numbers them for the log.
 InMemoryBuffer* DCRawBuffer::newBlock(int mode, bool blocking) {
   InMemoryBuffer* block =
       blocks_.emplace_back(std::make_unique<InMemoryBuffer>(InMemoryBufferSize_m)).get();
@@ -176,6 +178,8 @@ InMemoryBuffer& DCRawBuffer::consumersBlock() const NO_THREAD_SAFETY_ANALYSIS {
   return *ReadBuffer_m;
 }
 
+// The block refuses a record when it is full; a fresh one must take it, since no record is larger
+// than a block.
 int DCRawBuffer::AddEntry(unsigned char* data, int len) {
   constexpr char kTag[] = "DCRawBuffer :: AddEntry";
   constexpr char kCannotWrite[] = "Write failed even after the Buffers are flushed!";
@@ -199,6 +203,7 @@ int DCRawBuffer::AddEntry(unsigned char* data, int len) {
   });
 }
 
+// The end of a block is no end of records: the next block is taken up, and asked once more.
 bool DCRawBuffer::ReadEntry(unsigned char** data, int* len) {
   return loggedAsDebug("DCRawBuffer :: ReadEntry", [&] {
     bool eof = false;

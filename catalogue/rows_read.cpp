@@ -15,16 +15,19 @@ using kddc::Sql;
 
 namespace {
 
+// SQLite's integers are signed; row ids and the pieces of identifiers use all 64 bits.
 unsigned long long column64(sqlite3_stmt* row, int column) {
   return static_cast<unsigned long long>(sqlite3_column_int64(row, column));
 }
 
+// By its length: what a damaged database holds need not be text.
 std::string columnText(sqlite3_stmt* row, int column) {
   const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(row, column));
   return text ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(row, column)))
               : std::string();
 }
 
+// Callers pass null for what they do not ask for, so that one query serves them all.
 template <class Value>
 void give(Value* output, const Value& value) {
   if (output) *output = value;
@@ -41,6 +44,7 @@ void giveIdentifier(sqlite3_stmt* row, int column, fsf_fid* fid) {
   GetBlobForInt(pieces, fid);
 }
 
+// A row that another row names must be there; without it nothing more can be concluded.
 [[noreturn]] void noSuchRow(const char* tag, unsigned long long inode) {
   dbg.Error(tag, "Could not find an entry with Inode:%llu", inode);
   throw UDCException(tag, 1, "DB Inconsistent", 0);
@@ -150,6 +154,8 @@ int DCSqliteDB::GetFidTuple(const fsf_fid* fid, std::list<unsigned long long>* f
   });
 }
 
+// Several rows are a file with several names: none of their numbers speaks for all, so that no
+// record counts as newer.
 bool DCSqliteDB::CheckSeqNum(const fsf_fid* fid, unsigned long long seqNum, int* rowCount) {
   constexpr char kTag[] = "DCSqliteDb :: CheckSeqNum";  // sic: as it stands in the logs
   return logged(kTag, [&] {
@@ -248,6 +254,8 @@ void DCSqliteDB::GetNameFileTypePInodeAndFidRowId(unsigned long long inode, std:
   });
 }
 
+// Row by row, and not by a query for parent and name: the identifier has brought the few candidates
+// already, and a folder may hold very many names.
 void DCSqliteDB::FindWhichInodeCorrespondsToThisParentAndShortName(
     std::list<unsigned long long>& inodes, unsigned long long parentInode, const char* name,
     int* fileType, unsigned long long* fidRowId, unsigned long long* inode) {

@@ -24,6 +24,8 @@ using kddc::Sql;
 
 namespace {
 
+// The columns are as wide as the numbers once were. A larger one is cut, and comes back cut:
+// readers compare the low 32 bits.
 template <class Number>
 int int32(Number value) {
   return static_cast<int>(static_cast<unsigned>(value));

@@ -51,6 +51,7 @@ void DCSqliteDBSortedInsert::FlushAllFids() {
     dbg.Debug(kTag, "SortMap_m Size[%lu]", sortMap.size());
     const Clock::time_point began = Clock::now();
 
+    // Sorted once more, by inode: FILES grew in that order, so its pages are passed through once.
     std::vector<std::pair<unsigned long long, unsigned long long>> fidsRowIds;  // by inode
     fidsRowIds.reserve(sortMap.size());
     for (const auto& [fid, inode] : sortMap) {
@@ -79,6 +80,8 @@ void DCSqliteDBSortedInsert::DeleteFromMap(unsigned long long inode) {
   constexpr char kTag[] = "DCSqliteDBSortedInsert :: DeleteFromMap";
   logged(kTag, [&] {
     dbg.DebugLvl(kTag, 6, "Inode[%llu]", inode);
+    // A search through all of it: only what is removed while a scan goes on comes here, which is
+    // rare.
     const auto found = std::ranges::find(sortMap, inode, &decltype(sortMap)::value_type::second);
     if (found != sortMap.end()) sortMap.erase(found);
   });
@@ -95,6 +98,7 @@ void DCSqliteDBSortedInsert::RemoveFolderGivenInode(unsigned long long inode,
 
 int DeleteCallBack1(void* object, int /*columns*/, char** values, char** /*names*/) {
   return kddc::removeChild("DeleteCallBack1", values, [&](const kddc::ChildRow& child) {
+    // In two steps, because what was handed in as a void* is the base.
     auto* catalogue = static_cast<DCSqliteDBSortedInsert*>(static_cast<DCSqliteDB*>(object));
     if (child.isFolder) {
       catalogue->RemoveFolderGivenInode(child.inode, child.fidRowId);

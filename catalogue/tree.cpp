@@ -47,6 +47,8 @@ void DCSqliteDB::RemoveFolderGivenInode(unsigned long long inode, unsigned long 
          [&] { removeSubtree(inode, fidsRowId, DeleteCallBack); });
 }
 
+// Each level is a query whose callback comes back here, so depth costs stack. Below the deepest
+// level folders are put off, and the outermost call begins with them anew.
 void DCSqliteDB::removeSubtree(unsigned long long inode, unsigned long long fidsRowId,
                                int (*rowCallback)(void*, int, char**, char**)) {
   const Level level(*subtreeWalk_);
@@ -54,6 +56,7 @@ void DCSqliteDB::removeSubtree(unsigned long long inode, unsigned long long fids
     subtreeWalk_->postponed.emplace_back(inode, fidsRowId);
     return;
   }
+  // Parents may form a cycle, in a damaged catalogue.
   if (subtreeWalk_->visited.insert(inode).second) {
     if (!filesDb)
       throw UDCException("DCSqliteDB :: RemoveFolderGivenInode", 1, dbFolder + " is not open", 0);

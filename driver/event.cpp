@@ -69,6 +69,7 @@ bool readError(Bytes info, Event& event) {
   return error.has_value();
 }
 
+// A kind of information that is not known is passed over: a later kernel may add some.
 bool readInfo(unsigned char type, Bytes info, Event& event) {
   switch (type) {
     case FAN_EVENT_INFO_TYPE_FID:
@@ -97,6 +98,7 @@ bool readInfos(Bytes infos, Event& event) {
   return true;
 }
 
+// Of a change of a folder itself the kernel tells as of the name "." in it.
 void nameFolderItself(Event& event) {
   if (event.hasObject || !event.hasName || event.name != ".") return;
   event.hasObject = true;
@@ -117,6 +119,7 @@ bool readEvent(const fanotify_event_metadata& metadata, Bytes whole, Event& even
 
 }  // namespace
 
+// What is not understood is skipped by its length, so that the events behind it are not lost.
 bool parseEvents(std::span<const unsigned char> bytes, std::vector<Event>& events) {
   bool understood = true;
   while (!bytes.empty()) {

@@ -8,8 +8,10 @@
 namespace kddc {
 namespace {
 
+// In the place of an identifier that the driver does not know.
 constexpr fsf_fid kNobody{};
 
+// The codec writes whole seconds and nanoseconds; the catalogue keeps the seconds.
 FlrJrnTime timeOf(const timespec& time) {
   return {time.tv_sec, time.tv_nsec};
 }
@@ -20,6 +22,8 @@ FlrJrnCommandRaw recordOf(FlrJrnCmd cmd) {
   return record;
 }
 
+// The change time of the file, not the time of the look: it is what decides whether the change was
+// made while the catalogue was open.
 FlrJrnCommandRaw recordOf(FlrJrnCmd cmd, const FoundFile& file, bool listed = false) {
   FlrJrnCommandRaw record = recordOf(cmd);
   record.timestamp = static_cast<std::uint32_t>(file.st.st_ctim.tv_sec);
@@ -73,6 +77,7 @@ FlrJrnCommandRaw presentRecord(const FoundName& name, const FoundFile& file, boo
   return createRecord(name, file, listed);
 }
 
+// The replaced file is told of by a record of its own: who it was can be looked up no more.
 FlrJrnCommandRaw renameRecord(const FoundFile& file, const FoundName& from, const FoundName& to) {
   FlrJrnCommandRaw record = recordOf(FLR_JRN_RENAME, file);
   record.u.rename = {.src_fid = file.fid,
@@ -116,6 +121,7 @@ FlrJrnCommandRaw stubRecord(const FoundFile& file, bool isStub) {
   return record;
 }
 
+// Without name and folder a REMOVE tells the link count alone.
 FlrJrnCommandRaw linkCountRecord(const FoundFile& file) {
   FlrJrnCommandRaw record = recordOf(FLR_JRN_REMOVE, file);
   record.u.remove = {.par_fid = kNobody,
@@ -129,6 +135,7 @@ FlrJrnCommandRaw noLinksRecord(const fsf_fid& file) {
   return absentRecord({kNobody, ""}, file);
 }
 
+// Without a time: nothing is there that bears one. `lost` may be nobody.
 FlrJrnCommandRaw absentRecord(const FoundName& name, const fsf_fid& lost, unsigned links) {
   FlrJrnCommandRaw record = recordOf(FLR_JRN_REMOVE);
   record.u.remove = {

@@ -72,6 +72,8 @@ constexpr Attribute attribute(unsigned char FlrJrnSetAttrRaw::*sent, bool DCJrn:
   };
 }
 
+// The spans below take them by their places: those that only a change of content moves, then the
+// modification time, the change time, and last the access time, which counts as no change.
 using Raw = FlrJrnSetAttrRaw;
 constexpr Attribute kAttributes[] = {
     attribute<&Raw::mode, &Stat::st_mode>(&Raw::mode_valid, &DCJrn::modeValid),
@@ -191,6 +193,8 @@ void CumulativeJournal::Create(const FlrJrnCreateRaw& record) {
   });
 }
 
+// The row of a file that came and went between two flushes was never written, and nothing is to be
+// removed.
 void CumulativeJournal::Remove(const FlrJrnRemoveRaw& record, unsigned long time) {
   loggedWithKd("CumulativeJournal :: UnStub", [&] {  // sic: as it stands in the logs
     bool neverWritten = false;
@@ -220,6 +224,8 @@ void CumulativeJournal::CreateLink(const FlrJrnLinkRaw& record, int time) {
   });
 }
 
+// The names of others may depend on what is pending: a folder that is created and renamed at once,
+// or a file that takes the name of another.
 void CumulativeJournal::Rename(const FlrJrnRenameRaw& record, int time) {
   loggedWithKd("CumulativeJournal :: Rename", [&] {
     FlushAllJournals();
@@ -239,6 +245,8 @@ void CumulativeJournal::CreateSymLink(const FlrJrnSymLinkRaw& record, int time) 
                [&] { DCSqliteDB::CreateSymLink(record, time); });
 }
 
+// Not "at least": with a limit of 0 the table is full as long as it is empty, and the operations
+// ask for that limit before they come here.
 bool CumulativeJournal::IsJournalMapFull() const {
   return journalMap.size() == mapLimit;
 }

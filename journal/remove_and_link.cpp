@@ -82,6 +82,7 @@ void DCSqliteDB::Remove(const FlrJrnRemoveRaw& record, unsigned long time) {
       return;
     }
     deleteRows(*this, rowNamed(*this, kTag, record.par_fid, record.short_name));
+    // The names that are left: the row above is gone by now.
     for (const unsigned long long inode : inodesOf(*this, record.file_fid))
       UpdateNlinkCtimeTime(inode, time, static_cast<int>(record.nlink));
   });
@@ -97,6 +98,7 @@ void DCSqliteDB::CreateLink(const FlrJrnLinkRaw& record, int time) {
     StatFidName_s entry{.st = {}, .fid = record.src_fid, .name = record.dst_short_name};
     const std::list<unsigned long long> names = inodesOf(*this, record.src_fid);
     GetStatInfo(names.empty() ? 0 : names.back(), &entry.st, nullptr);
+    // The record does not say how many names there are, so the rows are counted.
     entry.st.st_nlink = names.size() + 1;
     entry.st.st_ctime = time;
     Insert(&entry, inodeOf(*this, record.dst_par_fid), kDeriveFromMode);
@@ -179,6 +181,7 @@ void DCSqliteDB::DeleteChildIfExists(unsigned long long parentInode, fsf_fid* /*
   });
 }
 
+// The answer was always false; what callers rely on are the exceptions of the two lookups.
 bool DCSqliteDB::IfChildExists(unsigned long long parentInode, fsf_fid* /*fid*/, const char* name) {
   return logged("DCSqliteDB :: IfChildExists", [&] {
     RowIds child;

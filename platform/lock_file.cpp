@@ -15,6 +15,8 @@ namespace {
 
 constexpr int kRetryMilliseconds = 10;
 
+// An open-file lock: it belongs to the descriptor, so another one of the same process is kept out
+// too, and closing some other descriptor of the file does not give it back.
 struct flock wholeFile(bool shared) {
   struct flock lock {};
   lock.l_type = shared ? F_RDLCK : F_WRLCK;

@@ -22,6 +22,7 @@ namespace {
 
 constexpr const char* kDefaultSource = "/proc/self/mounts";
 
+// Tests, and hosts with a table of their own, name another file.
 struct Source {
   std::mutex mutex;
   std::string path = kDefaultSource;

@@ -34,6 +34,7 @@ std::size_t sequenceAt(std::string_view text) {
   return 0;
 }
 
+// Some terminals take these for the beginnings of commands, as they do the ones below 0x20.
 bool isC1Control(std::string_view sequence) {
   if (sequence.size() != 2 || sequence[0] != '\xc2') return false;
   const auto second = static_cast<unsigned char>(sequence[1]);

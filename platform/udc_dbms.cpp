@@ -29,6 +29,7 @@ constexpr char kSection[] = "DataClassification";
 constexpr int kCacheKiB = 64 * 1024;
 constexpr int kWalBytesBeforeCheckpoint = 64 * 1024 * 1024;
 
+// A group of no rows, or of no time, would be committed before it began.
 long long setting(const char* key, long long fallback) {
   KDPlatformInfo::getNumber(kSection, key, &fallback);
   return std::max(fallback, 1LL);
@@ -48,6 +49,7 @@ void createPrivately(const std::string& path) {
   if (fd >= 0) close(fd);
 }
 
+// A file lasts only when its name does.
 void syncFolderOf(const std::string& path) {
   const std::string folder = std::filesystem::path(kddc::withResolvedFolder(path)).parent_path();
   const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -69,6 +71,7 @@ UDC_DBMS::UDC_DBMS(std::string path, int synchronous, int busySeconds, bool read
       commitEveryRows_(setting("CommitEveryRows", 20000)),
       commitEvery_(setting("CommitEveryMilliseconds", 1000)) {}
 
+// What was not committed is rolled back: only Commit and closedb keep it.
 UDC_DBMS::~UDC_DBMS() {
   releaseConnection();
 }
@@ -117,6 +120,7 @@ void UDC_DBMS::configure() {
   begin();
 }
 
+// The connection goes whatever happens: a second try could not do better.
 bool UDC_DBMS::closedb(bool discard) {
   if (!handle) return true;
   try {
@@ -175,6 +179,7 @@ int UDC_DBMS::exec_query_with_callback(const char* sql, int (*row)(void*, int, c
   return result == SQLITE_ABORT ? result : check(kTag, result);
 }
 
+// To its end, rows or not: a statement that is left in the middle would hold up the next commit.
 int UDC_DBMS::exec_prepared_query(sqlite3_stmt* statement) {
   constexpr char kTag[] = "UDC_DBMS :: exec_prepared_query";
   requireOpen(kTag);

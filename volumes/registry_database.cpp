@@ -42,6 +42,7 @@ constexpr Schema kFsTypes{
         "CREATE TABLE FSTYPE(FSTYPE TEXT,DRIVER_SUPPORT_POSSIBLE TEXT);"
         "INSERT INTO FSTYPE VALUES('ext4','Y'),('xfs','Y'),('btrfs','Y'),('tmpfs','Y')"};
 
+// All columns by name: a registry of another version may have them in another order.
 constexpr char kInsert[] =
     "INSERT INTO VOLUME(DEVLABEL,MOUNT_POINT,FSTYPE,DEVTYPE,BLOCKSIZE,DRIVER_SUPPORT_POSSIBLE,"
     "PATH_TO_DB,SCAN_PROGRESS,INCR_SCAN_PROGRESS,CURRENT_SCAN_TIME,LAST_SCAN_TIME,SCAN_END_TIME,"
@@ -75,6 +76,7 @@ std::unique_ptr<UDC_DBMS> open(const char* tag, const Schema& schema) {
   return db;
 }
 
+// The number keeps catalogues of several volumes apart in one folder.
 std::string newCatalogueFolder(const NewVolume& volume) {
   std::string folder = volume.dbFolder == "NULL" ? volume.mountPoint : volume.dbFolder;
   if (folder != "/") folder += "/";

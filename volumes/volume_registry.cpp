@@ -33,6 +33,8 @@ std::optional<char> driverSupportOf(const char* fsType) {
 }
 
 // Deletes the row of a volume; its catalogue folder, empty when there is none.
+// With several rows for one mount point nobody can say which catalogue is meant, and none is
+// removed.
 std::string forgetVolume(const std::string& mountPoint) {
   const std::string where = " WHERE MOUNT_POINT=" + sqlLiteral(mountPoint) + " ";
   const auto db = kddc::openRegistry();
@@ -69,6 +71,7 @@ bool supported_fs_type(const char* fsType, char* driverSupport) {
   return support.has_value();
 }
 
+// The buffer is the caller's and its size unknown: the signature is as callers have it.
 void create_volume_insert_query(char* out, const char* mountPoint, const char* devLabel,
                                 const char* fsType, char driverSupport, int volNumber,
                                 const char* dbFolder, int local) {

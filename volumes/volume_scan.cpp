@@ -42,6 +42,7 @@ bool isNetworkOrAutomount(const std::string& fsType) {
 }
 
 // Runs `step`; a failure is logged and ends here.
+// The host calls this now and then and does not look at what comes of it, so nothing gets out.
 template <class Step>
 void attempt(Step step) {
   try {

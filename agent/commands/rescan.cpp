@@ -30,6 +30,7 @@ namespace {
 constexpr std::chrono::hours kPatience(
     24);  // a scan may have to end first, and the volume be large
 
+// The reader knows the sentence for what is wrong; the library has the last word.
 void requireGood(const std::string& folder, const std::string& volume) {
   const CatalogueReader sentence(folder, volume, CatalogueReader::Columns::kPath);
   FlrDriver driver;

@@ -38,6 +38,7 @@ std::optional<VolumeStatus> askStatus(const std::string& socket, const std::stri
   return volumeStatusFrom(*answer);
 }
 
+// What a catalogue can say of itself when nobody watches its volume.
 VolumeStatus statusOfCatalogue(const std::string& folder, const std::string& volume) {
   CatalogueReader reader(folder, volume, CatalogueReader::Columns::kPath);
   VolumeStatus status;
@@ -80,6 +81,8 @@ struct Overview {
   }
 };
 
+// First the processes that watch, which know best; then the registered catalogues and those in the
+// state folder, each volume once.
 Overview overview(const Options& options) {
   Overview all;
   std::set<std::string> told;

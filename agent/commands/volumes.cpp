@@ -36,6 +36,7 @@ struct Told {
   std::string state;
 };
 
+// A catalogue that cannot be read is no reason to tell nothing of the other volumes.
 std::string stateOf(const Options& options, const Told& told) {
   if (!told.isMounted) return "not mounted";
   try {
@@ -192,6 +193,8 @@ int runVolumesList(const Options& options, bool json) {
   return kExitDone;
 }
 
+// The modes are mirror images: one lists what is to be registered, the other what is not, so to add
+// a volume is to drop its name there.
 int runVolumesAdd(const Options& options, const std::string& path) {
   const std::string place = settledPath(path);
   const RegistryMode mode = registryMode();

@@ -24,6 +24,7 @@ int millisecondsUntil(Channel::Clock::time_point deadline) {
 
 Channel::Channel(UniqueFd socket, int stop) : socket_(std::move(socket)), stop_(stop) {}
 
+// What came behind the line is kept for the next one.
 Channel::Result Channel::readLine(std::string& line, std::size_t most, Clock::time_point deadline) {
   std::size_t end, searched = 0;
   while ((end = received_.find('\n', searched)) == std::string::npos) {
@@ -68,6 +69,7 @@ Channel::Result Channel::write(std::string_view bytes, Clock::time_point deadlin
   return Result::kDone;
 }
 
+// Without asking for events poll tells of nothing but a hang-up.
 bool Channel::isOver() const {
   pollfd polled[] = {{socket_.get(), 0, 0}, {stop_, POLLIN, 0}};
   return poll(polled, std::size(polled), 0) > 0;

@@ -29,6 +29,8 @@ constexpr Name kCommands[] = {{ControlCommand::kFlush, "flush"},
                               {ControlCommand::kRescan, "rescan"}};
 
 // `what` is the request or the answer.
+// What is said comes from another process, perhaps of another version, so nothing is taken for
+// granted but that it is a line.
 json parseObject(const char* what, std::string_view line) {
   const auto refuseDepth = [&](int depth, json::parse_event_t, json&) {
     if (depth > kMostNesting) throw Failure(fmt::format("{} is nested too deeply", what));
@@ -94,6 +96,7 @@ json parseAnswer(std::string_view line) {
   return answer;
 }
 
+// JSON holds text, and paths are bytes.
 void putBytes(json& object, const std::string& name, std::string_view bytes) {
   if (isUtf8(bytes))
     object[name] = bytes;

@@ -53,6 +53,7 @@ std::string through(const UniqueFd& fd) {
   return fmt::format("/proc/self/fd/{}", fd.get());
 }
 
+// Private, and not just our own: sockets of others among ours would be taken for answers.
 UniqueFd openPrivateFolder(const std::string& path) {
   makeFolders(path);
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -76,6 +77,7 @@ UniqueFd findFile(const std::string& path, struct stat& st) {
   return file;
 }
 
+// A queue of connections that is full makes connect wait, as a socket waits to send.
 int connectWithin(const UniqueFd& socket, const std::string& path, milliseconds patience) {
   const auto wait = std::max(patience, milliseconds(1));
   const timeval limit{wait.count() / 1000, wait.count() % 1000 * 1000};
@@ -86,6 +88,7 @@ int connectWithin(const UniqueFd& socket, const std::string& path, milliseconds 
   return result;
 }
 
+// A crash leaves the file of a socket; only a connection tells whether somebody still listens.
 void removeLeftover(const UniqueFd& folder, const std::string& name, const std::string& path) {
   const Connection other = connectTo(path, milliseconds(1));
   if (other.listener == Listener::kBusy)

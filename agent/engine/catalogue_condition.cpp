@@ -31,6 +31,7 @@ namespace fs = std::filesystem;
 using Kind = CatalogueCondition::Kind;
 
 constexpr char kAside[] = ".corrupt-";
+// So many are kept for whoever wants to know what happened; more would fill the disk.
 constexpr std::size_t kMostAside = 3;
 
 bool isThere(const std::string& file) {
@@ -83,6 +84,7 @@ CatalogueCondition examinePages(const std::string& folder) {
   return {Kind::kUsable, {}};
 }
 
+// From what costs least to what costs most; the pages are read last.
 CatalogueCondition examine(const std::string& folder, const std::string& volumePath) {
   const bool files = isThere(folder + kFilesDatabase), fids = isThere(folder + kFidDatabase);
   if (!files && !fids) return {Kind::kNone, {}};
@@ -121,6 +123,7 @@ CatalogueCondition examineCatalogue(const std::string& folder, const std::string
   });
 }
 
+// A name that nobody has: two that are set aside within a second must not meet.
 std::string setAside(const std::string& folder) {
   std::vector<fs::path> before = setAsideBefore(folder);
   for (std::time_t time = std::time(nullptr);; ++time) {

@@ -28,6 +28,7 @@ constexpr int kPagesBetweenTicks = 2000;
 constexpr int kStepsBetweenTicks = 1000;
 constexpr int kOff = 0;  // SQLite's synchronous level: a crash takes the copy with it anyway
 
+// The lock goes with the process that holds it, however that ends.
 UniqueFd lockedFolder(const std::string& path) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0) fd.reset();

@@ -63,10 +63,12 @@ void refuseWhileInUse(const std::string& folder) {
     throw Failure(fmt::format("{} is in use by {}; stop it first", folder, *user));
 }
 
+// Both, as only a catalogue that is open has them: a lock alone may be that of a check.
 bool isKept(const std::string& folder) {
   return holderOf(folder, kFilesDatabase) && holderOf(folder, kFidDatabase);
 }
 
+// A new catalogue takes the place of the folder, and with it of all that it holds.
 void refuseForeignFiles(const std::string& folder) {
   namespace fs = std::filesystem;
   std::error_code error;

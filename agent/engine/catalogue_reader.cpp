@@ -116,6 +116,7 @@ void CatalogueReader::View::openDatabases() {
   fid_->bind(0).step();  // the transaction begins with the first read
 }
 
+// A catalogue that somebody keeps is open and not closed properly; that is looked at elsewhere.
 void CatalogueReader::View::requireUsable() {
   if (header_.version != kCatalogueVersion)
     refuse(fmt::format("the catalogue in {} is of version '{}', not {}", folder_, header_.version,
@@ -184,6 +185,8 @@ std::optional<fsf_fid> CatalogueReader::View::fidOf(std::int64_t fidRowId) {
   return fid;
 }
 
+// What SQLite says of the file is put down to the catalogue, which can be made anew; the rest may
+// pass.
 void CatalogueReader::View::failReading(const UDCException& e) const {
   switch (e.GetErrorNumber() & 0xff) {
     case SQLITE_NOTADB:

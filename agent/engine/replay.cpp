@@ -82,6 +82,7 @@ bool Replay::step() {
   return true;
 }
 
+// A stream may hold the records of several volumes; a catalogue is of one.
 void Replay::take(const FilePiece& piece) {
   if (!piece.damage.empty()) return refuse(piece);
   FlrJrnCommandRaw record;
@@ -103,6 +104,7 @@ void Replay::refuse(const FilePiece& piece) {
   complain(describeDamage(file_, piece));
 }
 
+// Only the first failure is told: what follows from it would drown it.
 void Replay::apply(const FilePiece& piece, const FlrJrnCommandRaw& record) {
   ReplayCounts& counts = tally_.of(record.cmd);
   if (ApplyJournal(&rows_, record)) {

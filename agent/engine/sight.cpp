@@ -44,6 +44,7 @@ Sight::Sight(const std::string& volume, const std::string& path,
   if (isPresent_) noteTarget();
 }
 
+// What is mounted there, or left out, is no part of the volume, and counts as absent.
 bool Sight::step(const std::string& path, const std::vector<FileKey>& leftOut) {
   struct stat next;
   if (lstat(path.c_str(), &next) != 0) {
@@ -63,6 +64,8 @@ void Sight::noteTarget() {
   note(st_.st_ctim);
 }
 
+// Within one tick of the clock a second change leaves the time as it was, so a time of this tick
+// tells nothing yet.
 void Sight::note(const struct timespec& time) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME_COARSE, &now);

@@ -86,6 +86,8 @@ void FirstLook::notePaths(std::string_view line) {
   }
 }
 
+// The comparison stops where an entry vanishes under its hands. Then the marks are taken away, and
+// each entry is compared by itself, so that one that vanishes costs no other.
 void FirstLook::walk() {
   db_.fids().exec_query("UPDATE FIDS SET RESCAN=0");
   db_.files().exec_query("UPDATE FILES SET GID=0");
@@ -184,6 +186,8 @@ class Settling {
   std::vector<Differing> differing_;
 };
 
+// Look, let the catalogue catch up, look into a copy of it: an entry that is the same before and
+// after was the same while its row was read, so a difference is none of the delay.
 bool Settling::lookAgain(const std::function<bool()>& tick) {
   for (Open& open : open_)
     if (open.suspect.kind == Kind::kPath) open.before = see(open.suspect);
@@ -201,6 +205,7 @@ bool Settling::lookAgain(const std::function<bool()>& tick) {
   return isKept;
 }
 
+// What still changes stays open. What holds still is believed when it has differed in two rounds.
 Settling::Verdict Settling::judge(FreshLook& look, Open& open, bool isKept) const {
   const Sight now = see(open.suspect);
   if (!now.isKnown()) return Verdict::kOpen;

@@ -14,6 +14,8 @@ namespace kddc {
 namespace {
 
 constexpr char kTag[] = "Applier";
+// How long a swap file that cannot be read is left alone; how soon a reader that was told to leave
+// is told again.
 constexpr std::chrono::milliseconds kPause(1000), kPatience(20);
 
 }  // namespace
@@ -21,6 +23,8 @@ constexpr std::chrono::milliseconds kPause(1000), kPatience(20);
 Applier::Applier(PersistentDCRawBuffer& queue, Sink doubt)
     : queue_(queue), doubt_(std::move(doubt)) {}
 
+// All that was numbered before counts as committed: whoever waits asks for a later one. A number
+// that is known stays: the queue may hold records of a driver that is gone.
 void Applier::expect(unsigned long long devt, unsigned long long number) {
   const std::lock_guard lock(mutex_);
   numbers_.try_emplace(devt, Numbers{number, number - 1});
@@ -93,6 +97,8 @@ void Applier::abandon() {
   } while (!changed_.wait_for(lock, kPatience, [&] { return ended_; }));
 }
 
+// A record comes out of files that anybody may have damaged, so its form is checked before anything
+// in it is believed; one that fails is left out, and what it would have said is in doubt.
 void Applier::take(std::span<unsigned char> bytes) {
   if (!isWellFormedRecord(bytes.data(), bytes.size())) {
     count(bytes.size(), &Counts::refused);
@@ -110,6 +116,8 @@ void Applier::take(std::span<unsigned char> bytes) {
     applyToVolumes(record);
 }
 
+// Numbers run on within a file system, over restarts too. A gap concerns every volume on it: what
+// the missing records said, and of which, nobody knows.
 void Applier::checkNumber(unsigned long long devt, unsigned long long number) {
   unsigned long long expected = number;
   {
@@ -133,6 +141,9 @@ void Applier::applyToVolumes(const FlrJrnCommandRaw& record) {
       doubt_(volume, {"a record could not be applied", Doubt::Remedy::kReopen});
 }
 
+// A NOOP ends everything that its driver had to say until then, so this is where a flush is
+// answered, and where a stop in good order ends. A volume that cannot be written does not hold up
+// the others.
 void Applier::checkpoint(unsigned long long devt, unsigned long long number) {
   for (VolumeRows* volume : volumes_) {
     if (volume->devt() != devt) continue;
@@ -158,6 +169,7 @@ void Applier::reportLosses() {
   doubt_(nullptr, {"a swap file was damaged"});
 }
 
+// Of the last whole second or more: over less time the rate would jump about.
 void Applier::measureRate() {
   ++rateRecords_;
   const auto now = std::chrono::steady_clock::now();

@@ -78,6 +78,8 @@ class Comparer {
   std::uint64_t current_ = 0;  // whose rows are at hand; 0: none's
 };
 
+// The rows are let go of after each batch: a reader that stays would keep the log of the database
+// from being emptied.
 void Comparer::take(const Batch& batch) {
   std::size_t begin = 0;
   for (const Batch::Entry& entry : batch.entries) {
@@ -102,6 +104,7 @@ void Comparer::meet(const WalkedEntry& entry) {
   judge(row && row->knowsFid && row->fid == entry.fid ? row : nullptr, entry);
 }
 
+// Of a name with the wrong identifier, or none, all is told anew; else only what it is like.
 void Comparer::judge(const FolderRow* row, const WalkedEntry& entry) {
   if (!row)
     suspicions_.name(folders_[entry.parent].fid, entry);
@@ -144,6 +147,8 @@ void Comparer::enter(std::uint64_t folder) {
     rows_.clear();
 }
 
+// What is left of the rows has no counterpart on the disk. A row that no name can be asked for is
+// told by its number.
 void Comparer::leave(std::uint64_t folder) {
   if (folder != current_) enter(folder);  // it was empty
   for (const FolderRow& row : rows_.all()) {

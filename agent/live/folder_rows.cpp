@@ -33,6 +33,8 @@ fsf_fid fidIn(const Query& row, int column) {
   return fid;
 }
 
+// Names are sorted by their hashes: in a folder of a million names comparing texts is what would
+// cost.
 std::size_t hashOf(std::string_view name) {
   return std::hash<std::string_view>()(name);
 }
@@ -69,6 +71,8 @@ void FolderRows::clear() {
   next_ = 0;
 }
 
+// All names of a folder share one text, and rows say where in it theirs lies: a string for each
+// would be most of the memory.
 void FolderRows::load(std::int64_t folder) {
   begin();
   clear();
@@ -93,6 +97,8 @@ void FolderRows::load(std::int64_t folder) {
   identify();
 }
 
+// The rows' identifiers, in runs of FIDS rows that lie close together: a scan gave the entries of a
+// folder neighbouring numbers, so that most folders take one or a few searches.
 void FolderRows::identify() {
   byFidsRowId_.resize(rows_.size());
   std::iota(byFidsRowId_.begin(), byFidsRowId_.end(), 0U);
@@ -111,6 +117,8 @@ void FolderRows::identify() {
   }
 }
 
+// Both sides are sorted and are passed through side by side. What speaks of another row is none:
+// the row has lost its identifier.
 void FolderRows::identifyRun(std::size_t first, std::size_t end) {
   identifiers_.bind(rows_[byFidsRowId_[first]].fidsRowId, rows_[byFidsRowId_[end - 1]].fidsRowId);
   while (identifiers_.step()) {
@@ -142,6 +150,8 @@ std::span<const FolderRows::HashedName> FolderRows::candidates(std::string_view 
   return {first, end};
 }
 
+// The disk mostly lists names in the order in which the scan inserted them, so the next row is
+// tried before the name is searched for.
 FolderRow* FolderRows::meet(std::string_view name) {
   const auto isIt = [&](const FolderRow& row) { return !row.met && nameOf(row) == name; };
   if (next_ >= rows_.size() || !isIt(rows_[next_])) {
@@ -154,6 +164,7 @@ FolderRow* FolderRows::meet(std::string_view name) {
   return &rows_[next_++];
 }
 
+// Of rows with one name only one can be met; the others are left over.
 bool FolderRows::isDuplicate(const FolderRow& row) {
   return std::ranges::any_of(candidates(nameOf(row)), [&](const HashedName& candidate) {
     const FolderRow& other = rows_[candidate.row];
@@ -161,6 +172,8 @@ bool FolderRows::isDuplicate(const FolderRow& row) {
   });
 }
 
+// A folder has one name, but a crash may have left rows that do not speak of each other; those are
+// passed over.
 std::optional<std::int64_t> FolderRows::folderOf(const fsf_fid& fid) {
   begin();
   unsigned long long pieces[4];

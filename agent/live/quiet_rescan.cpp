@@ -84,6 +84,8 @@ class Differences : public Suspicions {
   std::string name_;
 };
 
+// Identifiers first, by which everything else is found; names that are gone before those that are
+// there, so that a file that moved is met as a parked row and keeps its number.
 void Differences::applyTo(LiveCatalogue& rows, Settle& settle) {
   for (const auto& [inode, fid] : identities_)
     if (auto row = rows.rowAt(inode)) rows.readopt(*row, fid);
@@ -113,6 +115,7 @@ void correct(const std::string& folder, Differences& differences, LiveCatalogue&
   settle.dropParked();
 }
 
+// Rows are left alone when nothing differs; only the reference time goes on.
 SettleCounts apply(const std::string& folder, Differences& differences, const CompareCounts& met,
                    std::time_t began) {
   LiveCatalogue rows(folder);
@@ -131,6 +134,8 @@ SettleCounts apply(const std::string& folder, Differences& differences, const Co
 
 }  // namespace
 
+// Compared while the catalogue is only held, and corrected afterwards: the walk may take hours, and
+// a crash in it leaves the catalogue as good as it was.
 RescanCounts rescanQuietly(UniqueFd root, const std::string& volumePath, const WalkOptions& options,
                            const std::string& catalogueFolder, std::time_t began,
                            const CompareWishes& wishes) {

@@ -22,6 +22,8 @@ Settle::Result Settle::guarded(const std::function<void()>& work) {
   return work_.result;
 }
 
+// The root's row is the volume's whatever identifier it has; any other row takes one only when it
+// has none, and nobody else has this one.
 Settle::Result Settle::identify(unsigned long long inode, const fsf_fid& folder) {
   return guarded([&] {
     auto row = work_.rows.rowAt(inode);
@@ -59,6 +61,8 @@ void Settle::dropParked() {
   });
 }
 
+// What each record says of a name or a file, in the terms of the header. A REMOVE without a name is
+// the driver's way to tell a link count.
 void Settle::settle(const FlrJrnCommandRaw& record) {
   const RecordMask mask(record.mask);
   switch (record.cmd) {

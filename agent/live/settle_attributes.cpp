@@ -12,6 +12,8 @@
 namespace kddc {
 namespace {
 
+// Files whose link count or stub mark waits, so that a file with thousands of names is written once
+// and not with each of its records.
 constexpr std::size_t kMostHeldBack = 1000;
 
 // Times and identities are stored as 32 bits.
@@ -55,6 +57,8 @@ void SettleAttributes::attributes(const FlrJrnCommandRaw& record) {
   if (justListed_ != kNobody && justListed_ == r.fid) stampListed(r.fid);
 }
 
+// From what readers ask for to what they hardly care for: content, blocks, links, the change time
+// alone, the access time alone. Each needs less to be written than the one before.
 void SettleAttributes::compare(const FlrJrnCommandRaw& record) {
   const FlrJrnSetAttrRaw& r = record.u.setattr;
   const auto names = rows_.namesOf(r.fid, 1);
@@ -116,6 +120,7 @@ void SettleAttributes::stampListed(const fsf_fid& fid) {
   for (const unsigned long long inode : rowsOf(rows_, fid)) rows_.stampNow(inode);
 }
 
+// Of a file that was just created the rows have no mark yet, and "is no stub" says nothing new.
 void SettleAttributes::stub(const FlrJrnCommandRaw& record) {
   const bool isStub = record.cmd == FLR_JRN_STUB;
   const fsf_fid& fid = isStub ? record.u.stub.fid : record.u.unstub.fid;
@@ -147,6 +152,8 @@ void SettleAttributes::noteLinks(const fsf_fid& fid, RecordMask mask, unsigned t
   if (!mask.hasManyLinks()) noteLinks(fid, mask.links(), time);
 }
 
+// A row is written with one link, so that of a new file with one name there is nothing to hold
+// back.
 void SettleAttributes::noteLinks(const fsf_fid& fid, unsigned links, unsigned time) {
   if (rows_.createdOf(fid)) {
     if (links == 1) return;
@@ -171,6 +178,8 @@ void SettleAttributes::forgetHeldBack(const fsf_fid& fid) {
   stubs_.erase(fid);
 }
 
+// TIME goes forward only: a change that was made while nobody watched counts as made now, so that
+// whoever asks from the last answer on hears of it.
 void SettleAttributes::writeLinks(const fsf_fid& fid, const Links& links) {
   for (const unsigned long long inode : rowsOf(rows_, fid)) {
     struct stat st {};

@@ -33,6 +33,7 @@ bool SettleComing::isBorneBy(unsigned long long folder, const NamedFile& found) 
          (bearer->pending() || found.isOfType(bearer->type));
 }
 
+// A folder has one name. Two rows are left when it moved while it was scanned.
 void SettleComing::keepOneRow(std::vector<Name>& names) {
   while (names.size() > 1) {
     going_.takeNameFrom(names.back());
@@ -40,6 +41,7 @@ void SettleComing::keepOneRow(std::vector<Name>& names) {
   }
 }
 
+// Rows of another type are those of a file that is gone, whose identifier was given again.
 std::vector<Name> SettleComing::namesOf(const NamedFile& found, const FlrJrnCommandRaw& record) {
   const auto isAnothers = [&](const Name& name) { return !found.isOfType(name.type); };
   for (;;) {
@@ -137,6 +139,7 @@ void SettleComing::link(const NamedFile& found, unsigned long long folder,
   attributes_.noteLinks(found.file, found.mask, record.timestamp);
 }
 
+// As LINK does, but without writing the other rows: their link count is held back.
 void SettleComing::addRow(const NamedFile& found, unsigned long long folder, const Name& other,
                           unsigned time) {
   work_.write(found.file);
@@ -147,6 +150,8 @@ void SettleComing::addRow(const NamedFile& found, unsigned long long folder, con
   work_.noteApplied();
 }
 
+// What the driver has seen to move. Its two ends are looked at apart: the row may have moved
+// already, may lie outside, or the names may have changed hands since.
 void SettleComing::rename(const FlrJrnCommandRaw& record) {
   const FlrJrnRenameRaw& r = record.u.rename;
   const RecordMask mask(record.mask);

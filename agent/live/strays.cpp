@@ -41,6 +41,7 @@ const Row* find(const std::vector<Row>& rows, std::int64_t inode) {
   return at == rows.end() || at->inode != inode ? nullptr : &*at;
 }
 
+// Each row is climbed from once: whatever is passed on the way gets the same end.
 class Ways {
  public:
   explicit Ways(const std::vector<Row>& rows) : rows_(rows), ways_(rows.size()) {}
@@ -103,6 +104,8 @@ Strays findStrays(const std::string& catalogueFolder) {
   return strays;
 }
 
+// As many met as there are: then no row lies beside the ways of the walk, and nothing need be
+// searched.
 bool hasMetAll(const std::string& catalogueFolder, const CompareCounts& counts) {
   const ReadConnection files(catalogueFolder + kFilesDatabase);
   const ReadConnection fids(catalogueFolder + kFidDatabase);

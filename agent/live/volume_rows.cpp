@@ -37,6 +37,7 @@ void VolumeRows::doLater(std::function<void(LiveCatalogue&, Settle&)> chore) {
   hasChores_ = true;
 }
 
+// Taken out first: a chore may take long, and others may be added meanwhile.
 void VolumeRows::doChores() {
   decltype(chores_) chores;
   {
@@ -48,6 +49,8 @@ void VolumeRows::doChores() {
   dirty_ = dirty_ || !chores.empty();
 }
 
+// What a coalescing catalogue holds back is written first; only then is it known which rows are
+// parked.
 void VolumeRows::checkpoint() {
   doChores();
   if (dirty_ || !asked_.empty()) {
@@ -80,6 +83,7 @@ void VolumeRows::close(std::time_t referenceTime) {
   publish();
 }
 
+// A copy for those who ask how it goes: the rows are of the database thread alone.
 void VolumeRows::publish() {
   const std::lock_guard lock(mutex_);
   report_ = {settle_.counts(), std::time(nullptr)};

@@ -21,6 +21,7 @@
 namespace kddc {
 namespace {
 
+// After so many questions the walk waits for the answers; so many reasons are remembered.
 constexpr std::uint64_t kMostOpenQuestions = 20'000;
 constexpr std::size_t kMostReasons = 10;
 

@@ -22,6 +22,8 @@ constexpr std::chrono::seconds kRegistry(5);
 
 }  // namespace
 
+// All that may refuse comes before the queue is opened, which throws away what an earlier run has
+// saved where it is of no use; and the marks come last, when there is somewhere for events to go.
 WatchSession::WatchSession(WatchPlan plan, WatchListeners listeners, ServiceManager& manager)
     : plan_(std::move(plan)), listeners_(std::move(listeners)), manager_(manager) {
   makeFolders(plan_.stateFolder);
@@ -94,6 +96,8 @@ void WatchSession::openQueue() {
       *queue_, [this](const VolumeRows* rows, const Doubt& why) { doubt(rows, why); });
 }
 
+// The driver threads come before the scan, so that changes queue up while it goes on; the database
+// thread comes after it, because the scan has the catalogues to itself.
 void WatchSession::run(const std::function<void()>& live) {
   startThreads();
   forEach([this](Volume& volume) {
@@ -133,6 +137,8 @@ void WatchSession::compareAll() {
   }
 }
 
+// One thing at a time: whatever is due next, until the end. Reading the registry is worth its time
+// only now and then, or when something was mounted.
 void WatchSession::work() {
   auto registryRead = Pacer::Clock::now();
   while (!isStopping()) {

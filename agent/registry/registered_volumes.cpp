@@ -26,6 +26,7 @@ std::string registryPath() {
   return registryFolder() + "/DataClassification/volume_db.kd";
 }
 
+// What SQLite says is for programmers; these are the failures that somebody can do something about.
 std::string reasonOf(const UDCException& e) {
   constexpr char kHeld[] = "another process holds it; try again later";
   const int number = e.GetErrorNumber();
@@ -71,6 +72,7 @@ ReadConnection::Medium mediumOf(const std::string& path) {
   return readOnly ? ReadConnection::Medium::kReadOnly : ReadConnection::Medium::kWritable;
 }
 
+// A registry that an older version made, or nobody yet, lacks tables; that is no damage.
 bool hasTable(const ReadConnection& registry, std::string_view name) {
   Query tables(registry, "SELECT upper(name) FROM sqlite_master WHERE type='table'");
   while (tables.step())
@@ -105,6 +107,8 @@ std::vector<RegisteredVolume> registeredVolumes() {
   return volumes;
 }
 
+// For those who do not depend on it: a user who may not read the registry has catalogues all the
+// same.
 std::vector<RegisteredVolume> registeredVolumesIfReadable() {
   if (!may(R_OK, registryPath())) return {};
   return registeredVolumes();

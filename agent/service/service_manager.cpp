@@ -34,6 +34,7 @@ ServiceManager::ServiceManager(Note note)
   tell("STATUS=starting");
 }
 
+// What the manager kept over a crash, by the names under which it was given to it.
 void ServiceManager::receive() {
   char** names = nullptr;
   const int count = sd_listen_fds_with_names(1, &names);
@@ -86,6 +87,7 @@ void ServiceManager::forget(const std::string& name) const {
   tell("FDSTOREREMOVE=1\nFDNAME=" + name);
 }
 
+// Of volumes that are no longer watched: the kernel would queue changes for nobody.
 void ServiceManager::forgetUnclaimed() {
   const std::lock_guard lock(mutex_);
   for (const auto& [name, fds] : kept_) {

@@ -13,6 +13,8 @@ namespace {
 
 using std::chrono::microseconds;
 
+// How often the state is looked at; and for how much longer the manager is asked to wait, how
+// often, and until when.
 constexpr std::chrono::seconds kLook(1);
 constexpr std::chrono::seconds kBetweenExtensions(10);
 constexpr microseconds kExtension = std::chrono::seconds(60);
@@ -55,6 +57,7 @@ void ServiceReport::run() {
   }
 }
 
+// A thread that hangs is to be seen, so nothing is told then but what has changed.
 std::string ServiceReport::whatToTell(Clock::time_point now) {
   const std::string status = newStatus();
   return manager_.heart().isWell(now) ? status + signsOfLife(now) : status;
@@ -82,6 +85,7 @@ std::string ServiceReport::signsOfLife(Clock::time_point now) {
   return lines;
 }
 
+// A first scan takes as long as the volume is large. A stop drains the queue, but not for ever.
 bool ServiceReport::mayTakeLonger(Clock::time_point now) {
   switch (manager_.phase()) {
     case ServiceManager::Phase::kStarting:
