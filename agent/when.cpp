@@ -160,6 +160,7 @@ std::optional<long long> fromCalendar(std::string_view text) {
 
 }  // namespace
 
+// No text has two of the forms, so the order does not matter.
 long long parseWhen(std::string_view text, long long now) {
   if (const auto seconds = fromSeconds(text)) return *seconds;
   if (const auto age = fromAge(text, now)) return *age;

@@ -121,6 +121,7 @@ constexpr Command kCommands[] = {
      applyAdditional<&Payload::rmxattr>},
 };
 
+// So that a record is dispatched by one load, whatever the number of commands.
 constexpr auto kByCode = [] {
   std::array<const Command*, FLR_JRN_TXTMSG + 1> byCode{};
   for (const Command& command : kCommands) byCode[command.code] = &command;

@@ -12,6 +12,7 @@ EvDebug dbg;
 
 namespace {
 
+// Measured, then written: paths make lines of any length.
 std::string format(const char* text, va_list arguments) {
   va_list again;
   va_copy(again, arguments);
@@ -58,6 +59,8 @@ void EvDebug::Error(const char* tag, const char* format, ...) {
   va_end(arguments);
 }
 
+// The text is made before the lock is taken; one line at a time, so that those of two threads do
+// not mix and a sink need not lock.
 void EvDebug::deliver(Line::Kind kind, int level, const char* tag, const char* format,
                       va_list arguments) {
   const std::string text = ::format(format, arguments);

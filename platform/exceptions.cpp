@@ -22,6 +22,7 @@ UDCException::UDCException(std::string function, int type, int number, std::stri
 UDCException::UDCException(std::string function, int type, std::string message, int number)
     : UDCException(std::move(function), type, number, std::string(), std::move(message)) {}
 
+// An operation that calls itself is named once.
 void UDCException::AddFunction(std::string function) {
   if (functions_.back() == function) return;
   functions_.push_back(std::move(function));
@@ -32,6 +33,7 @@ void UDCException::LogErrors() const {
   dbg.Error(functions_.front().c_str(), "%s", what());
 }
 
+// Anew with each function, because what() hands out a pointer and may not fail.
 void UDCException::compose() {
   text_ = "Function[";
   for (std::size_t i = 0; i < functions_.size(); ++i) {

@@ -72,6 +72,8 @@ bool chooseName(UDC_DBMS& files, const char* query, const char* path, Identifier
   return true;
 }
 
+// A second visit would compare one row with two files: the identifier was given twice, or the file
+// has a further name that the catalogue does not know.
 bool isFirstVisit(const Found& found, const char* path, unsigned long long fidsRowId) {
   if (!found.oneRow() || found.hasNull()) {
     dbg.Debug(kFileTag, "[%s] FIDS_ROWID[%llu] lookup failed", path, fidsRowId);
@@ -129,6 +131,7 @@ void compareFolder(const Found& row, const char* path, unsigned long long pinode
     dbg.Debug(kFolderTag, "[%s] Name in DB[%s] Name on Disk[%s]", path, row.cells[2], name);
 }
 
+// Text by text, not prepared: a diagnostic is not worth statements that are kept.
 void markAsSeen(UDC_DBMS& fids, UDC_DBMS& files, std::span<char> buffer,
                 const IdentifierRows& rows) {
   fids.exec_query(

@@ -27,6 +27,8 @@ bool saysOk(const UDC_DBMS& db) {
   return cell && std::strcmp(cell, "ok") == 0;
 }
 
+// A vacuum copies what can be read into new pages, which mends free lists and indexes. It runs
+// between transactions only; afterwards nobody else may write until the second check is done.
 bool vacuumRepairs(UDC_DBMS& db, const char* tag, const char* path) {
   dbg.Debug(tag, "Integrity check on %s Failed : Trying Vacuum ", path);
   // As many cells as there are rows, from the first: the column name and all rows but the last.
@@ -99,6 +101,7 @@ void RemoveDCDb(std::string folder) {
   rmdir(folder.c_str());
 }
 
+// Files alone: a folder in it stays, and so does this one then.
 int RmDir(const char* path) {
   constexpr char kTag[] = "RmDir";
   return logged(kTag, [&] {

@@ -12,6 +12,8 @@
 namespace kddc {
 namespace {
 
+// By device, as there is one queue for each file system; a path may hold what the manager takes for
+// the end of a name.
 std::string nameFor(const std::string& path) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) throw systemFailure("cannot use the volume " + path, errno);
@@ -23,6 +25,8 @@ std::string nameFor(const std::string& path) {
 KeptQueue::KeptQueue(ServiceManager& manager, const std::string& path, EventQueue queue)
     : manager_(manager), path_(path), queue_(queue), name_(nameFor(path)) {}
 
+// Looked at before it is believed: a queue of another file system in the place of ours would be a
+// gap that nobody notices.
 UniqueFd KeptQueue::take() {
   UniqueFd kept = manager_.taken(name_);
   if (!kept) return kept;

@@ -36,6 +36,7 @@ void RecordSpool::add(FlrJrnCommandRaw record) {
     throw systemFailure("cannot lay records aside", errno);
 }
 
+// Unchecked: nobody but us can have written an unnamed file.
 void RecordSpool::drain(const std::function<void(const FlrJrnCommandRaw&)>& take) {
   std::FILE* file = file_.get();
   const auto read = [&](std::size_t from, std::size_t bytes) {
