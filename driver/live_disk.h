@@ -88,7 +88,7 @@ class LiveDisk : public Disk {
   Look examine(int fd, bool byName) const;
   bool isLeftOut(const Identity& identity) const;
   bool isHidden(const fsf_fid& fid) const;
-  static UniqueFd folderOf(int file, const Root& root);
+  static UniqueFd folderOf(int file, const Root& mount);
   static std::vector<std::pair<fsf_fid, std::string>> wayThrough(const Root& mount,
                                                                  const fsf_fid& fid);
   Whereabouts whereaboutsIn(const Root& mount, const fsf_fid& fid, const fsf_fid& root) const;

@@ -211,7 +211,7 @@ TEST_F(Settings, AreRefusedWhenTheFileMayNotBeRead) {
 
 TEST_F(Settings, AreRefusedWhenOthersCanChangeTheFile) {
   write("[S]\nkey = 1\n");
-  for (const mode_t mode : {0620, 0602, 0666}) {
+  for (const mode_t mode : {0620U, 0602U, 0666U}) {
     ASSERT_EQ(::chmod(file().c_str(), mode), 0);
     EXPECT_EQ(textFailure(), "cannot look up \"key\" of section [S]: " + file() +
                                  " can be changed by others; close it with: chmod go-w " + file());
