@@ -57,6 +57,7 @@ class Disk {
   // What `name` in `folder` stands for. A folder that is gone has no names.
   virtual Look lookUp(const fsf_fid& folder, const std::string& name) = 0;
   // The file of an identifier, wherever it is; also one that has lost its last name and is open.
+  // Bytes that lead to a file but are not its identifier are nobody's: absent.
   virtual Look lookAt(const fsf_fid& fid) = 0;
   // Reads a folder; one that is gone, or is none, has no names.
   virtual std::unique_ptr<Listing> list(const fsf_fid& folder) = 0;

@@ -208,9 +208,13 @@ void LiveDisk::noteAbsent() {
   if (read == 0) folder_.names = std::move(all);
 }
 
+// Several handles may open one file: file systems pass over a type or bytes that they do not need.
+// Only the one that the kernel tells of is its identifier; no events and no names speak of another.
 Look LiveDisk::lookAt(const fsf_fid& fid) {
   const UniqueFd fd = open(fid, kEntryFlags);
-  return fd ? examine(fd.get(), false) : failed(errno);
+  if (!fd) return failed(errno);
+  Look look = examine(fd.get(), false);
+  return look.sight == Sight::kThere && !(look.fid == fid) ? Look{} : look;
 }
 
 std::unique_ptr<Listing> LiveDisk::list(const fsf_fid& folder) {

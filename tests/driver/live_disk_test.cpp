@@ -273,6 +273,18 @@ TEST_P(LiveDiskAnywhere, BytesThatAreNoIdentifierStandForNoFile) {
   }
 }
 
+// File systems pass over what they do not need of a handle, and open the file all the same.
+TEST_P(LiveDiskTest, AnIdentifierOfWhichAByteIsAnotherStandsForNoFile) {
+  const fsf_fid fid = fidAt(write("a"));
+  LiveDisk disk = this->disk();
+  ASSERT_EQ(disk.lookAt(fid).sight, Sight::kThere);
+  for (std::size_t at = 0; at < sizeof fid.data; ++at) {
+    fsf_fid other = fid;
+    other.data[at] ^= 1;
+    EXPECT_EQ(disk.lookAt(other).sight, Sight::kAbsent) << "byte " << at;
+  }
+}
+
 TEST_P(LiveDiskAnywhere, AFifoIsLookedAtWithoutWaitingForItsOtherEnd) {
   ASSERT_EQ(mkfifo(path("p").c_str(), 0600), 0);
   LiveDisk disk = this->disk();

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What a process that was stopped has saved of its queue is damaged before the next one starts.
+#include "platform/file_handle.h"
 #include "tests/faults/fault_fixture.h"
 #include "tests/support/unread_pipe.h"
 
@@ -85,6 +86,21 @@ TEST_F(SavedQueue, WithBytesChangedIsMadeGood) {
     const int bits = 1 + below(255);
     SCOPED_TRACE("byte " + std::to_string(at) + " ^ " + std::to_string(bits));
     expectExactAfter([&](const std::string& file) { flip(file, at, bits); });
+  }
+}
+
+// An identifier that is none, or that still leads to the file without being its own.
+TEST_F(SavedQueue, WithAnIdentifierChangedIsMadeGood) {
+  fsf_fid fid;
+  ASSERT_EQ(identify(AT_FDCWD, (volume + "/file 7").c_str(), fid), 0);
+  const std::string_view wanted(reinterpret_cast<const char*>(fid.data), sizeof fid.data);
+  std::ifstream saved(savedFiles().front(), std::ios::binary);
+  const auto first = std::string(std::istreambuf_iterator<char>(saved), {}).find(wanted);
+  ASSERT_NE(first, std::string::npos);
+  const std::size_t step = isLong() ? 1 : 4;  // the type, bytes of the handle, what is behind it
+  for (std::size_t at = 0; at < wanted.size() && !HasFailure(); at += step) {
+    SCOPED_TRACE("byte " + std::to_string(at) + " of the identifier");
+    expectExactAfter([&](const std::string& file) { flip(file, first + at, 1); });
   }
 }
 
