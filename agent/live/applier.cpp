@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "agent/errors.h"
@@ -122,9 +123,11 @@ void Applier::checkNumber(unsigned long long devt, unsigned long long number) {
   unsigned long long expected = number;
   {
     const std::lock_guard lock(mutex_);
-    if (const auto of = numbers_.find(devt); of != numbers_.end())
-      expected = std::exchange(of->second.expected, number + 1);
+    const auto of = numbers_.find(devt);
+    if (of != numbers_.end()) expected = std::exchange(of->second.expected, number + 1);
     if (number == expected) return;
+    // A damaged NOOP may have claimed to be one that is still to come.
+    if (number > 0) of->second.committed = std::min(of->second.committed, number - 1);
     ++counts_.gaps;
   }
   dbg.Error(kTag, "record %llu of %llu came where %llu was expected", number, devt, expected);

@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/live/settle.h"
 
+#include <algorithm>
+
 #include "catalogue/file_type.h"
 #include "platform/logged.h"
 
@@ -59,6 +61,16 @@ void Settle::dropParked() {
       }
     }
   });
+}
+
+bool Settle::dropLost(const std::vector<Name>& parked) {
+  const auto isLost = [](const Name& row) { return !row.hasFid(); };
+  if (std::ranges::none_of(parked, isLost)) return false;
+  guarded([&] {
+    for (const Name& row : parked)
+      if (isLost(row)) going_.takeNameFrom(row);
+  });
+  return work_.result == Result::kApplied;
 }
 
 // What each record says of a name or a file, in the terms of the header. A REMOVE without a name is

@@ -67,8 +67,10 @@ void VolumeRows::checkpoint() {
 // it that the answer comes behind that. A file that is parked still, or again, is asked after
 // again.
 void VolumeRows::askAboutParked() {
+  std::vector<Name> parked = rows_.parkedRows();
+  while (settle_.dropLost(parked)) parked = rows_.parkedRows();
   std::map<fsf_fid, std::uint64_t> asked;
-  for (const Name& row : rows_.parkedRows()) {
+  for (const Name& row : parked) {
     const auto before = asked_.find(row.fid);
     const bool waits = before != asked_.end() && !driver_.isAnswered(before->second);
     asked[row.fid] = waits ? before->second : driver_.resolve(row.fid);

@@ -337,6 +337,30 @@ TEST_F(ApplierTest, ARowThatIsParkedIsAskedAfterOnceWhileTheAnswerIsOut) {
   EXPECT_EQ(driver.resolved, 2u);
 }
 
+TEST_F(ApplierTest, AParkedRowWithoutAnIdentifierGoes) {
+  prepare(0,
+          "INSERT INTO FILES(INODE,FID_ROWID,PINODE,FILE_TYPE,NAME) VALUES"
+          "(2,99,9223372036854775807,1,''),(3,98,2,2,'below')");
+  start();
+  touchRoot();
+  settle();
+  EXPECT_THAT(names(0), ElementsAre("/volume"));
+  EXPECT_EQ(driver.resolved, 0u);
+}
+
+TEST_F(ApplierTest, ANoopThatClaimsToBeALaterOneStandsForNoneThatIsStillToCome) {
+  start();
+  next = 1000;
+  noop();
+  next = 2;
+  create("a", 'A');
+  add(*queue, "no record");
+  doubtsOnceThereAre(5);  // two for each of two volumes
+  EXPECT_FALSE(applier->waitFor(7, 3, std::chrono::milliseconds(0)));
+  EXPECT_TRUE(applier->waitFor(7, noop(), kLong));
+  EXPECT_THAT(names(0), ElementsAre("/volume", "a"));
+}
+
 // Ends. -------------------------------------------------------------------------------------------
 
 TEST_F(ApplierTest, FinishesAtTheNextNoopAndLeavesWhatFollows) {
