@@ -74,10 +74,10 @@ bool WatchSession::catchUp(const Volume& volume, const std::function<bool()>& gi
     port = volume.port;
   }
   for (int round = 0; port && round < kMostRounds; ++round) {
-    const auto barrier = applyQueued(*port, giveUp);
-    if (!barrier) return false;
+    const auto answered = applyQueued(*port, giveUp);
+    if (!answered) return false;
     const std::uint64_t asked = port->lastQuestion();
-    if (asked < *barrier) return true;
+    if (asked <= *answered) return true;
     for (; !port->isAnswered(asked); std::this_thread::sleep_for(kMoment))
       if (isCutOff(*port, giveUp)) return false;
   }
@@ -85,20 +85,22 @@ bool WatchSession::catchUp(const Volume& volume, const std::function<bool()>& gi
 }
 
 // Waits until all that the driver has said, and has to say by now, is applied. The number of the
-// request with which it was asked for that; none when nobody waits any more.
+// last question whose answer, and those of all before it, are among that; none when nobody waits
+// any more.
 std::optional<std::uint64_t> WatchSession::applyQueued(VolumePort& port,
                                                        const std::function<bool()>& giveUp) {
   if (isCutOff(port, giveUp)) return std::nullopt;
-  const auto reached = std::make_shared<std::promise<std::uint64_t>>();
-  auto number = reached->get_future();
-  const std::uint64_t barrier =
-      port.driver().barrier([reached](std::uint64_t sequence) { reached->set_value(sequence); });
-  while (number.wait_for(kLook) != std::future_status::ready)
+  const auto reached = std::make_shared<std::promise<Driver::Served>>();
+  auto served = reached->get_future();
+  port.driver().barrier([reached, &driver = port.driver()](std::uint64_t sequence) {
+    reached->set_value({driver.finished().request, sequence});
+  });
+  while (served.wait_for(kLook) != std::future_status::ready)
     if (isCutOff(port, giveUp)) return std::nullopt;
-  const std::uint64_t last = number.get();
+  const auto [answered, last] = served.get();
   while (!applier_->waitFor(port.driver().device(), last, kLook))
     if (isCutOff(port, giveUp)) return std::nullopt;
-  return barrier;
+  return answered;
 }
 
 bool WatchSession::isCutOff(const VolumePort& port, const std::function<bool()>& giveUp) const {
