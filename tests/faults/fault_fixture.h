@@ -5,7 +5,8 @@
 // of the torture, with the shim in its process, and held to a look at the disk that uses nothing of
 // the library.
 //
-// $KDDC_FAULTS_LONG: the long form of each test; $KDDC_FAULTS_SEED: another seed than 1.
+// $KDDC_FAULTS_LONG: the long form of each test; $KDDC_FAULTS_ROUNDS: in that form no more rounds
+// than this, for a part of a series; $KDDC_FAULTS_SEED: another seed than 1.
 #pragma once
 
 #include <fcntl.h>
@@ -15,6 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -44,12 +46,15 @@ using test::Program;
 inline bool isLong() {
   return std::getenv("KDDC_FAULTS_LONG") != nullptr;
 }
+inline int numberFrom(const char* variable, int otherwise) {
+  const char* value = std::getenv(variable);
+  return value ? std::atoi(value) : otherwise;
+}
 inline int rounds(int shortForm, int longForm) {
-  return isLong() ? longForm : shortForm;
+  return isLong() ? std::min(longForm, numberFrom("KDDC_FAULTS_ROUNDS", longForm)) : shortForm;
 }
 inline unsigned seed() {
-  const char* value = std::getenv("KDDC_FAULTS_SEED");
-  return value ? static_cast<unsigned>(std::atoi(value)) : 1;
+  return static_cast<unsigned>(numberFrom("KDDC_FAULTS_SEED", 1));
 }
 
 // For a line in the log beside what is asserted.
