@@ -1,10 +1,9 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// The program on a real tree beside what people use today: `kddc scan` beside a find that prints
-// the same fields and beside the crawl of watchman, `kddc changes` beside a find that looks for the
-// same changes. All are warm and take turns, answers to one question must be the same, and the
-// shortest of the rounds counts. watchman is left out where it is not installed.
+// The program on a real tree beside what people use today: `kddc scan` beside others that read the
+// whole tree, `kddc changes` beside others that tell which files have changed. Answers to one
+// question must be the same.
 //
 //   volume_bench [--smoke | --files N]
 //
@@ -12,33 +11,41 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "bench/measured_command.h"
+#include "bench/peers.h"
+#include "bench/results.h"
 
 namespace {
 
 using kddc::Command;
 using kddc::Cost;
-using kddc::finish;
-using kddc::keepBest;
 using kddc::run;
-using kddc::start;
+using kddc::bench::Peer;
+using kddc::bench::Ratio;
+using kddc::bench::report;
+using kddc::bench::Watchman;
 
-std::vector<std::string> sortedLines(const std::string& path) {
-  std::ifstream in(path);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
+using Lines = std::vector<std::string>;
+
+Lines sorted(Lines lines) {
   std::sort(lines.begin(), lines.end());
   return lines;
+}
+
+Lines linesOf(const std::string& path) {
+  std::ifstream in(path);
+  Lines lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return sorted(std::move(lines));
 }
 
 // As a catalogue would stand that was made before the changes.
@@ -56,48 +63,28 @@ std::time_t afterTheNextSecondBegan() {
   return now + 1;
 }
 
-// A watchman of our own, whose watch answers when the tree was crawled.
-class Watchman {
- public:
-  static bool installed() { return std::system("watchman --version >/dev/null 2>&1") == 0; }
+std::string formatted(std::time_t time, const char* format) {
+  char text[64];
+  std::strftime(text, sizeof text, format, std::localtime(&time));
+  return text;
+}
 
-  // Keeps its files in `folder`.
-  explicit Watchman(const std::string& folder) : folder_(folder) {
-    std::filesystem::create_directories(folder);
-    std::filesystem::permissions(folder, std::filesystem::perms::owner_all);
-    server_ = start(
-        {"watchman", "--foreground", "--no-save-state", socket(), "--logfile=" + folder + "/log",
-         "--pidfile=" + folder + "/pid", "--statefile=" + folder + "/state"},
-        folder + "/out");
-    for (int tries = 0; !std::filesystem::exists(folder + "/socket"); ++tries) {
-      if (tries == 1000) throw std::runtime_error("watchman does not start");
-      usleep(10000);
-    }
-  }
-  ~Watchman() {
-    if (server_ > 0) kill(server_, SIGKILL);
-  }
-  Watchman(const Watchman&) = delete;
-  Watchman& operator=(const Watchman&) = delete;
+constexpr char kFields[] = "%i %s %T@ %C@ %p\n";
 
-  // Crawls and ends.
-  Cost crawl(const std::string& tree) {
-    const double seconds = ask({"watch", tree}).seconds;
-    ask({"shutdown-server"});
-    return {seconds, finish(std::exchange(server_, 0), "watchman", {}).mebibytes};
-  }
+// What find tells of each entry, into a table of the sqlite3 shell.
+constexpr char kLoad[] =
+    R"(find "$1" -printf '%i|%m|%n|%U|%G|%s|%b|%A@|%T@|%C@|%y|%p\n' | sqlite3 "$2" )"
+    R"('PRAGMA synchronous=OFF' 'PRAGMA journal_mode=OFF' )"
+    R"('CREATE TABLE FILES (INODE INTEGER,MODE INTEGER,NLINK INTEGER,UID INTEGER,GID INTEGER,)"
+    R"(SIZE INTEGER,BLOCKS INTEGER,ATIME REAL,MTIME REAL,CTIME REAL,TYPE TEXT,PATH TEXT)' )"
+    R"('.import /dev/stdin FILES' 'CREATE INDEX IN_PATH ON FILES(PATH)')";
 
- private:
-  std::string socket() const { return "--sockname=" + folder_ + "/socket"; }
-  Cost ask(const Command& words) const {
-    Command command = {"watchman", "--no-spawn", socket()};
-    command.insert(command.end(), words.begin(), words.end());
-    return run(command, folder_ + "/answer");
-  }
-
-  std::string folder_;
-  pid_t server_ = 0;
-};
+// Changed rows, and the way up from each to the root, which has no name of its own.
+constexpr char kChanges[] =
+    "WITH RECURSIVE UP(PARENT,PATH) AS ("
+    "SELECT PINODE,NAME FROM FILES WHERE TIME>=%lld AND PINODE<>0 UNION ALL "
+    "SELECT F.PINODE,F.NAME||'/'||PATH FROM UP JOIN FILES F ON F.INODE=PARENT WHERE F.PINODE<>0) "
+    "SELECT PATH FROM UP JOIN FILES R ON R.INODE=PARENT WHERE R.PINODE=0";
 
 class Bench {
  public:
@@ -113,56 +100,125 @@ class Bench {
   Bench& operator=(const Bench&) = delete;
 
   void scan() {
-    Cost find, kddc;
-    for (int i = 0; i < rounds_; ++i) {
-      keepBest(find, run({"find", tree(), "-printf", "%i %s %T@ %C@ %p\n"}, base_ + "/find"));
-      keepBest(kddc, run({KDDC_PROGRAM, "-q", "--catalogue", catalogue(), "scan", tree()}, null()));
-    }
-    std::printf("scan     kddc %.2f s, %ld MiB   find %.2f s   ratio %.2f (at most 1.8)\n",
-                kddc.seconds, kddc.mebibytes, find.seconds, kddc.seconds / find.seconds);
-    besideWatchman(kddc);
+    std::vector<Peer> peers = installed(readers());
+    const Cost ours = takeTurns(
+        rounds_, [&] { return scanOnce(); }, peers);
+    const std::string what = "`scan` of " + kddc::bench::withCommas(files_) + " files";
+    reportBeside(
+        peers,
+        {.table = "volume", .what = what, .ours = ours.seconds, .ratio = Ratio::kTimesAsLong});
+    report({.table = "volume",
+            .what = what + ", memory",
+            .ours = static_cast<double>(ours.mebibytes),
+            .unit = "MiB",
+            .aim = 180});
   }
 
   void changes() {
-    const std::string since = std::to_string(afterTheNextSecondBegan());
-    run({"find", tree(), "-name", "*00.dat", "-exec", "chmod", "600", "{}", "+"}, null());
-    run({KDDC_PROGRAM, "-q", "--catalogue", catalogue(), "scan", tree()}, null());
-    stampWithChangeTimes(catalogue() + "/.db.kd");
-    Cost find, kddc;
-    for (int i = 0; i < rounds_ * 2; ++i) {
-      keepBest(find,
-               run({"find", tree(), "-newerct", "@" + since, "-printf", "%P\n"}, base_ + "/find"));
-      keepBest(kddc, run({KDDC_PROGRAM, "-q", "--catalogue", catalogue(), "changes", tree(),
-                          "--since", since},
-                         base_ + "/kddc"));
+    std::unique_ptr<Watchman> watchman;
+    if (kddc::bench::isInstalled("watchman")) {
+      watchman = std::make_unique<Watchman>(base_ + "/watchman");
+      watchman->crawl(tree());
+      clock_ = watchman->clock(tree());
     }
-    const auto found = sortedLines(base_ + "/find");
-    if (found.empty() || found != sortedLines(base_ + "/kddc"))
-      throw std::runtime_error("the two answers differ");
-    std::printf(
-        "changes  kddc %.3f s, find %.2f s   %zu of %ld changed   ratio %.1f (at least 12)\n",
-        kddc.seconds, find.seconds, found.size(), files_, find.seconds / kddc.seconds);
+    since_ = afterTheNextSecondBegan();
+    run({"find", tree(), "-name", "*00.dat", "-exec", "touch", "{}", "+"}, null());
+    scanOnce();
+    stampWithChangeTimes(catalogue() + "/.db.kd");
+    std::vector<Peer> peers = installed(finders(watchman.get()));
+    const Cost ours = takeTurns(
+        rounds_ * 2, [&] { return changesOnce(); }, peers);
+    requireAlike(watchman.get());
+    reportBeside(peers, {.table = "volume",
+                         .what = "`changes`, 1 % of " + kddc::bench::withCommas(files_) + " files",
+                         .ours = ours.seconds});
   }
 
  private:
-  void besideWatchman(const Cost& kddc) const {
-    if (!Watchman::installed()) {
-      std::puts("scan     watchman is not installed; left out");
-      return;
-    }
-    Cost crawl;
-    for (int i = 0; i < rounds_; ++i) keepBest(crawl, Watchman(base_ + "/watchman").crawl(tree()));
-    std::printf("scan     watchman %.2f s, %ld MiB   ratio %.2f (at most 0.5)\n", crawl.seconds,
-                crawl.mebibytes, kddc.seconds / crawl.seconds);
+  Cost scanOnce() const {
+    return run({KDDC_PROGRAM, "-q", "--catalogue", catalogue(), "scan", tree()}, null());
+  }
+  Cost changesOnce() const {
+    return run({KDDC_PROGRAM, "-q", "--catalogue", catalogue(), "changes", tree(), "--since",
+                std::to_string(since_)},
+               answerOf("kddc"));
+  }
+
+  std::vector<Peer> readers() const {
+    const auto into = [this](const std::string& name, const Command& command) {
+      return [=, this] { return run(command, answerOf(name)); };
+    };
+    const std::string database = base_ + "/database";
+    return {
+        {"find", "`find -printf`", 1.8, into("find", {"find", tree(), "-printf", kFields})},
+        {"bfs", "`bfs -printf`", 0, into("bfs", {"bfs", tree(), "-printf", kFields})},
+        {"fdfind", "`fd --changed-after`", 0,
+         into("fd", {"fdfind", "-u", "--changed-after", "1970-01-02", ".", tree()})},
+        {"updatedb", "`updatedb`", 0,
+         [=, this] {
+           std::filesystem::remove(database);
+           return run({"updatedb", "-U", tree(), "-o", database, "-l", "no", "--prunepaths", "",
+                       "--prunefs", "", "--prunenames", ""},
+                      null());
+         }},
+        {"sqlite3", "`find -printf` into `sqlite3`", 0,
+         [=, this] {
+           std::filesystem::remove(database);
+           return run({"sh", "-c", kLoad, "sh", tree(), database}, null());
+         }},
+        {"watchman", "`watchman watch`", 0.5,
+         [this] {
+           Watchman watchman(base_ + "/watchman");
+           Cost cost = watchman.crawl(tree());
+           cost.mebibytes = watchman.shutDown();
+           return cost;
+         }},
+    };
+  }
+
+  std::vector<Peer> finders(const Watchman* watchman) const {
+    const std::string time = formatted(since_, "%FT%T%z");
+    const auto into = [this](const std::string& name, const Command& command) {
+      return [=, this] { return run(command, answerOf(name)); };
+    };
+    char sql[1024];
+    std::snprintf(sql, sizeof sql, kChanges, static_cast<long long>(since_));
+    return {
+        {"find", "`find -newerct`", 12,
+         into("find", {"find", tree(), "-newerct", time, "-printf", "%P\n"})},
+        {"bfs", "`bfs -newerct`", 0,
+         into("bfs", {"bfs", tree(), "-newerct", time, "-printf", "%P\n"})},
+        {"fdfind", "`fd --changed-after`", 0,
+         into("fd", {"fdfind", "-u", "--base-directory", tree(), "--changed-after",
+                     formatted(since_, "%F %T")})},
+        {"sqlite3", "`sqlite3`, on the catalogue", 0,
+         into("sqlite3", {"sqlite3", "-readonly", catalogue() + "/.db.kd", sql})},
+        {"watchman", "`watchman query`", 0,
+         [=, this] { return watchman->changesSince(clock_, tree()); }},
+    };
+  }
+
+  // What the last round answered.
+  void requireAlike(const Watchman* watchman) const {
+    const Lines ours = linesOf(answerOf("kddc"));
+    if (ours.empty()) throw std::runtime_error("nothing has changed");
+    for (const char* name : {"find", "bfs", "fd", "sqlite3"})
+      if (std::filesystem::exists(answerOf(name)) && linesOf(answerOf(name)) != ours)
+        throw std::runtime_error(std::string("kddc and ") + name + " differ");
+    if (watchman && sorted(watchman->changed()) != ours)
+      throw std::runtime_error("kddc and watchman differ");
   }
 
   std::string tree() const { return base_ + "/tree"; }
   std::string catalogue() const { return base_ + "/catalogue"; }
+  std::string answerOf(const std::string& name) const { return base_ + "/answer-" + name; }
   static std::string null() { return "/dev/null"; }
 
   std::string base_;
   long files_;
   int rounds_;
+  std::time_t since_ = 0;
+  std::string clock_;  // watchman's
 };
 
 }  // namespace
