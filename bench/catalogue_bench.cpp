@@ -160,11 +160,26 @@ BENCHMARK(BareLookupByName)->Arg(100000)->Arg(1000000);
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<kddc::Ratio> ratios;
-  for (const char* what : {"Insert", "LookupByIdentifier", "LookupByName"})
-    for (const char* rows : {"/100000", "/1000000"}) {
-      const std::string ours = std::string(what) + rows;
-      ratios.push_back({ours, "Bare" + ours});
+  struct Operation {
+    const char* benchmark;
+    const char* what;
+    double aim;
+  };
+  std::vector<kddc::bench::Measured> figures;
+  for (const auto& [benchmark, what, aim] : {Operation{"Insert", "`Insert`", 0.9},
+                                             {"LookupByIdentifier", "`GetFidTuple`", 0},
+                                             {"LookupByName", "`GetRowIdAndFileType`", 0}})
+    for (const int rows : {100000, 1000000}) {
+      const std::string ours = std::string(benchmark) + "/" + std::to_string(rows);
+      const bool isInsert = ours.starts_with("Insert");
+      figures.push_back({.ours = ours,
+                         .floor = "Bare" + ours,
+                         .figure = {.table = "rows",
+                                    .what = std::string(what) + (isInsert ? " of " : " among ") +
+                                            kddc::bench::withCommas(rows) + " rows",
+                                    .beside = "bare SQLite",
+                                    .aim = aim},
+                         .count = isInsert ? rows : 1.0});
     }
-  return kddc::runWithRatios(argc, argv, ratios);
+  return kddc::bench::runAndReport(argc, argv, figures);
 }

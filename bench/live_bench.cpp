@@ -21,6 +21,7 @@
 #include <memory>
 
 #include "bench/measured_command.h"
+#include "bench/results.h"
 
 namespace {
 
@@ -28,6 +29,8 @@ using kddc::Command;
 using kddc::Cost;
 using kddc::keepBest;
 using kddc::run;
+using kddc::bench::Ratio;
+using kddc::bench::report;
 
 constexpr int kSkipped = 77;
 constexpr int kReadySeconds = 300;
@@ -116,11 +119,24 @@ class Bench {
       mebibytes = std::max(mebibytes, watcher->mebibytesAtMost());
       watcher->stop();
     }
-    std::printf("work     %ld files: %.2f s, watched %.2f s   ratio %.2f (at most 1.25)\n",
-                workFiles(), unwatched, watched, watched / unwatched);
-    std::printf("lag      flush after the work / its length   %.2f (at most 0.5)\n", lag);
-    std::printf("quiet    flush of a quiet volume   %.1f ms (under 20)\n", quiet * 1000);
-    std::printf("memory   watch with a backlog   %ld MiB (under 150)\n", mebibytes);
+    const std::string what =
+        "make and remove " + kddc::bench::withCommas(workFiles()) + " files, watched";
+    report({.table = "watching",
+            .what = what,
+            .ours = watched,
+            .beside = "unwatched",
+            .theirs = unwatched,
+            .ratio = Ratio::kTimesAsLong,
+            .aim = 1.25});
+    report({.table = "watching",
+            .what = "`flush` right after it",
+            .ours = lag * watched,
+            .beside = "the work",
+            .theirs = watched,
+            .ratio = Ratio::kTimesAsLong,
+            .aim = 0.5});
+    report({.table = "watching", .what = "`flush` of a quiet volume", .ours = quiet, .aim = 0.02});
+    reportMemory("memory after the work", mebibytes);
   }
 
   void rescan() {
@@ -133,15 +149,20 @@ class Bench {
       keepBest(find, run({"find", volume(), "-printf", "%i %s %T@ %C@ %p\n"}, base_ + "/find"));
       keepBest(rescan, run(kddc("rescan"), null()));
     }
-    std::printf("rescan   %ld unchanged files: %.2f s, find %.2f s   ratio %.2f (at most 1.5)\n",
-                files_, rescan.seconds, find.seconds, rescan.seconds / find.seconds);
+    report({.table = "watching",
+            .what = "`rescan` of " + kddc::bench::withCommas(files_) + " unchanged files",
+            .ours = rescan.seconds,
+            .beside = "`find -printf`",
+            .theirs = find.seconds,
+            .ratio = Ratio::kTimesAsLong,
+            .aim = 1.5});
   }
 
   void memory() {
     const auto watcher = watch();
     flush();
-    std::printf("memory   watch of %ld files   %ld MiB (under 150)\n", files_,
-                watcher->mebibytesAtMost());
+    reportMemory("memory for " + kddc::bench::withCommas(files_) + " files",
+                 watcher->mebibytesAtMost());
     watcher->stop();
   }
 
@@ -156,6 +177,13 @@ class Bench {
   }
   std::unique_ptr<Watcher> watch() const {
     return std::make_unique<Watcher>(kddc("watch"), base_ + "/watch");
+  }
+  static void reportMemory(const std::string& what, long mebibytes) {
+    report({.table = "watching",
+            .what = what,
+            .ours = static_cast<double>(mebibytes),
+            .unit = "MiB",
+            .aim = 150});
   }
   double flush() const { return run(kddc("flush"), null()).seconds; }
   double workload() const {

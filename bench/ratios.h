@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// Runs the benchmarks of a program and prints how each did against its floor of the same run.
+// Runs the benchmarks of a program and reports how each did beside its floor of the same run.
 // Machines are shared and noisy: a ratio within one run is worth quoting, a time is not. Times are
 // the shortest of the repetitions, which noise can only lengthen.
 #pragma once
@@ -9,50 +9,68 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
-namespace kddc {
+#include "bench/results.h"
 
-// "ours" reached `floor`'s time divided by its own; 1 is the floor itself.
-struct Ratio {
+namespace kddc::bench {
+
+// A figure that is the time of one benchmark, divided by `count`, beside that of another. Without
+// the times the figure is left out.
+struct Measured {
   std::string ours;
-  std::string floor;
-};
-
-// The same work on something larger took the time of `large` divided by that of `small`.
-struct Growth {
-  std::string large;
-  std::string small;
+  std::string floor;  // may be empty
+  Figure figure;
+  double count = 1;
 };
 
 class ShortestTimes : public benchmark::ConsoleReporter {
  public:
+  ShortestTimes() : ConsoleReporter(OO_Tabular) {}
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
+      failed_ = failed_ || run.error_occurred;
       if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
       const std::string name =
           run.run_name.function_name + (run.run_name.args.empty() ? "" : "/" + run.run_name.args);
-      const double time = run.GetAdjustedRealTime();
-      const auto [known, added] = times_.emplace(name, time);
-      if (!added) known->second = std::min(known->second, time);
+      const double seconds = run.real_accumulated_time / static_cast<double>(run.iterations);
+      const auto [known, added] = seconds_.emplace(name, seconds);
+      if (!added) known->second = std::min(known->second, seconds);
     }
     ConsoleReporter::ReportRuns(runs);
   }
+
+  // Whether one had a wrong answer.
+  bool failed() const { return failed_; }
+  // In seconds; 0 for one that did not run.
   double of(const std::string& name) const {
-    const auto known = times_.find(name);
-    return known == times_.end() ? 0 : known->second;
+    const auto known = seconds_.find(name);
+    return known == seconds_.end() ? 0 : known->second;
+  }
+  // How many times as long `large` took; 0 when one of them did not run.
+  double growth(const std::string& large, const std::string& small) const {
+    return of(small) > 0 ? of(large) / of(small) : 0;
   }
 
  private:
-  std::map<std::string, double> times_;
+  std::map<std::string, double> seconds_;
+  bool failed_ = false;
 };
 
-// --smoke runs the small sizes for a moment, to show that the program still works.
-inline int runWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios,
-                         const std::vector<Growth>& growths = {}) {
+inline void reportMeasured(const Measured& measured, const ShortestTimes& times) {
+  Figure figure = measured.figure;
+  figure.ours = times.of(measured.ours) / measured.count;
+  figure.theirs = times.of(measured.floor) / measured.count;
+  if (figure.ours > 0 && (figure.isAlone() || figure.theirs > 0)) report(figure);
+}
+
+// Answers the exit status. --smoke runs the small sizes for a moment, to show that the program
+// still works. `more` reports what is not the time of one benchmark.
+inline int runAndReport(int argc, char** argv, const std::vector<Measured>& figures,
+                        const std::function<void(const ShortestTimes&)>& more = {}) {
   std::vector<std::string> words(argv, argv + argc);
   if (std::erase(words, "--smoke") > 0) {
     words.insert(words.end(), {"--benchmark_min_time=0.01", "--benchmark_filter=-/[1-9]000000"});
@@ -65,15 +83,9 @@ inline int runWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios
   if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 1;
   ShortestTimes times;
   benchmark::RunSpecifiedBenchmarks(&times);
-  for (const Ratio& ratio : ratios)
-    if (times.of(ratio.ours) > 0 && times.of(ratio.floor) > 0)
-      std::printf("ratio  %-36s %.2f of %s\n", ratio.ours.c_str(),
-                  times.of(ratio.floor) / times.of(ratio.ours), ratio.floor.c_str());
-  for (const Growth& growth : growths)
-    if (times.of(growth.large) > 0 && times.of(growth.small) > 0)
-      std::printf("growth %-36s %.2f over %s\n", growth.large.c_str(),
-                  times.of(growth.large) / times.of(growth.small), growth.small.c_str());
-  return 0;
+  for (const Measured& figure : figures) reportMeasured(figure, times);
+  if (more) more(times);
+  return times.failed() ? 1 : 0;
 }
 
-}  // namespace kddc
+}  // namespace kddc::bench
