@@ -26,6 +26,7 @@
 
 #include "bench/bare_journal.h"
 #include "bench/journal_stream.h"
+#include "bench/mixed_records.h"
 #include "bench/ratios.h"
 #include "bench/scanned_catalogue.h"
 #include "catalogue/db_access.h"
@@ -141,51 +142,6 @@ constexpr Command kCommands[] = {
     {"UNSTUB", kOfFiles, [](Volume& v) { v.unStub(v.numberOf(v.file())); }},
 };
 
-// An editor saves a file by way of a new one, and a program makes a temporary file.
-void workOn(Volume& v, unsigned row) {
-  const unsigned folder = Tree::parent(row), saved = v.newNumber(), temporary = v.newNumber();
-  v.create(folder, "saved~", saved);
-  v.setAttr(saved);
-  v.renameOver(saved, "saved~", row);
-  v.setAcl(saved);
-  v.setAttr(saved);
-  v.create(folder, "temporary", temporary);
-  v.setAttr(temporary);
-  v.remove(folder, "temporary", temporary);
-}
-
-void packAndUnpack(Volume& v, unsigned row) {
-  const unsigned folder = Tree::parent(row), made = v.newNumber(), inside = v.newNumber();
-  v.mkDir(folder, "unpacked.tmp", made);
-  v.create(folder, "inside", inside);
-  v.rename(made, folder, "unpacked.tmp", folder, "unpacked");
-  v.remove(folder, "inside", inside);
-  v.rmDir(folder, "unpacked", made);
-}
-
-void linkAndUnlink(Volume& v, unsigned row) {
-  const unsigned folder = Tree::parent(row), symbolic = v.newNumber();
-  v.link(v.numberOf(row), folder, "second name");
-  v.setAttr(v.numberOf(row));
-  v.remove(folder, "second name", v.numberOf(row), 1);
-  v.symLink(folder, "symbolic", symbolic);
-  v.remove(folder, "symbolic", symbolic);
-}
-
-void moveDataAway(Volume& v, unsigned row) {
-  v.stub(v.numberOf(row));
-  v.unStub(v.numberOf(row));
-}
-
-// In the end the catalogue is as large as it was.
-void mix(Volume& v) {
-  static constexpr void (*kRarer[])(Volume&, unsigned) = {packAndUnpack, linkAndUnlink,
-                                                          moveDataAway};
-  const unsigned row = v.file();
-  workOn(v, row);
-  kRarer[row % std::size(kRarer)](v, row);
-}
-
 const Stream& streamOf(unsigned rows, Order order, const Command& command) {
   // One at a time: a million records take 120 MB.
   static std::string made;
@@ -277,7 +233,7 @@ int main(int argc, char** argv) {
   if (!smoke) words.insert(words.begin() + 1, {repeat, takeTurns});
 
   std::vector<Command> commands(std::begin(kCommands), std::end(kCommands));
-  commands.push_back({"mix", smoke ? 10000U : 1000000U, mix});
+  commands.push_back({"mix", smoke ? 10000U : 1000000U, kddc::bench::mix});
   std::vector<Measured> figures;
   for (const Command& command : commands)
     for (const Order order : {Order::kNear, Order::kFar})

@@ -19,6 +19,12 @@ namespace kddc::bench {
 
 inline constexpr const char* kDatabases[] = {"/.db.kd", "/.fid.kd"};
 
+inline void flushToDisk(const std::string& file) {
+  const int fd = open(file.c_str(), O_RDWR | O_CLOEXEC);
+  fsync(fd);
+  close(fd);
+}
+
 // A catalogue after a scan. The indexes are made at the end: that is quicker.
 class Template {
  public:
@@ -33,9 +39,7 @@ class Template {
     std::filesystem::create_directory(catalogue);
     for (const char* name : kDatabases) {
       std::filesystem::copy_file(folder_.catalogue() + name, catalogue + name);
-      const int fd = open((catalogue + name).c_str(), O_RDWR | O_CLOEXEC);
-      fsync(fd);
-      close(fd);
+      flushToDisk(catalogue + name);
     }
   }
 
