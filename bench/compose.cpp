@@ -8,7 +8,6 @@
 // RESULTS is what bench/results.h wrote. MACHINE is a line that says where the run was. A document
 // holds figures of one machine: on another, a run that has not figures for all its tables leaves it
 // alone.
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -23,8 +22,6 @@ namespace {
 
 using kddc::bench::Document;
 using kddc::bench::Tables;
-
-constexpr char kMachine[] = "machine";
 
 std::ifstream opened(const std::string& path) {
   std::ifstream file(path);
@@ -41,20 +38,11 @@ void replace(const std::string& path, const std::string& text) {
   std::filesystem::rename(beside, path);
 }
 
-// Whether figures of another machine would stay beside the new ones.
-bool wouldMix(const Tables& old, const Tables& tables) {
-  const auto machine = old.find(kMachine);
-  if (machine == old.end() || machine->second.empty() || machine->second == tables.at(kMachine))
-    return false;
-  return std::any_of(old.begin(), old.end(),
-                     [&](const auto& table) { return !tables.contains(table.first); });
-}
-
 void write(const std::string& path, Tables tables, const std::string& machine) {
   std::ifstream file = opened(path);
   Document document(file);
-  tables[kMachine] = machine + "\n";
-  if (wouldMix(document.tables(), tables)) {
+  tables[kddc::bench::kMachine] = machine + "\n";
+  if (wouldMixMachines(document, tables)) {
     std::printf("%s is of another machine and stays as it is; run all benchmarks to replace it\n",
                 path.c_str());
     return;

@@ -6,8 +6,11 @@
 //   <!-- figures: NAME -->
 //   ...
 //   <!-- end -->
+//
+// One named "machine" is a line that says where the others were measured.
 #pragma once
 
+#include <algorithm>
 #include <istream>
 #include <map>
 #include <stdexcept>
@@ -78,5 +81,18 @@ class Document {
 
   std::vector<Piece> pieces_;
 };
+
+inline constexpr const char* kMachine = "machine";
+
+// Whether figures of another machine would stay in the document beside those of `tables`.
+inline bool wouldMixMachines(const Document& document,
+                             const std::map<std::string, std::string>& tables) {
+  const auto old = document.tables();
+  const auto machine = old.find(kMachine);
+  if (machine == old.end() || machine->second.empty() || machine->second == tables.at(kMachine))
+    return false;
+  return std::any_of(old.begin(), old.end(),
+                     [&](const auto& table) { return !tables.contains(table.first); });
+}
 
 }  // namespace kddc::bench

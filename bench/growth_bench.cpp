@@ -25,6 +25,7 @@
 #include "agent/engine/catalogue_reader.h"
 #include "agent/engine/new_catalogue.h"
 #include "bench/bare_catalogue.h"
+#include "bench/bare_journal.h"
 #include "bench/journal_stream.h"
 #include "bench/mixed_records.h"
 #include "bench/results.h"
@@ -35,6 +36,7 @@
 #include "platform/platform_info.h"
 
 using kddc::CatalogueReader;
+using kddc::bench::BareJournal;
 using kddc::bench::Figure;
 using kddc::bench::Folder;
 using kddc::bench::kDatabases;
@@ -74,6 +76,22 @@ StatFidName_s entryAt(unsigned row) {
   return entry;
 }
 
+// Applies as the program does.
+class Kddc {
+ public:
+  explicit Kddc(const std::string& folder) : db_(folder) {
+    require(db_.OpenHandle(false, false), "the catalogue does not open");
+  }
+  ~Kddc() { db_.CloseHandle(0, false); }
+  void apply(const FlrJrnCommandRaw& record) {
+    require(ApplyJournal(&db_, record), "a record is not applied");
+  }
+  void commit() { db_.Commit(); }
+
+ private:
+  DCSqliteDB db_;
+};
+
 // One catalogue, and what it costs to do one thing to it.
 class Grown {
  public:
@@ -97,8 +115,15 @@ class Grown {
     return seconds / rows_;
   }
 
-  double nearRecord() { return record(Order::kNear); }
-  double farRecord() { return record(Order::kFar); }
+  template <class Target, Order order>
+  double record() {
+    const std::string copy = copyOfOriginal();
+    Volume volume(rows_, order);
+    while (volume.stream().count() < records_) kddc::bench::mix(volume);
+    const double seconds = applied<Target>(volume.stream(), copy);
+    std::filesystem::remove_all(copy);
+    return seconds / static_cast<double>(volume.stream().count());
+  }
 
   double lookupByIdentifier() {
     return lookup([](DCSqliteDB& db, unsigned row) {
@@ -128,35 +153,28 @@ class Grown {
  private:
   std::string original() const { return folder_.catalogue(); }
 
-  // Copied, for what is applied is applied once.
-  double record(Order order) {
-    const std::string copy = original() + "-copy";
+  // What is applied is applied once.
+  std::string copyOfOriginal() const {
+    std::string copy = original() + "-copy";
     std::filesystem::create_directory(copy);
     for (const char* name : kDatabases) {
       std::filesystem::copy_file(original() + name, copy + name);
       kddc::bench::flushToDisk(copy + name);
     }
-    Volume volume(rows_, order);
-    while (volume.stream().count() < records_) kddc::bench::mix(volume);
-    const double seconds = applied(volume.stream(), copy);
-    std::filesystem::remove_all(copy);
-    return seconds / static_cast<double>(volume.stream().count());
+    return copy;
   }
 
+  template <class Target>
   static double applied(const Stream& stream, const std::string& catalogue) {
-    DCSqliteDB db(catalogue);
-    require(db.OpenHandle(false, false), "the catalogue does not open");
-    const double seconds = secondsFor([&] {
-      stream.forEach([&](const FlrJrnCommandRaw& record) {
-        require(ApplyJournal(&db, record), "a record is not applied");
-      });
-      db.Commit();
+    Target target(catalogue);
+    return secondsFor([&] {
+      stream.forEach([&](const FlrJrnCommandRaw& record) { target.apply(record); });
+      target.commit();
     });
-    db.CloseHandle(0, false);
-    return seconds;
   }
 
-  // Warm: as many were made before.
+  // Warm: as many were made before. Of entries in small folders: the root's grows with the
+  // catalogue.
   template <class Find>
   double lookup(const Find& find) {
     DCSqliteDB db(original());
@@ -164,7 +182,7 @@ class Grown {
     std::mt19937 random(2);
     const auto findAll = [&] {
       for (unsigned i = 0; i < records_; ++i) {
-        const unsigned row = 1 + static_cast<unsigned>(random() % (rows_ - 1));
+        const unsigned row = Tree::file(static_cast<unsigned>(random() % Tree{rows_}.files()));
         require(find(db, row) == row + 1, "a lookup found another row");
       }
     };
@@ -199,8 +217,10 @@ struct Cost {
 // In this order: a query marks rows as changed.
 constexpr Cost kCosts[] = {
     {"an entry scanned into a new catalogue", &Grown::newRow},
-    {"a record applied, near", &Grown::nearRecord},
-    {"a record applied, far", &Grown::farRecord},
+    {"a record applied, near", &Grown::record<Kddc, Order::kNear>},
+    {"the same by bare SQLite, near", &Grown::record<BareJournal, Order::kNear>},
+    {"a record applied, far", &Grown::record<Kddc, Order::kFar>},
+    {"the same by bare SQLite, far", &Grown::record<BareJournal, Order::kFar>},
     {"a lookup by identifier", &Grown::lookupByIdentifier},
     {"a lookup by name", &Grown::lookupByName},
     {"a query for a thousand changes", &Grown::query},
