@@ -8,7 +8,7 @@
 //   journal_bench [--smoke] [--benchmark_repetitions=N] [--benchmark_filter=REGEX]
 //
 // A name is <command>/<near|far>/<rows of the catalogue>; all of them take ten minutes,
-// "^(Bare-)?LINK/" and its like a quarter of one. Works in $KDDC_BENCH_DIR (default /var/tmp); a
+// "^(Bare-)?LINK/" and its like half of one. Works in $KDDC_BENCH_DIR (default /var/tmp); a
 // catalogue of a million rows takes 200 MB there. In /dev/shm no disk is measured, and nobody
 // else's use of it.
 #include <benchmark/benchmark.h>
