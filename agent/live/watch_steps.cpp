@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <utility>
 
 #include "agent/engine/catalogue_condition.h"
 #include "agent/engine/catalogue_folder.h"
