@@ -11,7 +11,7 @@
 #include "agent/last_words.h"
 
 int main(int argc, char** argv) {
-  umask(077);                     // what we make is nobody else's business
+  umask(077);  // what we make is nobody else's business
   kddc::sayLastWords();
   std::signal(SIGPIPE, SIG_IGN);  // a reader that has had enough is met as EPIPE
   // SQLite counts every allocation under one lock unless told not to: 7 % of a scan's inserts.
