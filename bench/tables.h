@@ -65,19 +65,20 @@ inline std::string aimOf(const Figures& figures, const std::string& column) {
   return aims.size() == 1 ? *aims.begin() : "";
 }
 
-inline std::string cellOf(const Figure& f, bool withAim) {
+inline std::string withAim(const std::string& text, const std::string& aim) {
+  return aim.empty() ? text : text + " (" + aim + ")";
+}
+
+inline std::string cellOf(const Figure& f, bool hasAimOfItsOwn) {
   const std::string text = f.isAlone() ? amountText(f.ours, f.unit) : timesText(f);
-  const std::string aim = withAim ? aimText(f) : "";
-  return boldIf(f.isMissed(), text) + (aim.empty() ? "" : " (" + aim + ")");
+  return withAim(boldIf(f.isMissed(), text), hasAimOfItsOwn ? aimText(f) : "");
 }
 
 inline Rows gridOf(const Figures& figures) {
   const std::vector<std::string> columns = distinct(figures, &Figure::column);
   Rows rows = {{""}};
-  for (const std::string& column : columns) {
-    const std::string aim = aimOf(figures, column);
-    rows[0].push_back(column + (aim.empty() ? "" : " (" + aim + ")"));
-  }
+  for (const std::string& column : columns)
+    rows[0].push_back(withAim(column, aimOf(figures, column)));
   for (const std::string& what : distinct(figures, &Figure::what)) {
     rows.push_back({what});
     for (const std::string& column : columns) {
