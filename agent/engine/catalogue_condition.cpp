@@ -17,7 +17,6 @@
 
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/catalogue_header.h"
-#include "agent/engine/catalogue_reader.h"
 #include "agent/engine/sqlite_query.h"
 #include "agent/errors.h"
 #include "platform/exceptions.h"
@@ -50,8 +49,7 @@ bool meansDamage(const UDCException& e) {
   }
 }
 
-CatalogueCondition examineHeader(const std::string& folder) {
-  const CatalogueHeader header = readHeader(ReadConnection(folder + kFilesDatabase));
+CatalogueCondition examineHeader(const CatalogueHeader& header) {
   if (header.version != kCatalogueVersion)
     return {Kind::kDamaged,
             fmt::format("it is of version '{}', not {}", header.version, kCatalogueVersion)};
@@ -68,8 +66,9 @@ bool isWhole(const std::string& database) {
     if (!db.opendb(false)) return false;
     db.exec_query("REINDEX");
     db.closedb(false);
-  } catch (const UDCException&) {  // then it is beyond that
-    return false;
+  } catch (const UDCException& e) {
+    if (!meansDamage(e)) throw;
+    return false;  // it is beyond that
   }
   return VerifyDBIntegrity(database.c_str());
 }
@@ -90,11 +89,12 @@ CatalogueCondition examine(const std::string& folder, const std::string& volumeP
   if (!files && !fids) return {Kind::kNone, {}};
   if (!files || !fids)
     return {Kind::kDamaged, fmt::format("{} is missing", files ? ".fid.kd" : ".db.kd")};
-  CatalogueCondition condition = examineHeader(folder);
+  const CatalogueHeader header = readHeader(ReadConnection(folder + kFilesDatabase));
+  CatalogueCondition condition = examineHeader(header);
   if (condition.kind != Kind::kUsable) return condition;
   Query(ReadConnection(folder + kFidDatabase), "SELECT FIDS_ROWID FROM FIDS LIMIT 1").step();
   // Another volume's: whoever is about to put one in its place refuses.
-  if (volumeOf(folder) != volumePath) return {Kind::kNone, {}};
+  if (header.volume != volumePath) return {Kind::kNone, {}};
   return examinePages(folder);
 }
 
