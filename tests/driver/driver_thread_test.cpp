@@ -133,10 +133,10 @@ TEST_P(DriverTest, ResolvesWhatIsGoneOutsideOrInside) {
   fs::remove(path("volume/g"));
   options.roots = {path("volume")};
   make();
-  start();
   driver->resolve(inside);
   driver->resolve(outside);
   driver->resolve(gone);
+  start();  // all three wait by then
   // What lies inside lets the others pass, and when no event comes its name is said.
   waitUntil([&] { return driver->finished().request >= 3; });
   const auto said = taken();
