@@ -102,6 +102,8 @@ struct Reading {
 std::string_view complaintOf(std::string_view line) {
   if (line.size() > kLineLimit) return "is too long (199 bytes at most)";
   if (line.find('\0') != std::string_view::npos) return "holds a NUL byte";
+  // Of the first line inih would pass over it, wherever the line begins.
+  if (line.starts_with(kByteOrderMark)) return "begins with a byte order mark in mid-file";
   if (line.starts_with('[') && line.find(']') != std::string_view::npos &&
       line.find(']') > kSectionLimit + 1)
     return "has a section name that is too long (49 bytes at most)";

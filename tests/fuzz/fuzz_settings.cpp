@@ -20,6 +20,7 @@ using kddc::fuzz::require;
 namespace {
 
 constexpr char kBlanks[] = " \t\r\v\f";
+constexpr char kByteOrderMark[] = "\xef\xbb\xbf";
 
 struct Assigned {
   std::string value;
@@ -48,6 +49,7 @@ std::string withoutComment(const std::string& line) {
 bool readLine(const std::string& line, int number, std::string& section, Expected& expected) {
   if (line.empty()) return true;
   if (line.size() > 199 || line.find('\0') != std::string::npos) return false;
+  if (line.starts_with(kByteOrderMark)) return false;
   if (line[0] == '[') {
     const std::size_t end = line.find(']');
     if (end == std::string::npos || end > 50) return false;
@@ -63,7 +65,7 @@ bool readLine(const std::string& line, int number, std::string& section, Expecte
 
 Expected read(std::string text) {
   Expected expected;
-  if (text.starts_with("\xef\xbb\xbf")) text.erase(0, 3);
+  if (text.starts_with(kByteOrderMark)) text.erase(0, 3);
   std::string section;
   int number = 0;
   while (!text.empty()) {

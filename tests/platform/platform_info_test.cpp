@@ -185,6 +185,16 @@ TEST_F(Settings, AreRefusedWithTheFirstLineThatCannotBeParsed) {
   EXPECT_EQ(textFailure(), lineFailure(2, "\"key = 1? 2\" holds a NUL byte"));
 }
 
+TEST_F(Settings, AreRefusedWithAByteOrderMarkBehindTheFilesBeginning) {
+  const std::string why = "\xEF\xBB\xBF[S]\" begins with a byte order mark in mid-file";
+  write("  \xEF\xBB\xBF[S]\nkey = 1\n");
+  EXPECT_EQ(textFailure(), lineFailure(1, "\"" + why));
+  write("\xEF\xBB\xBF\xEF\xBB\xBF[S]\nkey = 1\n");
+  EXPECT_EQ(textFailure(), lineFailure(1, "\"" + why));
+  write("[S]\nkey = 1\n\xEF\xBB\xBF[S]\nkey = 2\n");
+  EXPECT_EQ(textFailure(), lineFailure(3, "\"" + why));
+}
+
 TEST_F(Settings, AreRefusedWhenTheFileCannotBeRead) {
   const std::string start = "cannot look up \"key\" of section [S]: " + file();
   std::filesystem::create_directory(file());
