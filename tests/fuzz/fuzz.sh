@@ -9,6 +9,7 @@
 #   BUILD/findings/NAME-* inputs that broke something; the command that repeats each is printed
 #   BUILD/findings/NAME.log
 #
+# $KDDC_FUZZ_SEED: begin with these chances; others each time when it is not set.
 # Fails when any of them found something.
 set -euo pipefail
 build=$1 seconds=$2
@@ -34,7 +35,7 @@ fuzz() {
   local build=$1 seconds=$2 name=$3
   local target=$build/tests/fuzz/$name findings=$build/findings/$name
   mkdir -p "$build/corpus/$name"
-  if "$target" -max_total_time="$seconds" -max_len="$(longest "$name")" -timeout=10 \
+  if "$target" -max_total_time="$seconds" -max_len="$(longest "$name")" -timeout=10 -seed="${KDDC_FUZZ_SEED:-0}" \
     -print_final_stats=1 -artifact_prefix="$findings-" "$build/corpus/$name" "$build/seeds/$name" 2>"$findings.log"; then
     echo "$name: $(awk '/number_of_executed_units/ { print $2 }' "$findings.log") inputs, no findings"
     return
