@@ -54,7 +54,7 @@ class Settle {
 
   // The record's strings must live during the call.
   Result take(const FlrJrnCommandRaw& record);
-  // Writes the link counts, which are held back.
+  // Writes the link counts and stub marks that are held back.
   void writeHeldBack() { attributes_.writeHeldBack(); }
 
   // The row of a folder, perhaps of the root, is that of this one, unless it is another's by now.

@@ -16,7 +16,7 @@ struct FailingMemory : FaultTest {
   torture::Inodes before;
   int ended = 0;
   long refused = 0;
-  bool isBeforeMain = false;  // it may be
+  bool mayEndBeforeMain = false;  // where a library speaks, and not we
 
   void SetUp() override {
     FaultTest::SetUp();
@@ -41,7 +41,7 @@ struct FailingMemory : FaultTest {
   }
   void expectEndedWithAReason(Program& ending) const {
     const Outcome outcome = ending.finish();
-    if (isBeforeMain && outcome.exitCode == 128 + SIGABRT) {
+    if (mayEndBeforeMain && outcome.exitCode == 128 + SIGABRT) {
       EXPECT_THAT(outcome.err, testing::HasSubstr("std::bad_alloc")) << outcome;
       return;
     }
@@ -92,7 +92,7 @@ TEST_F(FailingMemory, ForAWhileItGoesOnOrTheNextStartMakesGood) {
 
 // Before its first own line runs, the loader and the libraries say it in their own words.
 TEST_F(FailingMemory, WhileItStartsItRunsOrSaysWhyNot) {
-  isBeforeMain = true;
+  mayEndBeforeMain = true;
   end(*program);
   shim.count(kAllocations);
   program = watchShimmed();
