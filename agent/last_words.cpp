@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/last_words.h"
 
+#include <signal.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -39,10 +40,17 @@ iovec piece(const char* text) {
   std::abort();
 }
 
+void onBusError(int) {
+  endWith("a file that is used as memory cannot be written or read; is its disk full, or gone?");
+}
+
 }  // namespace
 
 void sayLastWords() {
   std::set_terminate(onTerminate);
+  struct sigaction action {};
+  action.sa_handler = onBusError;
+  sigaction(SIGBUS, &action, nullptr);
 }
 
 }  // namespace kddc

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "platform/wal_index_guard.h"
+
 namespace kddc {
 namespace {
 
@@ -51,6 +53,7 @@ int openDatabase(const std::string& path, int flags, sqlite3** handle) {
   if (isSomethingElse(path, flags)) return SQLITE_CANTOPEN;
   const int result = sqlite3_open_v2(path.c_str(), handle, flags | SQLITE_OPEN_NOFOLLOW, nullptr);
   if (result != SQLITE_OK) return result;
+  guardWalIndex(*handle);
   for (const auto& [option, value] : kSettings) sqlite3_db_config(*handle, option, value, nullptr);
   for (const auto& [limit, value] : kLimits) sqlite3_limit(*handle, limit, value);
   return sqlite3_exec(*handle, "PRAGMA cell_size_check=1", nullptr, nullptr, nullptr);

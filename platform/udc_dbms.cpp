@@ -7,10 +7,12 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -27,7 +29,7 @@ namespace {
 constexpr char kSection[] = "DataClassification";
 // Measured: see docs/decisions/0002-journal-mode-and-group-commit.md.
 constexpr int kCacheKiB = 64 * 1024;
-constexpr int kWalBytesBeforeCheckpoint = 64 * 1024 * 1024;
+constexpr std::uint64_t kMostWalBytes = 64 * 1024 * 1024, kLeastWalBytes = 1024 * 1024;
 
 // A group of no rows, or of no time, would be committed before it began.
 long long setting(const char* key, long long fallback) {
@@ -40,6 +42,13 @@ std::chrono::nanoseconds coarseNow() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+// On a small disk the log must not take the room into which a checkpoint would move it.
+std::uint64_t walBytesBeforeCheckpoint(const std::string& path) {
+  struct statvfs disk {};
+  if (statvfs(path.c_str(), &disk) != 0) return kMostWalBytes;
+  return std::clamp(disk.f_frsize * disk.f_bavail / 8, kLeastWalBytes, kMostWalBytes);
 }
 
 // SQLite would create the file with the rights of the umask. Only a file that did not exist is
@@ -115,8 +124,8 @@ void UDC_DBMS::configure() {
   run(kTag, "PRAGMA journal_mode=WAL");
   run(kTag, ("PRAGMA synchronous=" + std::to_string(synchronous_)).c_str());
   exec_query_get_table("PRAGMA page_size");
-  const int pageSize = std::max(std::atoi(table[1]), 512);
-  sqlite3_wal_autocheckpoint(handle, kWalBytesBeforeCheckpoint / pageSize);
+  const auto pageSize = static_cast<unsigned>(std::max(std::atoi(table[1]), 512));
+  sqlite3_wal_autocheckpoint(handle, static_cast<int>(walBytesBeforeCheckpoint(path_) / pageSize));
   begin();
 }
 

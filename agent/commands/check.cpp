@@ -14,11 +14,11 @@
 
 #include "agent/catalogue_place.h"
 #include "agent/commands/commands.h"
+#include "agent/engine/catalogue_condition.h"
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/own_catalogue.h"
 #include "agent/errors.h"
 #include "platform/unique_fd.h"
-#include "volumes/catalogue_files.h"
 
 namespace kddc {
 namespace {
@@ -59,7 +59,7 @@ int runCheck(const Options& options, const std::string& volume) {
 
   int result = kExitDone;
   for (const Database& database : kDatabases) {
-    const bool ok = VerifyDBIntegrity((folder + database.file).c_str());
+    const bool ok = passesCheck(folder + database.file);
     fmt::print("{}: {}\n", database.name, ok ? "ok" : "damaged");
     if (!ok) result = kExitDifference;
   }

@@ -58,9 +58,21 @@ CatalogueCondition examineHeader(const CatalogueHeader& header) {
   return {Kind::kUsable, {}};
 }
 
+// Without a change, and so also where there is no room for one.
+bool readsWhole(const std::string& database) {
+  try {
+    const ReadConnection connection(database);
+    Query check(connection, "PRAGMA integrity_check(1)");
+    return check.step() && check.text(0) == "ok";
+  } catch (const UDCException& e) {
+    if (!meansDamage(e)) throw;
+    return false;
+  }
+}
+
 // Rows that are whole keep their numbers, whatever became of the indexes. A vacuum copies those.
 bool isWhole(const std::string& database) {
-  if (VerifyDBIntegrity(database.c_str())) return true;
+  if (passesCheck(database)) return true;
   try {
     UDC_DBMS db(database, 2, 0, false);
     if (!db.opendb(false)) return false;
@@ -70,7 +82,7 @@ bool isWhole(const std::string& database) {
     if (!meansDamage(e)) throw;
     return false;  // it is beyond that
   }
-  return VerifyDBIntegrity(database.c_str());
+  return passesCheck(database);
 }
 
 // The one reads mostly indexes, the other mostly rows: together they take as long as the longer.
@@ -121,6 +133,10 @@ CatalogueCondition examineCatalogue(const std::string& folder, const std::string
       throw;
     }
   });
+}
+
+bool passesCheck(const std::string& database) {
+  return VerifyDBIntegrity(database.c_str()) || readsWhole(database);
 }
 
 // A name that nobody has: two that are set aside within a second must not meet.

@@ -30,6 +30,10 @@ struct CatalogueCondition {
 // rights, no memory.
 CatalogueCondition examineCatalogue(const std::string& folder, const std::string& volumePath);
 
+// Whether all pages of a database are in order, after a vacuum where that helps. To fail the check
+// it must have been read: an exception where there is no room, or no memory, for that.
+bool passesCheck(const std::string& database);
+
 // Renames the folder to "<folder>.corrupt-<seconds since 1970>" and returns that name. Of those
 // that were set aside before, the two newest stay. Failure when it cannot be renamed.
 std::string setAside(const std::string& folder);

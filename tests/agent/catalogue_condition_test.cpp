@@ -10,8 +10,10 @@
 #include <fstream>
 
 #include "agent/errors.h"
+#include "tests/support/balloon.h"
 #include "tests/support/catalogue.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/loop_mount.h"
 
 namespace kddc::test {
 namespace {
@@ -121,6 +123,30 @@ TEST_F(ConditionTest, OneWithDamagedPagesIsDamaged) {
   const auto pages = static_cast<std::streamoff>(fs::file_size(fidsPath) / 1024);
   for (std::streamoff page = 10; page < pages; ++page) write(fidsPath, page * 1024, "\xff\xff\xff");
   expectDamaged(".fid.kd is damaged");
+}
+
+// To look at one takes room, too.
+TEST_F(ConditionTest, OneOnAFullDiskIsNotTakenForDamaged) {
+  if (const std::string why = LoopMount::whyNot("ext4"); !why.empty()) GTEST_SKIP() << why;
+  scan(false);
+  setenv("TMPDIR", inMemory().c_str(), 1);
+  const LoopMount disk("ext4");
+  fs::copy(folder, disk / "catalogue");
+  int examined = 0, failed = 0;
+  for (int room = 0; room <= 96; room += 2) {
+    const Balloon balloon(disk.path());
+    balloon.leave(room * 1024);
+    try {
+      const CatalogueCondition condition = examineCatalogue(disk / "catalogue", "/volume");
+      ASSERT_EQ(condition.kind, Kind::kUsable) << condition.why << room;
+      ++examined;
+    } catch (const Failure& e) {
+      EXPECT_THAT(e.what(), HasSubstr("the disk is full"));
+      ++failed;
+    }
+  }
+  EXPECT_GT(examined, 10);
+  EXPECT_GT(failed, 10);
 }
 
 // The rows are all there: they keep their numbers.

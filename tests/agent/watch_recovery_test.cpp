@@ -5,6 +5,7 @@
 // neighbour does not notice.
 #include <sys/statvfs.h>
 
+#include "tests/support/balloon.h"
 #include "tests/support/watch_fixture.h"
 
 namespace kddc::test {
@@ -146,20 +147,12 @@ TEST_F(WatchRecovery, ACatalogueThatIsDamagedWhileItIsKeptIsMadeAnew) {
 struct SmallDisk : WatchRecovery {
   std::optional<LoopMount> disk;
   std::unique_ptr<Program> program;
-  std::string balloon;
 
   void watchOnSmallDisk() {
     disk.emplace("ext4");
     state = *disk / "state";
     options.state = state;
-    balloon = *disk / "balloon";
     program = watch();
-  }
-  void fill() const {
-    std::ofstream out(balloon, std::ios::binary);
-    const std::string block(4096, 0);
-    while (out.write(block.data(), 4096).flush()) {
-    }
   }
 };
 
@@ -168,17 +161,28 @@ TEST_F(SmallDisk, AFullDiskIsToldOfAndNothingIsLost) {
   for (int i = 0; i < 200; ++i) write("kept " + std::to_string(i));
   flush();
   const std::string row = rows("SELECT INODE FROM FILES WHERE NAME='a'").at(0);
-  fill();
+  const Balloon balloon(disk->path());
   // More than fits into what the log has left.
   for (int i = 0; i < 3000; ++i) write("more " + std::to_string(i));
   ASSERT_TRUE(program->waitUntil([&] { return !isLive(volume); })) << program->err();
   const auto stale = status();
   EXPECT_TRUE(stale.contains("stale_since")) << stale;
-  fs::remove(balloon);
+  balloon.burst();
   ASSERT_TRUE(program->waitUntil([&] { return isLive(volume); })) << program->err() << status();
   flush();
   EXPECT_EQ(listed(), onDisk(volume));
   EXPECT_EQ(rows("SELECT INODE FROM FILES WHERE NAME='a'").at(0), row);
+}
+
+// As on a disk that fails what SQLite writes through memory.
+TEST_F(WatchRecovery, AFileInMemoryThatFailsEndsItWithAReason) {
+  const auto program = watch();
+  program->signal(SIGBUS);
+  const Outcome outcome = program->finish();
+  EXPECT_EQ(outcome.exitCode, 3) << outcome;
+  EXPECT_EQ(outcome.err,
+            "kddc: ended where it was: a file that is used as memory cannot be written or read; is "
+            "its disk full, or gone?\n");
 }
 
 }  // namespace

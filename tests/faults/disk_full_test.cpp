@@ -3,6 +3,7 @@
 //
 // The file system of the catalogue, or that of the queue, is full for a while.
 #include "tests/faults/fault_fixture.h"
+#include "tests/support/balloon.h"
 #include "tests/support/unread_pipe.h"
 
 namespace kddc::faults {
@@ -16,15 +17,6 @@ struct DiskFull : FaultTest {
     if (IsSkipped()) return;
     small.emplace("tmpfs", "size=12m");
   }
-  // Takes all the room there is.
-  std::string inflate() const {
-    const std::string balloon = *small / "balloon";
-    const UniqueFd fd(open(balloon.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-    const std::vector<char> air(1 << 16);
-    for (std::size_t bytes = air.size(); bytes > 0;)
-      if (::write(fd.get(), air.data(), bytes) <= 0) bytes /= 2;
-    return balloon;
-  }
   // Enough for many pages of a catalogue.
   void growBy(int files, const std::string& stem) const {
     fs::create_directory(*this / stem);
@@ -32,7 +24,7 @@ struct DiskFull : FaultTest {
       write(stem + "/a file of a name long enough to fill pages " + std::to_string(i));
   }
   void fillAndFree(const Program& program) {
-    const std::string balloon = inflate();
+    const test::Balloon balloon(small->path());
     growBy(5000, "while it is full");
     EXPECT_TRUE(comesTrue([&] { return stateName() != "live"; })) << status();
     const auto told = status();
@@ -45,7 +37,7 @@ struct DiskFull : FaultTest {
       EXPECT_NE(answer["state"], "live") << answer;
       EXPECT_EQ(answer["stale_since"], told["stale_since"]);
     }
-    fs::remove(balloon);
+    balloon.burst();
     EXPECT_TRUE(comesTrue([&] { return stateName() == "live"; })) << status();
     ASSERT_FALSE(program.hasEnded()) << program.err();
     expectExact();
@@ -81,13 +73,13 @@ TEST_F(DiskFull, OfTheQueueIsToldAndRecoversWhenThereIsRoomAgain) {
     setenv("KELDARA_REGISTRY_ROOT", registry.path().c_str(), 1);
   });
   ASSERT_EQ(printed.line(), "ready\n");
-  const std::string balloon = inflate();
+  const test::Balloon balloon(small->path());
   growBy(rounds(60'000, 200'000), "more than the queue holds in memory");
   nap(500);
   const auto told = status();
   tell("told: ", told.dump());
   EXPECT_NE(told["state"], "live");
-  fs::remove(balloon);
+  balloon.burst();
   std::thread reading([&] { printed.readOn(); });
   EXPECT_TRUE(comesTrue([&] { return stateName() == "live"; })) << status();
   EXPECT_FALSE(program->hasEnded()) << program->err();
