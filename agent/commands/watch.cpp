@@ -236,7 +236,8 @@ int watch(const Options& options, const std::vector<std::string>& volumes, bool 
     session->stop();
     ++signals;
   });
-  if (session->volumes().empty())
+  // A service is there for those that are registered later.
+  if (session->volumes().empty() && !manager.listens())
     throw Failure("no volume is registered; name one, or see: kddc volumes --help");
   std::vector<ControlPlace> places;
   for (const std::string& volume : session->volumes()) places.push_back(placeOf(volume));

@@ -124,7 +124,7 @@ std::string summaryOf(const std::vector<State>& states) {
   for (const State state : {kLive, kScanning, kRescanning, kStale, kNotWatched})
     if (const auto count = std::ranges::count(states, state); count > 0)
       summary += fmt::format("{} {} {}", summary.empty() ? "volumes:" : ",", count, nameOf(state));
-  return summary;
+  return summary.empty() ? "volumes: none; see: kddc volumes --help" : summary;
 }
 
 json toJson(const VolumeStatus& status) {

@@ -195,7 +195,8 @@ void CatalogueReader::View::failReading(const UDCException& e) const {
     case SQLITE_CORRUPT:
       refuse(fmt::format("the catalogue in {} is damaged ({})", folder_, e.GetMessage()));
     default:
-      throw Failure(fmt::format("cannot read the catalogue in {}: {}", folder_, e.GetMessage()));
+      throw Failure(
+          fmt::format("cannot read the catalogue in {}: {}", folder_, describeCurrentException()));
   }
 }
 

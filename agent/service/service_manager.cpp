@@ -40,6 +40,7 @@ void ServiceManager::receive() {
   const int count = sd_listen_fds_with_names(1, &names);
   for (int i = 0; i < count; ++i) {
     kept_[names[i]].emplace_back(SD_LISTEN_FDS_START + i);
+    names_.insert(names[i]);
     std::free(names[i]);
   }
   std::free(names);
@@ -58,6 +59,8 @@ void ServiceManager::failed(const std::string& sentence, int error) {
   std::string lines = "STATUS=" + printable(sentence);
   if (error != 0) lines += fmt::format("\nERRNO={}", error);
   tell(lines);
+  const std::lock_guard lock(mutex_);
+  for (const std::string& name : names_) forget(name);
 }
 
 void ServiceManager::tell(const std::string& lines) const {
@@ -77,8 +80,12 @@ UniqueFd ServiceManager::taken(const std::string& name) {
 
 // The manager need not look whether the other end has gone: there is none, and it would be woken by
 // every change.
-void ServiceManager::keep(const std::string& name, int fd) const {
+void ServiceManager::keep(const std::string& name, int fd) {
   if (!listens_) return;
+  {
+    const std::lock_guard lock(mutex_);
+    names_.insert(name);
+  }
   const std::string lines = "FDSTORE=1\nFDPOLL=0\nFDNAME=" + name;
   sd_pid_notify_with_fds(0, 0, lines.c_str(), &fd, 1);
 }

@@ -7,7 +7,8 @@
 // What goes on in between is the work of ServiceReport.
 //
 // It keeps descriptors, each under a name: when this process dies, the next one gets them. That is
-// for a crash. Whoever ends something in good order has the manager forget it.
+// for a crash. Whoever ends something in good order has the manager forget it, and after a failure
+// nothing is kept: what stands in the way may do so for days, and a queue that nobody reads grows.
 //
 // Does nothing where nobody listens ($NOTIFY_SOCKET is not set); descriptors that were handed to
 // the process are left alone then.
@@ -21,6 +22,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -51,7 +53,7 @@ class ServiceManager {
   void ready();
   // It ends, in good order.
   void stopping();
-  // It ends because of what the sentence says; `error`: the errno behind it, 0 when there is none.
+  // It ends because of what the sentence says, and nothing is kept any more; `error`: the errno behind it, 0 when there is none.
   void failed(const std::string& sentence, int error);
   // Lines of "NAME=value", as the manager takes them.
   void tell(const std::string& lines) const;
@@ -60,7 +62,7 @@ class ServiceManager {
   // What was kept under the name; none when nothing was, or several things were, which is noted.
   UniqueFd taken(const std::string& name);
   // Has a descriptor kept, a copy of it. Names: at most 255 of ASCII, without ':'.
-  void keep(const std::string& name, int fd) const;
+  void keep(const std::string& name, int fd);
   void forget(const std::string& name) const;
   // Has all forgotten that nobody has taken, with a note.
   void forgetUnclaimed();
@@ -75,6 +77,7 @@ class ServiceManager {
   std::atomic<Phase> phase_ = Phase::kStarting;
   std::mutex mutex_;
   std::map<std::string, std::vector<UniqueFd>> kept_;  // that nobody has taken yet
+  std::set<std::string> names_;                        // of all that is kept, or was
 };
 
 }  // namespace kddc

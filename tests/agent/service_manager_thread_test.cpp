@@ -59,7 +59,7 @@ TEST(StatusLine, CountsTheVolumesOfEachState) {
   EXPECT_EQ(summaryOf({kLive}), "volumes: 1 live");
   EXPECT_EQ(summaryOf({kStale, kScanning, kLive, kRescanning, kLive}),
             "volumes: 2 live, 1 scanning, 1 rescanning, 1 stale");
-  EXPECT_EQ(summaryOf({}), "");
+  EXPECT_EQ(summaryOf({}), "volumes: none; see: kddc volumes --help");
 }
 
 struct ServiceManagerTest : testing::Test {

@@ -202,6 +202,28 @@ TEST_F(WatchService, UsesNoneOfSeveralThatWereKeptForAFileSystem) {
   EXPECT_EQ(listed(), onDisk(volume));
 }
 
+// It is tried again for as long as it takes, and meanwhile nobody reads.
+TEST_F(WatchService, HasAllForgottenWhenItFails) {
+  auto program = start();
+  kill(*program);
+  ASSERT_THAT(manager.kept, ElementsAre(Pair(name(), SizeIs(1))));
+  fs::permissions(state, fs::perms::all);
+  program = launch({volume}, [&] { manager.prepareChild(); });
+  EXPECT_EQ(program->finish().exitCode, 3);
+  manager.told();
+  EXPECT_THAT(manager.kept, IsEmpty());
+}
+
+TEST_F(WatchService, WaitsForVolumesThatAreRegisteredLater) {
+  const TempFolder registry;
+  const Program program({"watch", "--state", state}, [&] {
+    manager.prepareChild();
+    setenv("KELDARA_REGISTRY_ROOT", registry.path().c_str(), 1);
+  });
+  EXPECT_TRUE(manager.waitFor("READY=1"));
+  EXPECT_TRUE(manager.waitFor("STATUS=volumes: none; see: kddc volumes --help"));
+}
+
 TEST_F(WatchService, HasForgottenWhatNoVolumeNeeds) {
   manager.kept["kddc-1"].emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
   const auto program = start();
