@@ -148,8 +148,9 @@ struct SmallDisk : WatchRecovery {
   std::optional<LoopMount> disk;
   std::unique_ptr<Program> program;
 
-  void watchOnSmallDisk() {
-    disk.emplace("ext4");
+  void watchOnSmallDisk(const std::string& fsType = "ext4") {
+    if (const std::string why = LoopMount::whyNot(fsType); !why.empty()) GTEST_SKIP() << why;
+    disk.emplace(fsType);
     state = *disk / "state";
     options.state = state;
     program = watch();
@@ -169,6 +170,30 @@ TEST_F(SmallDisk, AFullDiskIsToldOfAndNothingIsLost) {
   EXPECT_TRUE(stale.contains("stale_since")) << stale;
   balloon.burst();
   ASSERT_TRUE(program->waitUntil([&] { return isLive(volume); })) << program->err() << status();
+  flush();
+  EXPECT_EQ(listed(), onDisk(volume));
+  EXPECT_EQ(rows("SELECT INODE FROM FILES WHERE NAME='a'").at(0), row);
+}
+
+// What has reached the disk needs another place when it is written to again, in memory too: there
+// the kernel ends the process.
+TEST_F(SmallDisk, ThatIsFullMayEndItOnBtrfsWithAReasonAndNothingIsLost) {
+  watchOnSmallDisk("btrfs");
+  if (IsSkipped()) return;
+  const std::string row = rows("SELECT INODE FROM FILES WHERE NAME='a'").at(0);
+  const Balloon balloon(disk->path());
+  for (int i = 0; i < 20'000 && !program->hasEnded(); ++i) write("more " + std::to_string(i));
+  const auto isLiveNow = [&] {  // may end while it is asked
+    return run({"status", "--json", volume}).out.find("\"state\":\"live\"") != std::string::npos;
+  };
+  ASSERT_TRUE(program->waitUntil([&] { return !isLiveNow(); }));
+  balloon.burst();
+  if (program->hasEnded()) {
+    const Outcome outcome = program->finish();
+    EXPECT_EQ(outcome.exitCode, 3) << outcome;
+    EXPECT_THAT(outcome.err, testing::HasSubstr("kddc: ended where it was: a file"));
+    program = watch();
+  }
   flush();
   EXPECT_EQ(listed(), onDisk(volume));
   EXPECT_EQ(rows("SELECT INODE FROM FILES WHERE NAME='a'").at(0), row);
