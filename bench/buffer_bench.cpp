@@ -242,13 +242,7 @@ std::vector<kddc::bench::Measured> figuresOf(std::size_t records, std::size_t bl
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<char*> words(argv, argv + argc);
-  const bool smoke = std::ranges::find(words, std::string_view("--smoke")) != words.end();
-  // In turns, so that what else the machine does meets all alike.
-  static char repeat[] = "--benchmark_repetitions=25";
-  static char takeTurns[] = "--benchmark_enable_random_interleaving=true";
-  if (!smoke) words.insert(words.begin() + 1, {repeat, takeTurns});
-
+  const bool smoke = kddc::bench::isSmoke(argc, argv);
   const std::size_t records = smoke ? 50000 : 500000, blocks = smoke ? 6 : 32;
   add("Pass/memory", [=](benchmark::State& state) { pass<Queue<64>>(state, records); });
   add("Pass/default", [=](benchmark::State& state) { pass<Queue<2>>(state, records); });
@@ -260,6 +254,5 @@ int main(int argc, char** argv) {
     add(("Spill/" + std::to_string(length)).c_str(),
         [=](benchmark::State& state) { spill(state, blocks, length); });
   add("Spill/bare", [=](benchmark::State& state) { spillBare(state, blocks); });
-  return kddc::bench::runAndReport(static_cast<int>(words.size()), words.data(),
-                                   figuresOf(records, blocks));
+  return kddc::bench::runAndReport(argc, argv, 25, figuresOf(records, blocks));
 }

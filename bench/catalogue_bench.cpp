@@ -144,14 +144,8 @@ void BareLookupByName(benchmark::State& state) {
   lookUp(state, [&](std::size_t i) { return catalogue.bare->inodeOf(bareParentOf(i), nameOf(i)); });
 }
 
-BENCHMARK(Insert)->Arg(100000)->Arg(1000000)->Iterations(1)->Repetitions(3)->Unit(
-    benchmark::kMillisecond);
-BENCHMARK(BareInsert)
-    ->Arg(100000)
-    ->Arg(1000000)
-    ->Iterations(1)
-    ->Repetitions(3)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(Insert)->Arg(100000)->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BareInsert)->Arg(100000)->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(LookupByIdentifier)->Arg(100000)->Arg(1000000);
 BENCHMARK(BareLookupByIdentifier)->Arg(100000)->Arg(1000000);
 BENCHMARK(LookupByName)->Arg(100000)->Arg(1000000);
@@ -181,5 +175,5 @@ int main(int argc, char** argv) {
                                     .aim = aim},
                          .count = isInsert ? rows : 1.0});
     }
-  return kddc::bench::runAndReport(argc, argv, figures);
+  return kddc::bench::runAndReport(argc, argv, 5, figures);
 }

@@ -99,12 +99,6 @@ void add(const char* name) {
 int main(int argc, char** argv) {
   KDPlatformInfo::setDefault("DataClassification", "SqlitePageSize", "4096");  // the program's
   KDPlatformInfo::setDefault("DataClassification", "SimultaneousFileAcess", "10000");
-  std::vector<char*> words(argv, argv + argc);
-  // In turns, so that what else the machine does meets both alike.
-  static char repeat[] = "--benchmark_repetitions=3";
-  static char takeTurns[] = "--benchmark_enable_random_interleaving=true";
-  if (std::ranges::find(words, std::string_view("--smoke")) == words.end())
-    words.insert(words.begin() + 1, {repeat, takeTurns});
   add<CumulativeJournal>("Coalesced");
   add<DCSqliteDB>("OneByOne");
   std::vector<kddc::bench::Measured> figures;
@@ -117,5 +111,5 @@ int main(int argc, char** argv) {
                                   .beside = "one by one",
                                   .aim = records == 1000000 ? 5.0 : 0}});
   }
-  return kddc::bench::runAndReport(static_cast<int>(words.size()), words.data(), figures);
+  return kddc::bench::runAndReport(argc, argv, 3, figures);
 }

@@ -225,13 +225,7 @@ void reportGrowth(const std::vector<Command>& commands, const ShortestTimes& tim
 
 int main(int argc, char** argv) {
   KDPlatformInfo::setDefault("DataClassification", "SqlitePageSize", "4096");  // the program's
-  std::vector<char*> words(argv, argv + argc);
-  const bool smoke = std::ranges::find(words, std::string_view("--smoke")) != words.end();
-  // In turns, so that what else the machine does meets both alike.
-  static char repeat[] = "--benchmark_repetitions=5";
-  static char takeTurns[] = "--benchmark_enable_random_interleaving=true";
-  if (!smoke) words.insert(words.begin() + 1, {repeat, takeTurns});
-
+  const bool smoke = kddc::bench::isSmoke(argc, argv);
   std::vector<Command> commands(std::begin(kCommands), std::end(kCommands));
   commands.push_back({"mix", smoke ? 10000U : 1000000U, kddc::bench::mix});
   std::vector<Measured> figures;
@@ -243,6 +237,5 @@ int main(int argc, char** argv) {
         figures.push_back(figureOf(command, order, rows));
       }
   return kddc::bench::runAndReport(
-      static_cast<int>(words.size()), words.data(), figures,
-      [&](const ShortestTimes& times) { reportGrowth(commands, times); });
+      argc, argv, 5, figures, [&](const ShortestTimes& times) { reportGrowth(commands, times); });
 }

@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "bench/results.h"
@@ -67,13 +68,23 @@ inline void reportMeasured(const Measured& measured, const ShortestTimes& times)
   if (figure.ours > 0 && (figure.isAlone() || figure.theirs > 0)) report(figure);
 }
 
-// Answers the exit status. --smoke runs the small sizes for a moment, to show that the program
-// still works. `more` reports what is not the time of one benchmark.
-inline int runAndReport(int argc, char** argv, const std::vector<Measured>& figures,
+// Whether the program is only to show that it still works.
+inline bool isSmoke(int argc, char** argv) {
+  return std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--smoke"; });
+}
+
+// Answers the exit status. The benchmarks are run in turns, so many times, so that what else the
+// machine does meets all alike; with --smoke the small sizes alone, once and for a moment. `more`
+// reports what is not the time of one benchmark.
+inline int runAndReport(int argc, char** argv, int repetitions,
+                        const std::vector<Measured>& figures,
                         const std::function<void(const ShortestTimes&)>& more = {}) {
   std::vector<std::string> words(argv, argv + argc);
   if (std::erase(words, "--smoke") > 0) {
     words.insert(words.end(), {"--benchmark_min_time=0.01", "--benchmark_filter=-/[1-9]000000"});
+  } else if (repetitions > 1) {
+    words.insert(words.begin() + 1, {"--benchmark_repetitions=" + std::to_string(repetitions),
+                                     "--benchmark_enable_random_interleaving=true"});
   }
   std::vector<char*> arguments;
   arguments.reserve(words.size());

@@ -80,5 +80,5 @@ int main(int argc, char** argv) {
                                     .column = column,
                                     .aim = column == std::string_view("decode") ? 20e-9 : 0}});
   }
-  return kddc::bench::runAndReport(argc, argv, figures);
+  return kddc::bench::runAndReport(argc, argv, 5, figures);
 }

@@ -203,6 +203,6 @@ void reportComparisons(const ShortestTimes& times) {
 int main(int argc, char** argv) {
   // The sizes are the program's.
   KDPlatformInfo::setDefault("DataClassification", "SqlitePageSize", "4096");
-  return kddc::bench::runAndReport(argc, argv, times(),
+  return kddc::bench::runAndReport(argc, argv, 1, times(),
                                    [](const ShortestTimes& times) { reportComparisons(times); });
 }
