@@ -88,18 +88,19 @@ Overview overview(const Options& options) {
   std::set<std::string> told;
   for (const fs::path& socket : entriesOf(socketsFolder(options)))
     if (all.add([&] { return askStatus(socket, ""); })) told.insert(socket.filename());
-  const auto addCatalogue = [&](const std::string& folder, const std::string& volume) {
-    if (told.insert(placeName(volume)).second)
-      all.add([&] { return std::optional(statusOfCatalogue(folder, volume)); });
+  const auto addCatalogue = [&](const std::string& folder, const auto& isExpected) {
+    all.add([&]() -> std::optional<VolumeStatus> {
+      const auto volume = volumeOf(folder);
+      if (!volume || !isExpected(*volume)) return std::nullopt;
+      if (!told.insert(placeName(*volume)).second) return std::nullopt;
+      return statusOfCatalogue(folder, *volume);
+    });
   };
   for (const RegisteredVolume& volume : registeredVolumesIfReadable())
-    if (volumeOf(volume.catalogue) == volume.mountPoint)
-      addCatalogue(volume.catalogue, volume.mountPoint);
-  for (const fs::path& folder : entriesOf(cataloguesFolder(options))) {
-    const auto volume = volumeOf(folder);
-    // One that is being built, beside the old one, has another name.
-    if (volume && folder.filename() == placeName(*volume)) addCatalogue(folder, *volume);
-  }
+    addCatalogue(volume.catalogue, [&](const std::string& of) { return of == volume.mountPoint; });
+  // One that is being built, beside the old one, has another name.
+  for (const fs::path& folder : entriesOf(cataloguesFolder(options)))
+    addCatalogue(folder, [&](const std::string& of) { return folder.filename() == placeName(of); });
   std::ranges::sort(all.volumes, {}, &VolumeStatus::volume);
   return all;
 }

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,6 +33,12 @@ constexpr int kAttempts = 20;
 // Stamps are stored as signed 32-bit numbers and meant as unsigned ones. Most rows are passed over,
 // and SQLite compares in less time than it computes.
 constexpr char kSince[] = " WHERE TIME NOT BETWEEN 0 AND ?1-1 AND (TIME & 4294967295) >= ?1";
+// What says nothing about the file.
+bool mayPass(const UDCException& e) {
+  const int code = e.GetErrorNumber() & 0xff;
+  return code == SQLITE_NOMEM || code == SQLITE_IOERR || code == SQLITE_FULL || code == SQLITE_BUSY;
+}
+
 constexpr char kPathColumns[] = "SELECT INODE,PINODE,NAME FROM FILES";
 constexpr char kAllColumns[] =
     "SELECT INODE,PINODE,NAME,FILE_TYPE,MODE,UID,GID,NLINK,SIZE,BLOCKSUSED,ATIME,MTIME,CTIME,TIME,"
@@ -228,8 +235,11 @@ std::optional<std::string> volumeOf(const std::string& folder) {
   try {
     const std::string volume = readHeader(ReadConnection(folder + kFilesDatabase)).volume;
     if (!volume.empty()) return volume;
-  } catch (const UDCException&) {  // no catalogue, or one that nobody can read, belongs to none
-  } catch (const Failure&) {       // nor does a link
+  } catch (const UDCException& e) {  // no catalogue, or one that nobody can read, belongs to none
+    if (mayPass(e))
+      throw Failure(fmt::format("cannot tell whose catalogue is in {}: {}", folder,
+                                describeCurrentException()));
+  } catch (const Failure&) {  // nor does a link
   }
   return std::nullopt;
 }

@@ -66,6 +66,7 @@ class CatalogueReader {
 };
 
 // The volume whose catalogue a folder holds; none when there is no catalogue that can be read.
+// Failure when that cannot be told at the moment: for want of memory, or of room on the disk.
 std::optional<std::string> volumeOf(const std::string& folder);
 
 }  // namespace kddc

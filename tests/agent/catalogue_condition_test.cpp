@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "agent/engine/catalogue_reader.h"
 #include "agent/errors.h"
 #include "tests/support/balloon.h"
 #include "tests/support/catalogue.h"
@@ -125,8 +126,8 @@ TEST_F(ConditionTest, OneWithDamagedPagesIsDamaged) {
   expectDamaged(".fid.kd is damaged");
 }
 
-// To look at one takes room, too.
-TEST_F(ConditionTest, OneOnAFullDiskIsNotTakenForDamaged) {
+// To look at one takes room, too: it is found out, or that there is no room for that.
+TEST_F(ConditionTest, OneOnAFullDiskIsNotTakenForDamagedOrForNobodys) {
   if (const std::string why = LoopMount::whyNot("ext4"); !why.empty()) GTEST_SKIP() << why;
   scan(false);
   setenv("TMPDIR", inMemory().c_str(), 1);
@@ -137,6 +138,7 @@ TEST_F(ConditionTest, OneOnAFullDiskIsNotTakenForDamaged) {
     const Balloon balloon(disk.path());
     balloon.leave(room * 1024);
     try {
+      ASSERT_EQ(volumeOf(disk / "catalogue"), "/volume") << room;
       const CatalogueCondition condition = examineCatalogue(disk / "catalogue", "/volume");
       ASSERT_EQ(condition.kind, Kind::kUsable) << condition.why << room;
       ++examined;
