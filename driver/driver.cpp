@@ -25,7 +25,7 @@ constexpr std::size_t kRoomForAnEvent = 4096;  // with less than this left, a re
 constexpr int kShortNap = 2, kLongNap = 100;   // milliseconds
 constexpr std::size_t kManyEvents = 100;
 constexpr std::chrono::milliseconds kIdle(100);
-constexpr int kRequestsAtOnce = 256;
+constexpr std::uint64_t kRequestsAtOnce = 256;
 constexpr std::size_t kNamesAtOnce = 256;
 // A short nap apart: who made the change may have to wait for a processor.
 constexpr int kResolveTimes = 50;
@@ -94,6 +94,9 @@ std::uint64_t Driver::barrier(Reached reached) {
 std::uint64_t Driver::endCapture(Reached reached) {
   return ask({Kind::kEndCapture, {}, {}, std::move(reached)});
 }
+std::uint64_t Driver::mark(Reached reached) {
+  return ask({Kind::kMark, {}, {}, std::move(reached)});
+}
 
 std::uint64_t Driver::addRoot(const std::string& path, std::vector<fsf_fid> leaveOut) {
   Request request{Kind::kAddRoot, {}, path, {}};
@@ -131,7 +134,7 @@ void Driver::turn() {
   wait();
   const std::uint64_t before = stream_.nextSequence(), served = served_;
   nap_ = readBatch() < kManyEvents ? kShortNap : std::min(2 * nap_, kLongNap);
-  serveSome();
+  serveSome(std::max<std::uint64_t>(stream_.nextSequence() - before, kRequestsAtOnce));
   resolveAgain();
   if (stream_.nextSequence() != before || served_ != served) lastSaid_ = Clock::now();
   rest();
@@ -191,17 +194,26 @@ void Driver::examine(const std::vector<Event>& events) {
   }
 }
 
-// What was queued when it began: a writer that never rests cannot keep it.
+// What was queued when it began: a writer that never rests cannot keep it. All who had asked by
+// then share it, for under load a reading takes longer than it takes to ask again.
 void Driver::readQueued() {
+  if (current_->number <= readFor_) return;
+  const std::uint64_t asked = lastAsked();
   for (std::size_t left = group_.queued(); left > 0;) {
     const std::size_t events = readBatch();
-    if (events == 0) return;
+    if (events == 0) break;
     left -= std::min(left, events);
   }
+  readFor_ = asked;
 }
 
 void Driver::readAll() {
   while (group_.queued() > 0) readBatch();
+}
+
+std::uint64_t Driver::lastAsked() const {
+  const KdMonitor::Guard guard(monitor_);
+  return lastNumber_;
 }
 
 bool Driver::hasRequests() const {
@@ -219,11 +231,13 @@ bool Driver::takeRequest() {
   return true;
 }
 
-// A request that an exception interrupts is served again.
-void Driver::serveSome() {
-  for (int i = 0; i < kRequestsAtOnce && takeRequest(); ++i) {
+// Until they have taken as much as the reading before, in records: then neither waits for the
+// other, however much there is of it. A request that an exception interrupts is served again.
+void Driver::serveSome(std::uint64_t share) {
+  const std::uint64_t began = stream_.nextSequence();
+  for (std::uint64_t i = 0; i + stream_.nextSequence() - began < share && takeRequest(); ++i) {
     sinks_.pulse(false);
-    if (!serve(*current_)) return;
+    if (!serve(*current_)) continue;
     if (!current_->reached) saidSomething_ = true;  // a barrier has its NOOP
     served_ = current_->number;
     current_.reset();
@@ -252,6 +266,8 @@ bool Driver::serve(Request& request) {
       [[fallthrough]];
     case Kind::kBarrier:
       readQueued();
+      [[fallthrough]];
+    case Kind::kMark:
       request.reached(noop());
       return true;
     case Kind::kAddRoot:

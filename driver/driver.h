@@ -87,7 +87,7 @@ class Driver {
     std::uint64_t request = 0;
     std::uint64_t sequence = 0;
   };
-  // Is given the number of the barrier's NOOP. Called by the thread in run().
+  // Is given the number of the NOOP. Called by the thread in run().
   using Reached = std::function<void(std::uint64_t sequence)>;
 
   // Throws CannotWatch when the file system cannot be followed, std::system_error when a root
@@ -97,9 +97,9 @@ class Driver {
   Driver& operator=(const Driver&) = delete;
 
   // Works until stop(). Then takes no more events from the kernel, says what the queued ones give,
-  // and reaches the barriers that wait; other requests that wait are left unserved. May be called
-  // again when an exception of the record sink has ended it: what the batch under way had still to
-  // say was lost, so what the volumes hold is in doubt.
+  // and reaches the barriers and marks that wait; other requests that wait are left unserved. May
+  // be called again when an exception of the record sink has ended it: what the batch under way had
+  // still to say was lost, so what the volumes hold is in doubt.
   void run();
   void stop() noexcept;
 
@@ -119,6 +119,8 @@ class Driver {
   // The same, but first ends the taking of events: the last barrier before an end in good order.
   // Requests are served after it as before.
   std::uint64_t endCapture(Reached reached);
+  // Says a NOOP behind the answers to what was asked before; of what happened perhaps not all yet.
+  std::uint64_t mark(Reached reached);
 
   // Follows one more folder on the file system, and leaves out these. When it cannot be opened that
   // is a doubt.
@@ -139,7 +141,17 @@ class Driver {
 
  private:
   using Clock = std::chrono::steady_clock;
-  enum class Kind { kList, kLook, kLookAt, kResolve, kBarrier, kEndCapture, kAddRoot, kDropRoot };
+  enum class Kind {
+    kList,
+    kLook,
+    kLookAt,
+    kResolve,
+    kBarrier,
+    kMark,
+    kEndCapture,
+    kAddRoot,
+    kDropRoot
+  };
   struct Request {
     Kind kind = Kind::kList;
     fsf_fid fid{};
@@ -158,6 +170,7 @@ class Driver {
   };
 
   std::uint64_t ask(Request request);
+  std::uint64_t lastAsked() const;
   bool hasRequests() const;
   bool takeRequest();
   void wake() noexcept;
@@ -171,7 +184,7 @@ class Driver {
   void readQueued();
   void readAll();
   void examine(const std::vector<Event>& events);
-  void serveSome();
+  void serveSome(std::uint64_t share);
   bool serve(Request& request);
   bool listSome(const fsf_fid& folder);
   void follow(Request& request);
@@ -206,7 +219,8 @@ class Driver {
   bool takesEvents_ = true;
   std::optional<Request> current_;  // being served
   bool isListing_ = false;
-  std::uint64_t served_ = 0;  // the last request that was served, or is unresolved
+  std::uint64_t served_ = 0;   // the last request that was served, or is unresolved
+  std::uint64_t readFor_ = 0;  // what was queued when this one was asked is read
   std::deque<Unresolved> unresolved_;
   Clock::time_point lastTry_;
   bool saidSomething_ = false;  // since the last NOOP

@@ -156,6 +156,63 @@ TEST_P(BusyDriver, ABusyVolumeCanBeUnmountedAndItsDeviceIsSoonFree) {
   stop();
 }
 
+// Each name that is told of makes another change, so that there is always as much to read as was
+// read before.
+struct EndlessChanges : DriverTest {
+  int made = 0;
+  bool goesOn = true;
+
+  void begin(int changes) {
+    options.queue = EventQueue::kUnlimited;
+    make();
+    onRecord = [this](const Record& record) {
+      const FlrJrnCommandRaw raw = record.decoded();
+      if (goesOn && raw.cmd == FLR_JRN_CREATE && !RecordMask(raw.mask).listed()) change();
+    };
+    for (int i = 0; i < changes; ++i) change();
+  }
+  void change() { write(std::to_string(++made)); }
+  // How many changes were read until everything that was asked before is answered. More than this
+  // would not end.
+  int changesUntilAnswered() {
+    constexpr int kEnough = 50'000;
+    int changes = 0;
+    std::promise<void> answered;
+    driver->mark([&](std::uint64_t) {
+      changes = made;
+      goesOn = false;
+      answered.set_value();
+    });
+    const auto onEach = std::exchange(onRecord, {});
+    onRecord = [&, onEach](const Record& record) {
+      goesOn = goesOn && made < kEnough;
+      onEach(record);
+    };
+    start();
+    answered.get_future().wait();
+    stop();
+    return changes;
+  }
+};
+INSTANTIATE_TEST_SUITE_P(On, EndlessChanges, testing::Values("tmpfs"), typeOf);
+
+TEST_P(EndlessChanges, AreReadOnceForAllWhoAskAfterAFile) {
+  write("file");
+  const fsf_fid file = fidAt(path("file"));
+  std::filesystem::remove(path("file"));
+  begin(500);
+  for (int i = 0; i < 100; ++i) driver->resolve(file);
+  EXPECT_LT(changesUntilAnswered(), 5000);
+}
+
+TEST_P(EndlessChanges, LeaveHalfOfTheTimeToThoseWhoAsk) {
+  std::filesystem::create_directory(path("folder"));
+  for (int i = 0; i < 10'000; ++i) write("folder/" + std::to_string(i));
+  begin(1000);
+  driver->list(fidAt(path("folder")));
+  EXPECT_LT(changesUntilAnswered(), 20'000);
+}
+
 TEST_P(BusyDriver, ItsRecordsEndUpAtWhatIsOnTheDisk) {
   options.queue = EventQueue::kUnlimited;
   make();
