@@ -19,9 +19,10 @@ namespace kddc {
 namespace {
 
 // A question may raise another one: a name that came from outside is looked at, turns out to be a
-// folder and is listed, and a file found there takes a name from another one. Under load new ones
-// are raised all the time; those that an earlier round left are answered by then.
-constexpr int kMostRounds = 32;
+// folder and is listed; a file found there takes a name from another one, which is asked after; the
+// folders on its way may have to be listed, and take names once more. No chain is longer than these
+// five, so what is still asked after so many rounds was raised by what happened meanwhile.
+constexpr int kMostRounds = 6;
 // Between two looks at something that is about to happen.
 constexpr std::chrono::milliseconds kMoment(2);
 
@@ -66,33 +67,35 @@ bool WatchSession::isEnding(const Volume& volume) const {
   return isStopping() || volume.leaving;
 }
 
-// Waits until the driver has said all there was, and all that this made necessary to ask.
+// Waits until the driver has said all there was, and all that this made necessary to ask; not for
+// what happens meanwhile. Each wait is for what was queued or asked when it began, so a load that
+// never ends cannot keep it.
 bool WatchSession::catchUp(const Volume& volume, const std::function<bool()>& giveUp) {
   std::shared_ptr<VolumePort> port;
   {
     const std::lock_guard lock(mutex_);
     port = volume.port;
   }
-  for (int round = 0; port && round < kMostRounds; ++round) {
-    const auto answered = applyQueued(*port, giveUp);
-    if (!answered) return false;
+  if (!port) return false;
+  auto answered = applyUpTo(*port, &Driver::barrier, giveUp);
+  for (int round = 0; answered && round < kMostRounds; ++round) {
     const std::uint64_t asked = port->lastQuestion();
     if (asked <= *answered) return true;
     for (; !port->isAnswered(asked); std::this_thread::sleep_for(kMoment))
       if (isCutOff(*port, giveUp)) return false;
+    answered = applyUpTo(*port, &Driver::mark, giveUp);
   }
-  return port != nullptr;
+  return answered.has_value();
 }
 
-// Waits until all that the driver has said, and has to say by now, is applied. The number of the
-// last question whose answer, and those of all before it, are among that; none when nobody waits
-// any more.
-std::optional<std::uint64_t> WatchSession::applyQueued(VolumePort& port,
-                                                       const std::function<bool()>& giveUp) {
+// Waits until all that the driver says up to this NOOP is applied. The number of the last question
+// whose answer, and those of all before it, are among that; none when nobody waits any more.
+std::optional<std::uint64_t> WatchSession::applyUpTo(VolumePort& port, AskForNoop ask,
+                                                     const std::function<bool()>& giveUp) {
   if (isCutOff(port, giveUp)) return std::nullopt;
   const auto reached = std::make_shared<std::promise<Driver::Served>>();
   auto served = reached->get_future();
-  port.driver().barrier([reached, &driver = port.driver()](std::uint64_t sequence) {
+  (port.driver().*ask)([reached, &driver = port.driver()](std::uint64_t sequence) {
     reached->set_value({driver.finished().request, sequence});
   });
   while (served.wait_for(kLook) != std::future_status::ready)

@@ -152,7 +152,7 @@ CompareCounts WatchSession::compareNow(Volume& volume) {
   const auto ends = [&] { return isEnding(volume); };
   // What is still queued may be of a time after which changes were missed, and would be taken for
   // news of what was compared meanwhile.
-  if (!applyQueued(*volume.port, ends)) throw Stopped();
+  if (!applyUpTo(*volume.port, &Driver::barrier, ends)) throw Stopped();
   Questions questions(*this, volume);
   const CompareWishes wishes{.progress = listeners_.progress, .check = [&] {
                                if (ends()) throw Stopped();

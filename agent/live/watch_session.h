@@ -173,7 +173,9 @@ class WatchSession {
   // watch_answers.cpp: what others ask.
   Volume* find(const std::string& path) const;
   bool catchUp(const Volume& volume, const std::function<bool()>& giveUp);
-  std::optional<std::uint64_t> applyQueued(VolumePort& port, const std::function<bool()>& giveUp);
+  using AskForNoop = std::uint64_t (Driver::*)(Driver::Reached reached);
+  std::optional<std::uint64_t> applyUpTo(VolumePort& port, AskForNoop ask,
+                                         const std::function<bool()>& giveUp);
   bool isCutOff(const VolumePort& port, const std::function<bool()>& giveUp) const;
   bool waitUntilLive(Volume& volume, const std::function<bool()>& giveUp);
   VolumeStatus::State stateOf(const Volume& volume) const;

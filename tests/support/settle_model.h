@@ -162,6 +162,8 @@ class SettleModel {
     return changed;
   }
   std::uint64_t failed() const { return settle_.counts().failed; }
+  // How often there was something to ask still when all had been answered.
+  int roundsOfQuestions() const { return rounds_; }
 
  private:
   void insertRoot() {
@@ -307,6 +309,7 @@ class SettleModel {
       for (const Name& row : parked) translator_.resolve(row.fid);
       busy = !parked.empty() || volume_.queued() > 0 || !requests_.lists.empty() ||
              !requests_.looks.empty() || !queue_.empty();
+      rounds_ += busy;
     }
     db_.CloseHandle(0, false);
   }
@@ -351,6 +354,7 @@ class SettleModel {
   ServedRequests requests_;
   Settle settle_{db_, requests_};
   std::map<std::string, std::string> rowsBefore_;
+  int rounds_ = 0;
 };
 
 }  // namespace kddc::test
