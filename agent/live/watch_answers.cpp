@@ -20,9 +20,10 @@ namespace {
 
 // A question may raise another one: a name that came from outside is looked at, turns out to be a
 // folder and is listed; a file found there takes a name from another one, which is asked after; the
-// folders on its way may have to be listed, and take names once more. No chain is longer than these
-// five, so what is still asked after so many rounds was raised by what happened meanwhile.
-constexpr int kMostRounds = 6;
+// folders on its way may have to be listed, and take names once more. These five are the longest
+// chain that is known (the settling's model holds it to that), so what is still asked after three
+// times as many rounds was raised by what happened meanwhile.
+constexpr int kMostRounds = 16;
 // Between two looks at something that is about to happen.
 constexpr std::chrono::milliseconds kMoment(2);
 
