@@ -13,8 +13,10 @@
 #include <filesystem>
 #include <utility>
 
+#include "agent/catalogue_place.h"
 #include "agent/engine/catalogue_condition.h"
 #include "agent/engine/catalogue_folder.h"
+#include "agent/engine/catalogue_reader.h"
 #include "agent/engine/full_scan.h"
 #include "agent/engine/own_catalogue.h"
 #include "agent/errors.h"
@@ -51,6 +53,13 @@ std::unique_ptr<LockFile> takeLock(const WatchPlan::Volume& volume) {
   if (errno != EWOULDBLOCK) throw systemFailure("cannot use " + volume.lockFile, errno);
   throw Failure(fmt::format("{} is watched by {}; stop it first", volume.path,
                             describeProcess(LockFile::holderOf(volume.lockFile).value_or(0))));
+}
+
+// A folder that is named after the volume holds no other's catalogue: when it says so, the name of
+// its root is damaged.
+bool hasLostItsName(const WatchPlan::Volume& volume) {
+  return std::filesystem::path(volume.catalogue).filename() == placeName(volume.path) &&
+         volumeOf(volume.catalogue).value_or(volume.path) != volume.path;
 }
 
 // Folders that are no part of a volume: ours. An identifier means something on its file system
@@ -125,6 +134,8 @@ void WatchSession::examine(Volume& volume) {
   CatalogueCondition condition;
   if (!std::exchange(volume.isAnother, false))
     condition = examineCatalogue(folder, volume.plan.path);
+  if (condition.kind == CatalogueCondition::Kind::kNone && hasLostItsName(volume.plan))
+    condition = {CatalogueCondition::Kind::kDamaged, "the name of its root is damaged"};
   if (condition.kind == CatalogueCondition::Kind::kDamaged)
     listeners_.note(fmt::format("{}: the catalogue cannot be used ({}); it was set aside as {}",
                                 volume.plan.path, condition.why, setAside(folder)));
