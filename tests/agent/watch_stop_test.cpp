@@ -159,26 +159,5 @@ TEST_F(WatchStop, AReaderThatHasSeenEnoughEndsIt) {
   EXPECT_EQ(listed(), (Words{".", "file", "lost+found"}));
 }
 
-struct WatchLarge : WatchTest {};
-
-TEST_F(WatchLarge, ASignalEndsTheFirstScan) {
-  for (int i = 0; i < 40; ++i) {
-    fs::create_directory(*this / std::to_string(i));
-    for (int j = 0; j < 1000; ++j)
-      std::ofstream(*this / (std::to_string(i) + "/" + std::to_string(j)));
-  }
-  const auto program = launch({volume});
-  ASSERT_TRUE(program->waitUntil([&] { return fs::exists(controlSocket(options, volume)); }));
-  program->signal(SIGSTOP);
-  program->signal(SIGTERM);
-  program->signal(SIGCONT);
-  const Outcome outcome = program->finish();
-  EXPECT_EQ(outcome.exitCode, 0) << outcome;
-  EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(outcome.err, "kddc: stopped before the scan was done; the next start scans anew\n");
-  EXPECT_FALSE(fs::exists(catalogueOf(volume)));
-  EXPECT_FALSE(fs::exists(catalogueOf(volume) + ".new"));
-}
-
 }  // namespace
 }  // namespace kddc::test

@@ -92,10 +92,17 @@ Fault befalls(unsigned kind, const Where& where) {
   for (;;) kill(getpid(), SIGKILL);
 }
 
+void hold() {
+  const int error = errno;
+  while (control->fault == Fault::kHold) usleep(1000);
+  errno = error;
+}
+
 template <class Where, class Call>
 auto guarded(unsigned kind, const Where& where, Call call) -> decltype(call()) {
   const Fault fault = befalls(kind, where);
   if (fault == Fault::kKill || fault == Fault::kTear) die();
+  if (fault == Fault::kHold) hold();
   if (fault != Fault::kFail) return call();
   errno = control->error;
   return -1;
@@ -203,6 +210,13 @@ int unlinkat(int folder, const char* name, int flags) noexcept {
   const auto call = [&] { return static_cast<int>(syscall(SYS_unlinkat, folder, name, flags)); };
   if (folder == AT_FDCWD) return guarded(kddc::faults::kUnlinks, std::string_view(name), call);
   return guarded(kddc::faults::kUnlinks, folder, call);
+}
+
+int name_to_handle_at(int folder, const char* name, file_handle* handle, int* mount,
+                      int flags) noexcept {
+  return guarded(kddc::faults::kLooks, std::string_view(name), [&] {
+    return static_cast<int>(syscall(SYS_name_to_handle_at, folder, name, handle, mount, flags));
+  });
 }
 
 int open(const char* path, int flags, ...) {

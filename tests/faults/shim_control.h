@@ -20,6 +20,7 @@ enum Calls : unsigned {
   kOpens = 32,
   kTruncations = 64,
   kAllocations = 128,
+  kLooks = 256,  // name_to_handle_at
   kChanges = kWrites | kSyncs | kRenames | kUnlinks,
 };
 
@@ -29,6 +30,7 @@ enum class Fault : int {
   kTear,     // the same, but half of what a write was to write is written
   kFail,     // the call fails with the error number
   kShorten,  // a read or a write moves half of the bytes it was asked to
+  kHold,     // the call waits as long as the fault stands
 };
 
 struct ShimControl {

@@ -16,7 +16,7 @@ TEST_F(Stopped, ForAWhileUnderLoadItIsExactAfterwards) {
   const auto before = inodes();
   for (int round = 0; round < rounds(1, 3); ++round) {
     program->signal(SIGSTOP);
-    nap(rounds(2000, 10'000));
+    nap(isLong() ? 10'000 : 2000);
     program->signal(SIGCONT);
     flush();
   }
@@ -25,6 +25,25 @@ TEST_F(Stopped, ForAWhileUnderLoadItIsExactAfterwards) {
   expectSameInodes(before);
   EXPECT_EQ(status()["rescan_count"], 0);
   end(*program);
+}
+
+// The scan is held in the middle until the signal has been taken note of.
+TEST_F(Stopped, ByASignalDuringTheFirstScanItLeavesNothing) {
+  for (int i = 0; i < 2000; ++i) write(std::to_string(i));
+  shim.count(kLooks);
+  shim.hit(Fault::kHold, 0, 500);
+  const auto program = launchShimmed();
+  ASSERT_TRUE(program->waitUntil([&] { return shim->hits > 0; })) << program->err();
+  program->signal(SIGTERM);
+  const std::string stopping = "kddc: the process that watches " + volume + " is stopping\n";
+  ASSERT_TRUE(program->waitUntil([&] { return run({"flush", volume}).err == stopping; }));
+  shim.hit(Fault::kNone);
+  const Outcome outcome = program->finish();
+  EXPECT_EQ(outcome.exitCode, 0) << outcome;
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "kddc: stopped before the scan was done; the next start scans anew\n");
+  EXPECT_FALSE(fs::exists(catalogueOf(volume)));
+  EXPECT_FALSE(fs::exists(catalogueOf(volume) + ".new"));
 }
 
 struct SecondInstance : FaultTest {};
