@@ -74,7 +74,7 @@ TEST_F(DiskFull, OfTheQueueIsToldAndRecoversWhenThereIsRoomAgain) {
   });
   ASSERT_EQ(printed.line(), "ready\n");
   const test::Balloon balloon(small->path());
-  growBy(isLong() ? 200'000 : 60'000, "more than the queue holds in memory");
+  growBy(60'000, "more than the queue holds in memory");
   EXPECT_TRUE(comesTrue([&] { return stateName() != "live"; }));
   tell("told: ", status().dump());
   balloon.burst();

@@ -18,7 +18,10 @@ TEST_F(Stopped, ForAWhileUnderLoadItIsExactAfterwards) {
     program->signal(SIGSTOP);
     nap(isLong() ? 10'000 : 2000);
     program->signal(SIGCONT);
+    const auto began = std::chrono::steady_clock::now();
     flush();
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+    tell("the flush after it took ", took.count(), " s");
   }
   running.end();
   expectExact();
