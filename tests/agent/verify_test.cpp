@@ -330,7 +330,7 @@ TEST_F(VerifyWatched, UnderAWorkloadNothingFalseIsReported) {
       fs::rename(*this / ("y/f" + other), *this / ("x/f" + name), gone);
       if (i % 5 == 0) fs::remove_all(*this / ("x/f" + other), gone);
       if (i % 4 == 0) fs::remove(*this / (at[i % 3] + name), gone);
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));  // paces the changes
     }
   });
   for (int i = 0; i < 8; ++i) {

@@ -64,7 +64,7 @@ void tell(const Words&... words) {
 }
 
 inline void nap(int milliseconds) {
-  usleep(static_cast<useconds_t>(milliseconds) * 1000);
+  usleep(static_cast<useconds_t>(milliseconds) * 1000);  // paces what is killed or loaded
 }
 
 // Looks again and again until `condition` holds; false when the time is up first.

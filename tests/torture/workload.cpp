@@ -42,7 +42,7 @@ void work(const Options& options, int index) {
   Worker worker(options, index);
   for (long i = 0; i < options.operations / options.processes; ++i) {
     worker.random.pick(operations).run(worker);
-    if (options.pause > 0) usleep(options.pause);
+    if (options.pause > 0) usleep(options.pause);  // paces the load, as asked
   }
 }
 
