@@ -35,7 +35,8 @@ long long wantedBytes(const UniqueFd& file, int length, int blockSize) {
   return length < blockSize ? std::min<long long>(size, length) : size;
 }
 
-// Empties an open folder; false when something in it stays.
+// Empties an open folder; false when something in it stays. What is not the queue's stays: the path
+// comes from the settings, and a wrong one must not cost anybody a file.
 bool emptyFolder(const char* tag, const OpenFolder& folder, const std::string& path);
 
 bool removeSubFolder(const char* tag, const OpenFolder& parent, const std::string& name,
@@ -57,7 +58,7 @@ bool emptyFolder(const char* tag, const OpenFolder& folder, const std::string& p
     std::string full = path;
     full.append("/").append(name);
     const Kind kind = folder.kindOf(name);
-    if (kind == Kind::kNone) continue;
+    if (kind == Kind::kNone) continue;  // gone since the folder was listed
     if (kind == Kind::kFolder) {
       empty &= removeSubFolder(tag, folder, name, full);
     } else if (isSwapName(name) || isStateName(name)) {

@@ -31,6 +31,7 @@ using kddc::Sql;
 
 namespace {
 
+// SQLite's synchronous levels.
 constexpr int kFull = 2;
 constexpr int kNormal = 1;
 constexpr char kVersion[] = "10.1";
@@ -56,6 +57,8 @@ constexpr char kFidsTable[] =
     "sqlite_unit64, RESCAN INTEGER,FID1 sqlite_uint64, FID2 sqlite_uint64,FID3 sqlite_uint64,FID4 "
     "sqlite_uint64 )";
 
+// A new catalogue counts as closed properly and as never scanned, which keeps it from being
+// trusted.
 constexpr const char* kFilesSchema[] = {kFilesTable, kTimeTable,
                                         "INSERT INTO TIME VALUES (0,0,0,0,'10.1',1)",
                                         "CREATE INDEX IF NOT EXISTS IN_PINODE ON FILES(PINODE)"};
@@ -191,7 +194,7 @@ bool DCSqliteDB::OpenHandle(bool readOnly, bool openFlag) {
 void DCSqliteDB::CloseHandle(unsigned long refTime, bool keepUngraceful) {
   constexpr char kTag[] = "DCSqliteDB :: CloseHandle";
   logged(kTag, [&] {
-    FinalizePreCompiledStatements();
+    FinalizePreCompiledStatements();  // a database with statements left stays open
     if (!filesDb || !fidDb) return;
     if (refTime != 0) {
       if (refTime > kCloseMargin) refTime -= kCloseMargin;
@@ -260,6 +263,7 @@ bool DCSqliteDB::DBVersionCheck() {
       false);
 }
 
+// Looks only: neither this open nor this close moves the mark of a graceful shutdown.
 bool DCSqliteDB::IsDbGood(std::string dbFolder, std::string volume, FlrDriver* driver,
                           bool& dbInsideVolume, fsf_fid& dbFid, fsf_fid& fidFid) {
   constexpr char kTag[] = "DCSqliteDB :: IsDbGood";

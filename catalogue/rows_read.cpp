@@ -1,7 +1,8 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// The operations that read single rows, and the decisions that rest on what they find.
+// The operations that read single rows, and the decisions that rest on what they find. A query that
+// finds no row leaves the caller's variables as they were.
 #include "catalogue/db_access.h"
 #include "catalogue/file_type.h"
 #include "catalogue/statement.h"
@@ -129,12 +130,15 @@ void giveStat(sqlite3_stmt* row, struct stat* st) {
 
 }  // namespace
 
+// The answer lies in this object until the next call: whoever asks binds it at once.
 const std::array<unsigned long long, 4>& DCSqliteDB::columnsOf(const fsf_fid& fid) {
   unsigned long long* columns = fidBuf.data();
   GetIntForBlob(&fid, &columns);
   return fidBuf;
 }
 
+// A file has one identifier and a row for each of its names. Lists take all of these; of several
+// rows the single outputs keep the last.
 int DCSqliteDB::GetFidTuple(const fsf_fid* fid, std::list<unsigned long long>* filesRowIds,
                             unsigned long long* filesRowId, unsigned long long* seqNum,
                             bool* rescan, unsigned long long* fidsRowId,
@@ -201,6 +205,7 @@ bool DCSqliteDB::GetRowIdAndFileType(unsigned long long parentInode, const char*
                                      unsigned long long* inode, bool* isFile,
                                      unsigned long long* fidRowId) {
   return logged(kGetRowIdAndFileType.tag, [&] {
+    // Stored names are UTF-8 whatever the locale, so what is looked for is converted as they were.
     const std::string utf8Name = mbeToUtf(name);
     return run(statements_->getRowIdAndFileType, filesDb, kGetRowIdAndFileType)
         .bind(parentInode, utf8Name)

@@ -218,6 +218,8 @@ int DCSqliteDB::InsertFid(const fsf_fid* fid, unsigned long long filesRowId, int
   });
 }
 
+// TIME is our clock's, not the file's: a file whose own times were set back has changed all the
+// same.
 int DCSqliteDB::Update1(unsigned long long inode, struct stat* st, fsf_fid* fid) {
   return logged(kUpdate1.tag, [&] {
     int fileType = GetFileType(st->st_mode);
@@ -230,6 +232,7 @@ int DCSqliteDB::Update1(unsigned long long inode, struct stat* st, fsf_fid* fid)
   });
 }
 
+// The type stays, which spares the question whether the data was moved away; Update1 asks it.
 int DCSqliteDB::Update(unsigned long long inode, struct stat* st, unsigned long stamp) {
   return logged(kUpdate.tag, [&] {
     const int changed = stamp != 0 ? int32(stamp) : int32(time(nullptr));
@@ -261,6 +264,7 @@ int DCSqliteDB::UpdateSizeAndBlocks(unsigned long long inode, unsigned long long
   });
 }
 
+// One row for each name of the file. TIME stays: to have been read is no change.
 int DCSqliteDB::UpdateAtime(std::list<unsigned long long>& inodes, unsigned long atime) {
   return logged(kUpdateAtime.tag, [&] {
     int result = SQLITE_OK;

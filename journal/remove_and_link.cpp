@@ -77,6 +77,8 @@ RowIds rowNamed(DCSqliteDB& db, const char* tag, const fsf_fid& parent, const ch
 void DCSqliteDB::Remove(const FlrJrnRemoveRaw& record, unsigned long time) {
   constexpr char kTag[] = "DCSqliteDB :: Remove";
   logged(kTag, [&] {
+    // The last name has the only row of its file. While there are others, only parent and name tell
+    // which of the rows it is.
     if (record.nlink == 0) {
       deleteRows(*this, kddc::rowOf(*this, record.file_fid));
       return;
@@ -88,6 +90,7 @@ void DCSqliteDB::Remove(const FlrJrnRemoveRaw& record, unsigned long time) {
   });
 }
 
+// A folder has one name, so that its identifier is enough.
 void DCSqliteDB::RemoveDir(const FlrJrnRmDirRaw& record, int /*time*/) {
   logged("DCSqliteDB :: RemoveDir", [&] { deleteRows(*this, kddc::rowOf(*this, record.dir_fid)); });
 }
@@ -129,6 +132,7 @@ bool DCSqliteDB::UpdateTimeFieldRecursively(unsigned long long folderInode) {
     kddc::Execution stamp =
         run(statements_->updateTimeFieldRecursively, filesDb, kUpdateTimeFieldRecursively);
     stamp.bindAt(1, int32(static_cast<unsigned long>(constructTime)));
+    // A list of folders to come, not recursion: no depth of a tree exhausts the stack.
     subFolderList.assign(1, folderInode);
     // Parents may form a cycle, in a damaged catalogue or after a false record.
     std::unordered_set<unsigned long long> visited;

@@ -1,5 +1,8 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
+//
+// The status as it travels over the socket. What comes in is taken from nobody's word: every number
+// is held to the range of its member. Paths, which need not be UTF-8, go as bytes.
 #include "agent/control/volume_status.h"
 
 #include <fmt/format.h>

@@ -106,7 +106,7 @@ void NewCatalogue::create() {
       if (!db_->OpenHandle(false, false))
         throw Failure("cannot open the catalogue in " + building_);
       db_->beginBuild();
-    } catch (...) {
+    } catch (...) {  // no destructor runs: this is the constructor's
       db_.reset();
       RemoveDCDb(building_);
       throw;
@@ -120,10 +120,11 @@ void NewCatalogue::publish(std::time_t began) {
     db_->UpdateTimesForFullScan();
     db_->CloseHandle(static_cast<unsigned long>(began), false);
   });
+  // The lock was not held during the scan, which may have taken hours: someone may watch by now.
   const UniqueFd parent = lockParent(folder_);
   refuseWhileInUse();
   exchange();
-  fsync(parent.get());
+  fsync(parent.get());  // the new name is on the disk before the old catalogue goes
   db_.reset();
   RemoveDCDb(building_);  // by now the old one
 }

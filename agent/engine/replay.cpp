@@ -1,5 +1,8 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
+//
+// A record that is damaged, or cannot be applied, ends nothing: it is counted, and the rest goes
+// on. A catalogue that was not good before is refused whole, because nobody could tell what failed.
 #include "agent/engine/replay.h"
 
 #include <fmt/format.h>
@@ -85,7 +88,7 @@ bool Replay::step() {
 // A stream may hold the records of several volumes; a catalogue is of one.
 void Replay::take(const FilePiece& piece) {
   if (!piece.damage.empty()) return refuse(piece);
-  FlrJrnCommandRaw record;
+  FlrJrnCommandRaw record;  // only what was found well-formed is decoded
   decodeRawCmd(piece.bytes.data(), &record);
   if (devt_ && record.devt != *devt_) {
     ++leftOut_;
