@@ -6,9 +6,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
-#include <map>
 #include <mutex>
 
 namespace kddc {
@@ -67,13 +67,19 @@ GuardedMethods guardedCopy(const sqlite3_io_methods* real) {
   return copy;
 }
 
-// Every file of a kind has the same ones, which stay for as long as the process.
-const GuardedMethods* guarded(const sqlite3_io_methods* real) {
-  static std::mutex mutex;
-  static std::map<const sqlite3_io_methods*, const GuardedMethods> all;
-  const std::lock_guard lock(mutex);
-  const auto known = all.find(real);
-  return &(known != all.end() ? known : all.emplace(real, guardedCopy(real)).first)->second;
+// Every file of a kind has the same ones; SQLite knows one kind. Without a destructor, so that a
+// database that is closed at the very end of the process still has its own.
+constinit std::array<GuardedMethods, 8> kinds{};
+constinit std::mutex kindsMutex;
+
+// `real` itself where there is no place left.
+const sqlite3_io_methods* guarded(const sqlite3_io_methods* real) {
+  const std::lock_guard lock(kindsMutex);
+  for (GuardedMethods& kind : kinds) {
+    if (!kind.real) kind = guardedCopy(real);
+    if (kind.real == real) return &kind;
+  }
+  return real;
 }
 
 }  // namespace

@@ -6,7 +6,9 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -98,6 +100,18 @@ TEST_F(FullDisk, IsNotMadeByTheLogAlone) {
   EXPECT_EQ(failed, 0);
   EXPECT_LT(std::filesystem::file_size(path + "-wal"), 3U << 20);
   db.closedb(false);
+}
+
+// Whoever made it made it before the first was opened, and so closes it after everything else.
+TEST(WalIndexGuard, LastsUntilTheLastDatabaseIsClosed) {
+  const TempFolder folder;
+  const auto exitsWithADatabaseOpen = [&] {
+    static std::unique_ptr<UDC_DBMS> opened;
+    opened = std::make_unique<UDC_DBMS>(folder / "test.db", 2, 0, false);
+    if (!opened->opendb(false)) std::abort();
+    std::exit(0);
+  };
+  EXPECT_EXIT(exitsWithADatabaseOpen(), testing::ExitedWithCode(0), "");
 }
 
 // One that is kept in memory has no log, nor has one that failed to open a file.
