@@ -53,7 +53,8 @@ class ServiceManager {
   void ready();
   // It ends, in good order.
   void stopping();
-  // It ends because of what the sentence says, and nothing is kept any more; `error`: the errno behind it, 0 when there is none.
+  // It ends because of what the sentence says, and nothing is kept any more; `error`: the errno
+  // behind it, 0 when there is none.
   void failed(const std::string& sentence, int error);
   // Lines of "NAME=value", as the manager takes them.
   void tell(const std::string& lines) const;
