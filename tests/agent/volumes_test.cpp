@@ -505,7 +505,8 @@ TEST_F(VolumesTest, TheStateIsTheOneOfTheProcessThatWatches) {
                                std::to_string(watch.pid()) + " (kddc watch); stop it first\n");
     return false;
   }));
-  EXPECT_EQ(watch.err(), "kddc: " + mount.path() + " is not registered any more\n");
+  const std::string note = "kddc: " + mount.path() + " is not registered any more\n";
+  EXPECT_TRUE(watch.waitUntil([&] { return watch.err() == note; })) << watch.err();
   watch.signal(SIGTERM);
   EXPECT_EQ(watch.finish().exitCode, 0);
 }
