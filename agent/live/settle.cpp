@@ -3,6 +3,7 @@
 #include "agent/live/settle.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "catalogue/file_type.h"
 #include "platform/logged.h"
@@ -64,13 +65,17 @@ void Settle::dropParked() {
 }
 
 bool Settle::dropLost(const std::vector<Name>& parked) {
-  const auto isLost = [](const Name& row) { return !row.hasFid(); };
-  if (std::ranges::none_of(parked, isLost)) return false;
+  std::vector<Name> lost;
   guarded([&] {
-    for (const Name& row : parked)
-      if (isLost(row)) going_.takeNameFrom(row);
+    std::ranges::copy_if(parked, std::back_inserter(lost), [&](const Name& row) {
+      return !row.hasFid() ||
+             std::ranges::none_of(work_.rows.namesOf(row.fid),
+                                  [&](const Name& known) { return known.inode == row.inode; });
+    });
+    for (const Name& row : lost) going_.drop(row);
+    if (!lost.empty()) work_.noteApplied();
   });
-  return work_.result == Result::kApplied;
+  return !lost.empty() && work_.result == Result::kApplied;
 }
 
 // What each record says of a name or a file, in the terms of the header. A REMOVE without a name is

@@ -66,8 +66,8 @@ class Settle {
   // Removes every row that has no name, a folder with what still lies below it: whoever lives has a
   // name again by now.
   void dropParked();
-  // Removes those of these parked rows that have lost their identifier in a crash: nobody can be
-  // asked after them. Whether there was one; what lay below it is parked then.
+  // Removes those of these parked rows that have lost their identifier in a crash, or are not found
+  // by it: no answer can reach them. Whether there was one; what lay below it is parked then.
   bool dropLost(const std::vector<Name>& parked);
 
   const SettleCounts& counts() const { return work_.counts; }

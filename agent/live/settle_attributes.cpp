@@ -15,6 +15,8 @@ namespace {
 // Files whose link count or stub mark waits, so that a file with thousands of names is written once
 // and not with each of its records.
 constexpr std::size_t kMostHeldBack = 1000;
+// So many rows of a file are read when it is said what it is; more would take too long.
+constexpr int kRowsToRead = 8;
 
 // Times and identities are stored as 32 bits.
 bool differ(long long stored, long long seen) {
@@ -61,10 +63,9 @@ void SettleAttributes::attributes(const FlrJrnCommandRaw& record) {
 // alone, the access time alone. Each needs less to be written than the one before.
 void SettleAttributes::compare(const FlrJrnCommandRaw& record) {
   const FlrJrnSetAttrRaw& r = record.u.setattr;
-  const auto names = rows_.namesOf(r.fid, 1);
   struct stat st {};
   unsigned long stamp = 0;
-  if (names.empty() || !rows_.GetStatInfo(names[0].inode, &st, &stamp)) {
+  if (!readRow(r, RecordMask(record.mask), st, stamp)) {
     ++work_.counts.outside;
     return;
   }
@@ -79,6 +80,27 @@ void SettleAttributes::compare(const FlrJrnCommandRaw& record) {
   if (differ(st.st_ctime, r.ctime.tv_sec)) return changeTimeAlone(record, st, stamp);
   if (differ(st.st_atime, r.atime.tv_sec)) return work_.apply(accessTimeAlone(record));
   if (!work_.hasApplied()) ++work_.counts.unchanged;
+}
+
+// The first row of the file, or one of the next few that says something else of its content than
+// what was seen: it is damaged.
+bool SettleAttributes::readRow(const FlrJrnSetAttrRaw& seen, RecordMask mask, struct stat& st,
+                               unsigned long& stamp) {
+  const bool mayHaveMore = mask.hasManyLinks() || mask.links() > 1;
+  bool isThere = false;
+  for (const Name& name : rows_.namesOf(seen.fid, mayHaveMore ? kRowsToRead : 1)) {
+    struct stat row {};
+    unsigned long rowStamp = 0;
+    if (!rows_.GetStatInfo(name.inode, &row, &rowStamp)) continue;
+    const bool differs = differsInContent(row, seen) || changesLinks(seen.fid, row.st_nlink, mask);
+    if (!isThere || differs) {
+      st = row;
+      stamp = rowStamp;
+      isThere = true;
+    }
+    if (differs) break;
+  }
+  return isThere;
 }
 
 // The file system's own doing, and no change of the file.

@@ -48,6 +48,8 @@ class SettleAttributes {
   };
 
   void compare(const FlrJrnCommandRaw& record);
+  bool readRow(const FlrJrnSetAttrRaw& seen, RecordMask mask, struct stat& st,
+               unsigned long& stamp);
   void updateBlocks(const FlrJrnSetAttrRaw& seen);
   bool changesLinks(const fsf_fid& fid, nlink_t stored, RecordMask mask) const;
   void changeTimeAlone(const FlrJrnCommandRaw& record, struct stat& st, unsigned long stamp);

@@ -41,14 +41,17 @@ void SettleComing::keepOneRow(std::vector<Name>& names) {
   }
 }
 
-// Rows of another type are those of a file that is gone, whose identifier was given again.
+// Rows of another type are those of a file that is gone, whose identifier was given again; beside
+// rows of the right type they are damaged, and those others are not to go with them.
 std::vector<Name> SettleComing::namesOf(const NamedFile& found, const FlrJrnCommandRaw& record) {
   const auto isAnothers = [&](const Name& name) { return !found.isOfType(name.type); };
   for (;;) {
     std::vector<Name> names = rows_.namesOf(found.file, kFewNames);
     if (std::ranges::none_of(names, isAnothers)) return names;
+    names = rows_.namesOf(found.file);
+    const bool isGone = std::ranges::all_of(names, isAnothers);
     for (const Name& name : names)
-      if (isAnothers(name)) going_.remove(name, record);
+      if (isAnothers(name)) isGone ? going_.remove(name, record) : going_.drop(name);
   }
 }
 

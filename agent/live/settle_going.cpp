@@ -66,14 +66,14 @@ void SettleGoing::takeNameFrom(Name bearer) {
     if (!row) return;
     bearer = *row;
   }
-  if (bearer.hasFid() && !otherRowOf(bearer))
+  if (bearer.hasFid() && isTheOnlyRow(bearer))
     rows_.park(bearer);
   else
     drop(bearer);
   work_.noteApplied();
 }
 
-// A row that nobody will ask for again. The row goes first, so that rows in a circle are met once.
+// The row goes first, so that rows in a circle are met once.
 // A folder that was moved while it was scanned has two rows, and below each some of what it holds.
 // That goes to the other row; but records have spoken of only one of the two since the scan, so all
 // of it is asked for.
@@ -102,6 +102,11 @@ std::optional<Name> SettleGoing::otherRowOf(const Name& name) {
   for (Name& row : rows_.namesOf(name.fid, kFewNames + 1))
     if (row.inode != name.inode && (row.type == kFolder) == (name.type == kFolder)) return row;
   return std::nullopt;
+}
+
+bool SettleGoing::isTheOnlyRow(const Name& name) {
+  return std::ranges::none_of(rows_.namesOf(name.fid, kFewNames),
+                              [&](const Name& row) { return row.inode != name.inode; });
 }
 
 // A file that is gone, or a folder. What the catalogue still has in the folder must have moved: its

@@ -30,11 +30,13 @@ class SettleGoing {
   void takeNameFrom(Name bearer);
   // The row of a file that is gone.
   void remove(const Name& name, const FlrJrnCommandRaw& record);
+  // A row that nobody will ask for again.
+  void drop(const Name& name);
 
  private:
-  void drop(const Name& name);
   void handOver(const Name& child, unsigned long long folder);
   std::optional<Name> otherRowOf(const Name& name);
+  bool isTheOnlyRow(const Name& name);
   void askBelow(const std::vector<Name>& children);
   void removeAll(const fsf_fid& file, const FlrJrnCommandRaw& record);
 

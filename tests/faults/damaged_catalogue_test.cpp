@@ -53,6 +53,43 @@ struct Damaged : FaultTest {
     expectOtherUntouched(before);
     end(*program);
   }
+  // Changes a value of a row, in a statement that it returns.
+  std::string spoilRow() {
+    test::DatabaseView files(catalogueOf(volume) + "/.db.kd");
+    test::DatabaseView fids(catalogueOf(volume) + "/.fid.kd");
+    const Words inodes = files.rows("SELECT INODE FROM FILES WHERE INODE>1");
+    const auto any = [&] {
+      return inodes[static_cast<std::size_t>(below(static_cast<int>(std::size(inodes))))];
+    };
+    const auto of = [&](const char* column) {
+      return std::string("(SELECT ") + column + " FROM FILES WHERE INODE=" + any() + ")";
+    };
+    const std::string bit = std::to_string(1LL << below(48)), here = " WHERE INODE=" + any() + ";";
+    const std::string fid = "FID" + std::to_string(1 + below(4));
+    const std::string inFiles[] = {"FID_ROWID=" + of("FID_ROWID"),
+                                   "PINODE=" + of("INODE"),
+                                   "PINODE=" + of("PINODE"),
+                                   "NAME=" + of("NAME"),
+                                   "FILE_TYPE=" + of("FILE_TYPE"),
+                                   "NLINK=" + of("NLINK"),
+                                   "PINODE=-1",
+                                   "INODE=INODE+100000"};
+    const std::string inFids[] = {"FILES_ROWID=" + any(), fid + "=" + fid + "+" + bit,
+                                  fid + "=" + fid + "-" + bit};
+    std::string statement;
+    if (below(3) > 0) {
+      statement = "UPDATE OR IGNORE FILES SET " +
+                  inFiles[static_cast<std::size_t>(below(static_cast<int>(std::size(inFiles))))] +
+                  here;
+      files.rows(statement);
+    } else {
+      statement = "UPDATE OR IGNORE FIDS SET " +
+                  inFids[static_cast<std::size_t>(below(static_cast<int>(std::size(inFids))))] +
+                  " WHERE FILES_ROWID=" + any() + ";";
+      fids.rows(statement);
+    }
+    return statement;
+  }
   // At random; never the first bytes, which name the format.
   void scratch(const std::string& file, int bytes) {
     std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
@@ -126,6 +163,18 @@ TEST_F(Damaged, ACatalogueOfANewerVersionIsSetAside) {
   expectMadeAnewAfter([](const std::string& folder) {
     test::DatabaseView(folder + "/.db.kd").rows("UPDATE TIME SET VERSION='10.2'");
   });
+}
+
+// What is well formed is believed until the comparison meets what it says.
+TEST_F(Damaged, RowsThatSayWhatIsNotAreMadeGood) {
+  for (int i = 0; i < rounds(12, 400) && !HasFailure(); ++i) {
+    std::string trace;
+    for (int wrong = 1 + below(4); wrong > 0; --wrong) trace += spoilRow();
+    SCOPED_TRACE(trace);
+    const auto program = watchBoth();
+    expectExact();
+    end(*program);
+  }
 }
 
 // One byte of it may say that it is another volume's.
