@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <mutex>
@@ -214,8 +213,7 @@ int watch(const Options& options, const std::vector<std::string>& volumes, bool 
   const bool isOne = !registered && plan.volumes.size() == 1;
   std::unique_ptr<WatchSession> session;
   std::unique_ptr<ControlServer> server;
-  std::atomic<int> signals = 0;
-  Lines lines([&] { return signals > 1; }, [&] { session->stop(); });
+  Lines lines([&] { return session->savesQueue(); }, [&] { session->stop(); });
   Progress progress(!options.quiet && options.verbosity == 0);
   WatchListeners listeners = listenersFor(options, progress);
   if (print)
@@ -234,7 +232,6 @@ int watch(const Options& options, const std::vector<std::string>& volumes, bool 
     manager.stopping();
     report.look();
     session->stop();
-    ++signals;
   });
   // A service is there for those that are registered later.
   if (session->volumes().empty() && !manager.listens())

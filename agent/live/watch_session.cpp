@@ -190,7 +190,10 @@ void WatchSession::finish() {
   const bool inOrder = drain(stops_ == 1);
   for (const auto& [device, port] : ports_) port->end();
   queue_->DriverThreadShutDown();
-  if (!inOrder) applier_->abandon();
+  if (!inOrder) {
+    stop();  // as if asked a second time: whoever holds up the database thread lets go of it
+    applier_->abandon();
+  }
   applying_.join();
   bool isClosed = true;
   for (Volume* volume : allVolumes()) {

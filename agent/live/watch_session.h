@@ -100,6 +100,8 @@ class WatchSession {
   void run(const std::function<void()>& live);
   // Ends in good order; the second call at once. From any thread.
   void stop();
+  // Whether what is queued is saved instead of applied, so that nobody may hold that up any more.
+  bool savesQueue() const { return stops_ > 1; }
 
   // Returns true once everything that happened on the volume before the call is in the catalogue
   // and visible to readers; false when `giveUp` says so or the session ends. Failure when the

@@ -3,6 +3,7 @@
 //
 // The process that watches does not run for a while, or another one comes.
 #include "tests/faults/fault_fixture.h"
+#include "tests/support/unread_pipe.h"
 
 namespace kddc::faults {
 namespace {
@@ -47,6 +48,24 @@ TEST_F(Stopped, ByASignalDuringTheFirstScanItLeavesNothing) {
   EXPECT_EQ(outcome.err, "kddc: stopped before the scan was done; the next start scans anew\n");
   EXPECT_FALSE(fs::exists(catalogueOf(volume)));
   EXPECT_FALSE(fs::exists(catalogueOf(volume) + ".new"));
+}
+
+// Whoever does not read what is printed holds up the database thread.
+TEST_F(Stopped, ItEndsAlsoWhereWhatIsQueuedCannotBeApplied) {
+  if (!isLong()) GTEST_SKIP() << "it takes half a minute, which is for the long form";
+  test::UnreadPipe printed;
+  const auto program = launch({volume, "--print"}, printed.asOutput());
+  ASSERT_EQ(printed.line(), "ready\n");
+  for (int i = 0; i < 5000; ++i) write("file " + std::to_string(i));
+  const auto began = std::chrono::steady_clock::now();
+  program->signal(SIGTERM);
+  const Outcome outcome = program->finish();
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+  EXPECT_EQ(outcome.exitCode, 0) << outcome;
+  tell("the stop took ", took.count(), " s");
+  const auto next = watch();
+  expectExact();
+  end(*next);
 }
 
 struct SecondInstance : FaultTest {};
