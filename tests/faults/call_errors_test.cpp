@@ -37,6 +37,13 @@ struct FailingCalls : FaultTest {
     tell(hits_, " calls failed");
     EXPECT_GT(hits_, 0);
   }
+  // SQLite passes over a log that it will not need, and a name that is there already. The queue
+  // says that it is not exact, which the next start finds out about by its comparison.
+  bool mayBePassedOver(const std::string& path) const {
+    const std::string catalogue = catalogueOf(volume);
+    return path == catalogue || path == catalogue + "/.db.kd-wal" ||
+           path.starts_with(state + "/queues/");
+  }
 
  private:
   long hits_ = 0;
@@ -68,10 +75,9 @@ TEST_F(FailingCalls, WithSyncsThatFailAtItsEndTheNextStartIsExact) {
     shim.hit(Fault::kFail, EIO, at, 1, 1);
     program->signal(SIGTERM);
     const Outcome outcome = program->finish();
-    // SQLite passes over some, as long as its log is still there.
-    EXPECT_THAT(outcome.exitCode, testing::AnyOf(0, shim->hits > 0 ? 3 : 0))
+    const bool isPassedOver = outcome.exitCode == 0 && mayBePassedOver(shim->lastHit);
+    EXPECT_TRUE(isPassedOver || outcome.exitCode == (shim->hits > 0 ? 3 : 0))
         << outcome << shim->lastHit;
-    if (outcome.exitCode == 0 && shim->hits > 0) tell("passed over: a sync of ", shim->lastHit);
     shim.rest();
     program = watchShimmed();
     expectExact();
