@@ -23,7 +23,7 @@ using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 using Told = std::vector<std::string>;
 
-struct Listener : Suspicions {
+struct Noticed : Suspicions {
   Told told;
   std::set<std::int64_t> folders;  // whose contents were compared
 
@@ -45,7 +45,7 @@ struct Listener : Suspicions {
 
 struct CompareTest : testing::Test {
   ScannedVolume volume;
-  Listener listener;
+  Noticed listener;
   CompareCounts counts;
 
   CompareTest() {

@@ -399,7 +399,7 @@ std::string asAnotherUser(const std::string& path) {
   }
   close(pipe[1]);
   char bytes[200];
-  const ssize_t count = read(pipe[0], bytes, sizeof bytes);
+  const ssize_t count = ::read(pipe[0], bytes, sizeof bytes);
   close(pipe[0]);
   int status = 0;
   waitpid(child, &status, 0);
@@ -439,7 +439,7 @@ class ForeignListener {
     }
     close(ready[1]);
     char byte;
-    isListening = read(ready[0], &byte, 1) == 1;
+    isListening = ::read(ready[0], &byte, 1) == 1;
     close(ready[0]);
   }
   ~ForeignListener() {

@@ -222,7 +222,7 @@ TEST_F(DumpTest, OnATerminalNoByteOfANameOrOfDataActs) {
   std::string shown;
   std::array<char, 4096> piece;
   while (shown.find("~...\r\n") == std::string::npos) {
-    const ssize_t count = read(terminal.get(), piece.data(), piece.size());
+    const ssize_t count = ::read(terminal.get(), piece.data(), piece.size());
     ASSERT_GT(count, 0) << shown;
     shown.append(piece.data(), static_cast<std::size_t>(count));
   }
@@ -233,7 +233,7 @@ TEST_F(DumpTest, OnATerminalNoByteOfANameOrOfDataActs) {
 
 constexpr char kJsonHeader[] = R"("timestamp":1000,"seq_num":9,"devt":7,"mask":5)";
 
-std::string json(const std::string& cmd, const std::string& payload) {
+std::string jsonLine(const std::string& cmd, const std::string& payload) {
   return R"({"cmd":"FLR_JRN_)" + cmd + "\"," + kJsonHeader + payload + "}\n";
 }
 
@@ -245,38 +245,40 @@ TEST_F(DumpTest, JsonHoldsEveryFieldUnderItsName) {
                      samples::fclear()}),
            {"--json"}),
       0,
-      json("NOOP", "") +
-          json("CREATE", R"(,"par_fid":)" + a + R"(,"fid":)" + b +
-                             R"(,"short_name":"a","mode":33188,"uid":501,"gid":20,)"
-                             R"("atime":[4294967295,2],"mtime":[3,4],"rdev":7017280452245743464)") +
-          json("REMOVE",
-               R"(,"par_fid":)" + a + R"(,"short_name":"ab","file_fid":)" + b + R"(,"nlink":2)") +
-          json("SETATTR",
-               R"(,"fid":)" + a +
-                   R"(,"mode_valid":1,"uid_valid":2,"gid_valid":3,"atime_valid":4,)"
-                   R"("mtime_valid":5,"ctime_valid":6,"size_valid":7,"blocks_valid":255,)"
-                   R"("mode":33188,"uid":501,"gid":20,"atime":[1,2],"mtime":[3,4],)"
-                   R"("ctime":[5,6],"size":3544952156018063160,"blocks":4702394921427289928)") +
-          json("FCLEAR", R"(,"fid":)" + a +
-                             R"(,"offset":5859837686836516696,"length":11647051513882650536)"));
+      jsonLine("NOOP", "") +
+          jsonLine("CREATE",
+                   R"(,"par_fid":)" + a + R"(,"fid":)" + b +
+                       R"(,"short_name":"a","mode":33188,"uid":501,"gid":20,)"
+                       R"("atime":[4294967295,2],"mtime":[3,4],"rdev":7017280452245743464)") +
+          jsonLine("REMOVE", R"(,"par_fid":)" + a + R"(,"short_name":"ab","file_fid":)" + b +
+                                 R"(,"nlink":2)") +
+          jsonLine("SETATTR",
+                   R"(,"fid":)" + a +
+                       R"(,"mode_valid":1,"uid_valid":2,"gid_valid":3,"atime_valid":4,)"
+                       R"("mtime_valid":5,"ctime_valid":6,"size_valid":7,"blocks_valid":255,)"
+                       R"("mode":33188,"uid":501,"gid":20,"atime":[1,2],"mtime":[3,4],)"
+                       R"("ctime":[5,6],"size":3544952156018063160,"blocks":4702394921427289928)") +
+          jsonLine("FCLEAR", R"(,"fid":)" + a +
+                                 R"(,"offset":5859837686836516696,"length":11647051513882650536)"));
 }
 
 TEST_F(DumpTest, JsonGivesDataAndNamesThatAreNotUtf8InBase64) {
   const std::string a = R"("a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1")";
-  expect(
-      dump(written("") + written("abcd") + stream({samples::setAcl(), samples::setXattr()}) +
-               message("\xff") + message("\x1b\""),
-           {"--json"}),
-      0,
-      json("WRITE",
-           R"(,"fid":)" + a + R"(,"offset":5859837686836516696,"size":0,"data_base64":"")") +
-          json("WRITE", R"(,"fid":)" + a +
-                            R"(,"offset":5859837686836516696,"size":4,"data_base64":"YWJjZA==")") +
-          json("SET_ACL", R"(,"fid":)" + a + R"(,"data_len":4,"data_base64":"YWNscw==")") +
-          json("SETXATTR", R"(,"fid":)" + a +
-                               R"(,"flags":2172814212,"attr_name":"user.x","attr_len":2,)"
-                               R"("value_base64":"aGk=")") +
-          json("TXTMSG", R"(,"msg_base64":"/w==")") + json("TXTMSG", R"(,"msg":"\u001b\"")"));
+  expect(dump(written("") + written("abcd") + stream({samples::setAcl(), samples::setXattr()}) +
+                  message("\xff") + message("\x1b\""),
+              {"--json"}),
+         0,
+         jsonLine("WRITE",
+                  R"(,"fid":)" + a + R"(,"offset":5859837686836516696,"size":0,"data_base64":"")") +
+             jsonLine("WRITE",
+                      R"(,"fid":)" + a +
+                          R"(,"offset":5859837686836516696,"size":4,"data_base64":"YWJjZA==")") +
+             jsonLine("SET_ACL", R"(,"fid":)" + a + R"(,"data_len":4,"data_base64":"YWNscw==")") +
+             jsonLine("SETXATTR", R"(,"fid":)" + a +
+                                      R"(,"flags":2172814212,"attr_name":"user.x","attr_len":2,)"
+                                      R"("value_base64":"aGk=")") +
+             jsonLine("TXTMSG", R"(,"msg_base64":"/w==")") +
+             jsonLine("TXTMSG", R"(,"msg":"\u001b\"")"));
 }
 
 TEST_F(DumpTest, ALargeRecordIsReadFromAPipe) {

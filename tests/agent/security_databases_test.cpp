@@ -31,7 +31,7 @@ namespace fs = std::filesystem;
 using testing::HasSubstr;
 using Words = std::vector<std::string>;
 
-std::string failureOf(const std::function<void()>& work) {
+std::string refusalBy(const std::function<void()>& work) {
   try {
     work();
   } catch (const UDCException& e) {
@@ -55,7 +55,7 @@ struct OpenDatabase : testing::Test {
 
   void SetUp() override { ASSERT_TRUE(db.opendb(false)); }
   std::string refusalOf(const char* sql) {
-    return failureOf([&] { db.exec_query(sql); });
+    return refusalBy([&] { db.exec_query(sql); });
   }
 };
 
@@ -111,7 +111,7 @@ TEST_F(OpenDatabase, DoesNotWaitForAPipe) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   EXPECT_FALSE(UDC_DBMS(path, 2, 0, false).opendb(false));
   EXPECT_FALSE(UDC_DBMS(path, 2, 0, true).opendb(false));
-  EXPECT_EQ(failureOf([&] { ReadConnection{path}; }),
+  EXPECT_EQ(refusalBy([&] { ReadConnection{path}; }),
             "cannot use " + path + ": it is no file but a link, or something else; remove it");
 }
 

@@ -170,7 +170,7 @@ TEST_F(ServiceManagerTest, KeepsADescriptorUntilItIsToForgetIt) {
               ElementsAre("STATUS=starting", "FDSTORE=1", "FDPOLL=0", "FDNAME=kddc-7"));
   ASSERT_EQ(fake.kept["kddc-7"].size(), 1U);
   char text[4];
-  EXPECT_EQ(read(fake.kept["kddc-7"][0].get(), text, sizeof text), 4);
+  EXPECT_EQ(::read(fake.kept["kddc-7"][0].get(), text, sizeof text), 4);
   manager->forget("kddc-7");
   fake.told();
   EXPECT_FALSE(fake.kept.contains("kddc-7"));

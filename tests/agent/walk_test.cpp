@@ -94,7 +94,7 @@ TEST_F(WalkTest, EveryByteThatANameMayHoldComesThrough) {
 TEST_F(WalkTest, HardLinksAreReportedUnderEachNameWithOneIdentifier) {
   const std::string path = temp.write("a", "");
   folder("sub");
-  ASSERT_EQ(link(path.c_str(), (temp / "sub/b").c_str()), 0);
+  ASSERT_EQ(::link(path.c_str(), (temp / "sub/b").c_str()), 0);
   const Seen seen = walk();
   const fsf_fid& a = seen.entries.at("a").fid;
   const fsf_fid& b = seen.entries.at("sub/b").fid;

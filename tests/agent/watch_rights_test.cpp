@@ -12,7 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kNobody[] = "65534";
+constexpr char kNobodyAsText[] = "65534";
 constexpr uid_t kNobodysNumber = 65534;
 
 struct WatchRights : WatchTest, testing::WithParamInterface<const char*> {
@@ -36,9 +36,9 @@ struct WatchRights : WatchTest, testing::WithParamInterface<const char*> {
     const std::string inherited = "--inh-caps=" + both, ambient = "--ambient-caps=" + both,
                       bounding = "--bounding-set=" + both, program = temp / "kddc";
     return watch({volume}, [&] {
-      execlp("setpriv", "setpriv", "--reuid", kNobody, "--regid", kNobody, "--clear-groups",
-             "--no-new-privs", inherited.c_str(), ambient.c_str(), bounding.c_str(),
-             program.c_str(), "watch", "--state", state.c_str(), path, nullptr);
+      execlp("setpriv", "setpriv", "--reuid", kNobodyAsText, "--regid", kNobodyAsText,
+             "--clear-groups", "--no-new-privs", inherited.c_str(), ambient.c_str(),
+             bounding.c_str(), program.c_str(), "watch", "--state", state.c_str(), path, nullptr);
       _exit(126);
     });
   }

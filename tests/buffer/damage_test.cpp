@@ -12,7 +12,7 @@
 #include "tests/support/record_samples.h"
 
 using kddc::test::add;
-using kddc::test::failureOf;
+using kddc::test::exceptionOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -133,9 +133,9 @@ TEST_F(Damage, ByAFolderThatVanishedKeepsTheRecordsInMemoryAndIsReported) {
   std::filesystem::remove(buffer);
   std::string failure = "no exception";
   while (failure == "no exception" && added < 1000)
-    failure = failureOf([&] { add(queue, big(added++)); });
+    failure = exceptionOf([&] { add(queue, big(added++)); });
   EXPECT_EQ(failure, "0 2 swap file open failed");  // ENOENT
-  EXPECT_EQ(failureOf([&] { add(queue, big(added - 1)); }), "0 2 swap file open failed");
+  EXPECT_EQ(exceptionOf([&] { add(queue, big(added - 1)); }), "0 2 swap file open failed");
 
   std::filesystem::create_directory(buffer);
   EXPECT_EQ(add(queue, big(added - 1)), 0);
@@ -156,7 +156,7 @@ TEST_F(Damage, ByAFolderThatVanishedBeforeTheStopIsNoSaveToBeTrusted) {
     EXPECT_FALSE(queue.IsSaveExact());
     EXPECT_FALSE(std::filesystem::exists(buffer));
   }
-  EXPECT_EQ(failureOf([] { const Queue queue(false); }), "1 0 Buffer Folder does not exist");
+  EXPECT_EQ(exceptionOf([] { const Queue queue(false); }), "1 0 Buffer Folder does not exist");
   std::filesystem::create_directory(buffer);
   EXPECT_TRUE(Queue(false).IsRescanNeeded(nullptr));
 }
@@ -168,7 +168,7 @@ TEST_F(Damage, ByASwapFileThatVanishedIsReportedAtEachRead) {
   ASSERT_THAT(listing(buffer), ElementsAre("swap.2"));
   std::filesystem::remove(buffer + "/swap.2");
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(failureOf([&] { queue.readAll(); }), "0 2 swap file open failed");
+    EXPECT_EQ(exceptionOf([&] { queue.readAll(); }), "0 2 swap file open failed");
   }
 }
 

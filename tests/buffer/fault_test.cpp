@@ -20,7 +20,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-constexpr int kRecords = 340;  // of 32766 bytes
+constexpr int kLoad = 340;  // of 32766 bytes
 
 std::string record(int number) {
   std::string text = std::to_string(number) + " ";
@@ -29,7 +29,7 @@ std::string record(int number) {
 }
 
 // Tells whether anything is left, as a reader without a producer would wait for ever.
-class Queue : public PersistentDCRawBuffer {
+class WatchedQueue : public PersistentDCRawBuffer {
  public:
   using PersistentDCRawBuffer::PersistentDCRawBuffer;
   bool isEmpty() const NO_THREAD_SAFETY_ANALYSIS {
@@ -47,7 +47,7 @@ class Life {
     if (auto queue = start(true)) {
       add(*queue, 0, 250);
       read(*queue, 200);
-      add(*queue, 250, kRecords);
+      add(*queue, 250, kLoad);
       insist("DbShutDown", [&] { queue->DbShutDown(12); });
       insist("DbShutDown", [&] { queue->DbShutDown(34); });
       stop(*queue);
@@ -61,7 +61,7 @@ class Life {
       for (const std::string& name : closed) note("closed " + name);
       queue->FinishedHandlingCorruptDbs();
       insist("RemoveStrayFolders", [&] { queue->RemoveStrayFolders(); });
-      read(*queue, kRecords);
+      read(*queue, kLoad);
       stop(*queue);
     }
     note("end");
@@ -82,20 +82,20 @@ class Life {
     note(std::string("gave up ") + name);
     return false;
   }
-  std::unique_ptr<Queue> start(bool clean) {
-    std::unique_ptr<Queue> queue;
-    insist("start", [&] { queue = std::make_unique<Queue>(clean); });
+  std::unique_ptr<WatchedQueue> start(bool clean) {
+    std::unique_ptr<WatchedQueue> queue;
+    insist("start", [&] { queue = std::make_unique<WatchedQueue>(clean); });
     if (!queue) return nullptr;
     insist("DriverThreadStarted", [&] { queue->DriverThreadStarted(); });
     insist("DbThreadStarted", [&] { queue->DbThreadStarted(); });
     return queue;
   }
-  void add(Queue& queue, int first, int end) {
+  void add(WatchedQueue& queue, int first, int end) {
     for (int i = first; i < end; ++i)
       insist("AddEntry", [&] { kddc::test::add(queue, record(i)); });
   }
   // Until record `end` is the next one, or nothing is left.
-  void read(Queue& queue, int end) {
+  void read(WatchedQueue& queue, int end) {
     for (int last = -1; last + 1 < end && !queue.isEmpty();) {
       unsigned char* data = nullptr;
       int length = 0;
@@ -107,7 +107,7 @@ class Life {
       note(text == record(last) ? "read " + std::to_string(last) : "wrong bytes");
     }
   }
-  void stop(Queue& queue) {
+  void stop(WatchedQueue& queue) {
     queue.DriverThreadShutDown();
     queue.DbThreadShutDown();
     if (!queue.IsSaveExact()) note("inexact");
@@ -175,7 +175,7 @@ class Fault : public kddc::test::QueueFolders {
              line.starts_with("gave up");
     });
     if (!announced) {
-      EXPECT_EQ(numbers.size(), static_cast<std::size_t>(kRecords));
+      EXPECT_EQ(numbers.size(), static_cast<std::size_t>(kLoad));
     }
     Lines closed;
     std::copy_if(told.begin(), told.end(), std::back_inserter(closed),
@@ -206,7 +206,7 @@ class Fault : public kddc::test::QueueFolders {
       EXPECT_GT(n, error == 0 ? 10 : 50) << "the shim must have seen the calls";
       EXPECT_EQ(told.front(), "read 0");
       EXPECT_EQ(told.back(), "end");
-      EXPECT_EQ(told.size(), kRecords + 3u) << "nothing failed, so nothing is announced";
+      EXPECT_EQ(told.size(), kLoad + 3u) << "nothing failed, so nothing is announced";
       return;
     }
   }

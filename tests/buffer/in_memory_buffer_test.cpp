@@ -17,7 +17,7 @@
 #include "tests/support/queue_folders.h"
 
 using kddc::test::add;
-using kddc::test::failureOf;
+using kddc::test::exceptionOf;
 using kddc::test::LogCapture;
 using kddc::test::read;
 
@@ -363,7 +363,7 @@ TEST_F(InMemory, ReportsALoadThatFails) {
   Block block;
   add(block, "abc");
   LogCapture log(0);
-  EXPECT_EQ(failureOf([&] { block.Load(-1, 10); }), "0 9 Failed to Load data");
+  EXPECT_EQ(exceptionOf([&] { block.Load(-1, 10); }), "0 9 Failed to Load data");
   EXPECT_EQ(block.Buffer_m[0], 0);
   EXPECT_TRUE(
       log.has("error 0 InMemoryBuffer :: Load: eRRoR -- Function[InMemoryBuffer :: Load] "
@@ -412,7 +412,7 @@ TEST_F(InMemory, GivesUpAFlushAfterTenPartialWritesAndKeepsItsContents) {
   writeAtMost(1);
   LogCapture log(0);
   errno = 0;
-  EXPECT_EQ(failureOf([&] { block.Flush(kScripted); }),
+  EXPECT_EQ(exceptionOf([&] { block.Flush(kScripted); }),
             "0 0 Failed to Flush data after Max Trials");
   EXPECT_EQ(writes, 10);
   EXPECT_TRUE(log.mentions("error 0 InMemoryBuffer :: Flush: eRRoR -- "));
@@ -435,7 +435,7 @@ TEST_F(InMemory, ReportsAFlushThatFailsAndKeepsItsContents) {
   Block block;
   add(block, "abc");
   LogCapture log(0);
-  EXPECT_EQ(failureOf([&] { block.Flush(-1); }), "0 9 Failed to Flush data");
+  EXPECT_EQ(exceptionOf([&] { block.Flush(-1); }), "0 9 Failed to Flush data");
   EXPECT_EQ(log.lines(),
             (std::vector<std::string>{
                 "error 0 InMemoryBuffer :: Flush: WritePointer_m:5, Ret:-1, errno:9",
@@ -467,7 +467,7 @@ TEST_F(InMemory, GivesUpWritingTheRestAfterTenPartialWrites) {
   writeAtMost(1);
   LogCapture log(0);
   errno = 0;
-  EXPECT_EQ(failureOf([&] { block.FlushRemainingData(kScripted); }),
+  EXPECT_EQ(exceptionOf([&] { block.FlushRemainingData(kScripted); }),
             "0 0 Failed to Flush data after Max Trials");
   EXPECT_EQ(writes, 10);
   EXPECT_TRUE(log.mentions("error 0 InMemoryBuffer :: FlushRemainingData: eRRoR -- "));

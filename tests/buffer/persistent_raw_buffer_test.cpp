@@ -19,7 +19,7 @@
 
 using kddc::test::add;
 using kddc::test::big;
-using kddc::test::failureOf;
+using kddc::test::exceptionOf;
 using kddc::test::fill;
 using kddc::test::kInBlock;
 using kddc::test::LogCapture;
@@ -116,7 +116,7 @@ TEST_F(Persistent, NeedsARescanAfterACleanStart) {
 
 TEST_F(Persistent, RefusesToGoOnInAFolderThatIsNotThere) {
   LogCapture log(0);
-  EXPECT_EQ(failureOf([] { Queue queue(false); }), "1 0 Buffer Folder does not exist");
+  EXPECT_EQ(exceptionOf([] { Queue queue(false); }), "1 0 Buffer Folder does not exist");
 }
 
 TEST_F(Persistent, NeedsARescanUnlessBothIndicatorsAreThere) {
@@ -286,9 +286,9 @@ TEST_F(Persistent, DoesNotStartAThreadWhoseIndicatorStays) {
   std::filesystem::create_directory(in(kDriver));
   std::filesystem::create_directory(in(kDb));
   LogCapture log(0);
-  EXPECT_EQ(failureOf([&] { queue.DriverThreadStarted(); }),
+  EXPECT_EQ(exceptionOf([&] { queue.DriverThreadStarted(); }),
             "0 21 delete failed for DriverThreadShutdownIndicator_m");
-  EXPECT_EQ(failureOf([&] { queue.DbThreadStarted(); }),
+  EXPECT_EQ(exceptionOf([&] { queue.DbThreadStarted(); }),
             "0 21 delete failed for DbThreadShutdownIndicator");
   EXPECT_TRUE(
       log.has("error 0 PersistentDCRawBuffer :: DriverThreadStarted: eRRoR -- unlink failed "
@@ -511,7 +511,7 @@ TEST_F(Persistent, ReportsARestoredFileThatCannotBeOpenedAndTriesItAgain) {
   Queue queue(false);
   std::filesystem::rename(in("swap.0"), folder / "aside");
   LogCapture log(0);
-  EXPECT_EQ(failureOf([&] { readOnce(queue); }), "0 2 swap file open failed");
+  EXPECT_EQ(exceptionOf([&] { readOnce(queue); }), "0 2 swap file open failed");
   EXPECT_THAT(
       log.lines(),
       ElementsAre("error 0 PersistentDCRawBuffer :: ReadEntry: could not open " + in("swap.0"),

@@ -10,7 +10,7 @@
 #include "tests/support/queue_folders.h"
 
 using kddc::test::add;
-using kddc::test::failureOf;
+using kddc::test::exceptionOf;
 
 namespace {
 
@@ -71,7 +71,7 @@ TEST_F(PlantedLinks, InPlaceOfTheFileOfAFullBlockMakeTheAddFail) {
     PersistentDCRawBuffer queue(true);
     linkTo(target, in("swap.2"));
     fill(queue, 2);
-    EXPECT_EQ(failureOf([&] { fill(queue, 1); }), "0 40 swap file open failed");  // ELOOP
+    EXPECT_EQ(exceptionOf([&] { fill(queue, 1); }), "0 40 swap file open failed");  // ELOOP
     EXPECT_TRUE(fs::is_symlink(in("swap.2")));
   }
 }
@@ -84,7 +84,7 @@ TEST_F(PlantedLinks, InPlaceOfAFileThatWaitsMakeTheReadFail) {
   linkTo("swap.2", in("swap.2"));
   unsigned char* data = nullptr;
   int length = 0;
-  EXPECT_EQ(failureOf([&] {
+  EXPECT_EQ(exceptionOf([&] {
               for (int i = 0; i < 70; ++i) queue.ReadEntry(&data, &length);
             }),
             "0 40 swap file open failed");
@@ -150,7 +150,7 @@ TEST_F(PlantedLinks, AmongTheRestoredFilesMakeTheRestoreFail) {
 TEST_F(PlantedLinks, InPlaceOfTheBufferFolderAreRefused) {
   fs::create_directory_symlink(theirs, buffer);
   for (const bool clean : {true, false}) {
-    EXPECT_EQ(failureOf([&] { const PersistentDCRawBuffer queue(clean); }).substr(0, 2), "0 ");
+    EXPECT_EQ(exceptionOf([&] { const PersistentDCRawBuffer queue(clean); }).substr(0, 2), "0 ");
   }
   EXPECT_TRUE(fs::is_symlink(buffer));
 }
@@ -161,9 +161,9 @@ TEST_F(PlantedLinks, ThatTheBufferFolderBecameLeadNowhere) {
   fill(queue, 2);
   fs::rename(buffer, folder / "moved");
   fs::create_directory_symlink(theirs, buffer);
-  EXPECT_EQ(failureOf([&] { fill(queue, 2); }).substr(0, 2), "0 ");
-  EXPECT_EQ(failureOf([&] { queue.DriverThreadStarted(); }).substr(0, 2), "0 ");
-  EXPECT_EQ(failureOf([&] { queue.RemoveSwapDir(buffer.c_str()); }).substr(0, 2), "0 ");
+  EXPECT_EQ(exceptionOf([&] { fill(queue, 2); }).substr(0, 2), "0 ");
+  EXPECT_EQ(exceptionOf([&] { queue.DriverThreadStarted(); }).substr(0, 2), "0 ");
+  EXPECT_EQ(exceptionOf([&] { queue.RemoveSwapDir(buffer.c_str()); }).substr(0, 2), "0 ");
   stop(queue);
   EXPECT_FALSE(queue.WasShutdownGraceful());
   EXPECT_FALSE(queue.IsSaveExact());
@@ -175,7 +175,7 @@ TEST_F(PlantedLinks, ThatAStrayFolderBecameAreNotFollowed) {
   PersistentDCRawBuffer queue(false);
   fs::remove(in("7_mode2"));
   fs::create_directory_symlink(theirs, in("7_mode2"));
-  EXPECT_EQ(failureOf([&] { queue.RemoveStrayFolders(); }).substr(0, 2), "0 ");
+  EXPECT_EQ(exceptionOf([&] { queue.RemoveStrayFolders(); }).substr(0, 2), "0 ");
 }
 
 // Both of the other modes: the folder is swapped while a loaded file waits to be deleted.

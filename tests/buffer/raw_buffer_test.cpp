@@ -17,7 +17,7 @@
 
 using kddc::test::add;
 using kddc::test::big;
-using kddc::test::failureOf;
+using kddc::test::exceptionOf;
 using kddc::test::fill;
 using kddc::test::kInBlock;
 using kddc::test::LogCapture;
@@ -86,7 +86,7 @@ TEST_F(Raw, HasTwoBlocksOrAsManyMoreAsConfiguredAndOneToLoadInto) {
 TEST_F(Raw, RefusesANumberOfBlocksThatNoCounterHolds) {
   configure("nRawBufferMaxVMSize = 4294967299");
   LogCapture log(0);
-  EXPECT_EQ(failureOf([] { Queue queue; }), "1 0 nRawBufferMaxVMSize is out of range");
+  EXPECT_EQ(exceptionOf([] { Queue queue; }), "1 0 nRawBufferMaxVMSize is out of range");
 }
 
 TEST_F(Raw, NamesItsFolderByItsMode) {
@@ -127,19 +127,19 @@ TEST_F(Raw, LeavesTheFolderAsItIsWhenItIsNotToStartAnew) {
 TEST_F(Raw, SaysWhyItCannotBeMade) {
   const std::string tag = "error 0 DCRawBuffer :: ReadRegistryAndSetupFolder: eRRoR -- ";
   LogCapture log(0);
-  EXPECT_EQ(failureOf([] { Queue queue(UDC_RAW_MODE1, false); }),
+  EXPECT_EQ(exceptionOf([] { Queue queue(UDC_RAW_MODE1, false); }),
             "1 0 Buffer Folder does not exist");
   EXPECT_TRUE(log.has(tag + "Function[DCRawBuffer :: ReadRegistryAndSetupFolder] Type[1] Error[0] "
                             "Buffer Folder does not exist"));
 
   folder.write("settings.ini", "[DataClassification]\ndRawBufferDir = " + folder.path() + "/a/b\n");
-  EXPECT_EQ(failureOf([] { Queue queue; }), "0 2 Unable to Create the Buffer Dir");
+  EXPECT_EQ(exceptionOf([] { Queue queue; }), "0 2 Unable to Create the Buffer Dir");
 
   folder.write("settings.ini", "");
-  EXPECT_EQ(failureOf([] { Queue queue; }), "1 0 failed to get buufer_dir from the registry");
+  EXPECT_EQ(exceptionOf([] { Queue queue; }), "1 0 failed to get buufer_dir from the registry");
 
   configure("nRawBufferMaxVMSize = many");
-  const std::string wrong = failureOf([] { Queue queue; });
+  const std::string wrong = exceptionOf([] { Queue queue; });
   EXPECT_THAT(wrong, ::testing::StartsWith("5 0 ")) << "a failure of the settings, wrapped";
   EXPECT_THAT(wrong, ::testing::HasSubstr("\"nRawBufferMaxVMSize\""));
   EXPECT_TRUE(log.has(tag + wrong.substr(4)));
@@ -153,7 +153,7 @@ TEST_F(Raw, RemovesOnlyWhatIsItsOwnAndSaysWhatIsNot) {
   put(in("sub/swap.2"), "x");
   Queue queue(UDC_RAW_MODE1, false);
   LogCapture log(0);
-  EXPECT_EQ(failureOf([&] { queue.RemoveSwapDir(buffer.c_str()); }),
+  EXPECT_EQ(exceptionOf([&] { queue.RemoveSwapDir(buffer.c_str()); }),
             "1 0 Unexpected file encountered");
   const std::string tag = "error 0 DCRawBuffer :: RemoveSwapDir: ";
   EXPECT_TRUE(log.has(tag + "Encountered file [" + in("swap] not in swap format")));
@@ -167,7 +167,7 @@ TEST_F(Raw, RemovesOnlyWhatIsItsOwnAndSaysWhatIsNot) {
 TEST_F(Raw, CannotRemoveAFolderThatIsNotThere) {
   Queue queue;
   LogCapture log(0);
-  EXPECT_EQ(failureOf([&] { queue.RemoveSwapDir(in("nowhere").c_str()); }),
+  EXPECT_EQ(exceptionOf([&] { queue.RemoveSwapDir(in("nowhere").c_str()); }),
             "0 2 Unable to Open the Dir");
 }
 
@@ -184,7 +184,7 @@ TEST_F(Raw, FollowsNoSymbolicLinkWhenItRemovesAFolder) {
   std::filesystem::remove(buffer);
   std::filesystem::create_symlink(folder / "elsewhere", buffer);
   LogCapture log(0);
-  EXPECT_THAT(failureOf([] { Queue another; }), ::testing::HasSubstr("Unable to Open the Dir"));
+  EXPECT_THAT(exceptionOf([] { Queue another; }), ::testing::HasSubstr("Unable to Open the Dir"));
   EXPECT_THAT(listing(folder / "elsewhere"), ElementsAre("swap.1"));
 }
 
@@ -200,7 +200,7 @@ TEST_F(Raw, RefusesARecordThatNoBlockHolds) {
   Queue queue;
   std::vector<unsigned char> bytes(2097152);
   LogCapture log(1);
-  EXPECT_EQ(failureOf([&] { queue.AddEntry(bytes.data(), 2097151); }),
+  EXPECT_EQ(exceptionOf([&] { queue.AddEntry(bytes.data(), 2097151); }),
             "1 0 Improper usage. InMemoryBufferSize_m is smaller than Data size");
   EXPECT_THAT(
       log.lines(),
@@ -218,7 +218,7 @@ TEST_F(Raw, RefusesALengthThatSixteenBitsDoNotHoldAndLeavesTheQueueAsItWas) {
   const InMemoryBuffer* block = queue.writeBlock();
   LogCapture log(1);
   for (const int length : {32768, 65536, 65536 + 5, 2097150, -1, -65531}) {
-    EXPECT_EQ(failureOf([&] { queue.AddEntry(bytes.data(), length); }),
+    EXPECT_EQ(exceptionOf([&] { queue.AddEntry(bytes.data(), length); }),
               "1 0 Write failed even after the Buffers are flushed!")
         << length;
   }
@@ -322,7 +322,7 @@ TEST_F(Raw, KeepsTheRecordsWhenASwapFileCannotBeMade) {
   fill(queue, 0, 2 * kInBlock);
   std::filesystem::create_directory(in("swap.1"));
   LogCapture log(0);
-  EXPECT_THAT(failureOf([&] { add(queue, big(128)); }),
+  EXPECT_THAT(exceptionOf([&] { add(queue, big(128)); }),
               ::testing::AnyOf("0 21 swap file open failed", "0 22 swap file open failed"));
   EXPECT_THAT(log.lines().front(),
               ::testing::StartsWith("error 0 DCRawBuffer :: SwapOrFlushBuffer: eRRoR -- failed to "
@@ -341,7 +341,7 @@ TEST_F(Raw, KeepsTheRecordsWhenASwapFileCannotBeOpened) {
   EXPECT_EQ(numbers(queue, kInBlock), upTo(0, kInBlock));
   LogCapture log(1);
   for (int i = 0; i < 2; ++i)
-    EXPECT_EQ(failureOf([&] { readOnce(queue); }), "0 2 swap file open failed");
+    EXPECT_EQ(exceptionOf([&] { readOnce(queue); }), "0 2 swap file open failed");
   EXPECT_TRUE(log.has("error 0 DCRawBuffer :: SwapOrLoadBuffer: could not open " + in("swap.1")));
   EXPECT_TRUE(
       log.has("debug 1 DCRawBuffer :: ReadEntry: eRRoR -- Function[DCRawBuffer :: "
@@ -358,7 +358,7 @@ TEST_F(Raw, FollowsNoSymbolicLinkToOrFromASwapFile) {
   put(folder / "precious", "untouched");
   std::filesystem::create_symlink(folder / "precious", in("swap.1"));
   LogCapture log(0);
-  EXPECT_EQ(failureOf([&] { add(queue, big(128)); }), "0 40 swap file open failed");
+  EXPECT_EQ(exceptionOf([&] { add(queue, big(128)); }), "0 40 swap file open failed");
   EXPECT_EQ(contents(folder / "precious"), "untouched");
   std::filesystem::remove(in("swap.1"));
   fill(queue, 128, 1);
@@ -366,7 +366,7 @@ TEST_F(Raw, FollowsNoSymbolicLinkToOrFromASwapFile) {
   std::filesystem::rename(in("swap.1"), folder / "image");
   std::filesystem::create_symlink(folder / "image", in("swap.1"));
   numbers(queue, kInBlock);
-  EXPECT_EQ(failureOf([&] { readOnce(queue); }), "0 40 swap file open failed");
+  EXPECT_EQ(exceptionOf([&] { readOnce(queue); }), "0 40 swap file open failed");
 }
 
 TEST_F(Raw, DoesNotStopAtAPipeInTheSwapFilesPlace) {
@@ -376,7 +376,7 @@ TEST_F(Raw, DoesNotStopAtAPipeInTheSwapFilesPlace) {
   ASSERT_EQ(::mkfifo(in("swap.1").c_str(), 0600), 0);
   numbers(queue, kInBlock);
   LogCapture log(0);
-  EXPECT_EQ(failureOf([&] { readOnce(queue); }), "0 22 swap file open failed");
+  EXPECT_EQ(exceptionOf([&] { readOnce(queue); }), "0 22 swap file open failed");
 }
 
 TEST_F(Raw, DeliversWhatACutSwapFileStillHoldsAndCountsTheDamage) {
@@ -422,7 +422,7 @@ TEST_F(Raw, LeavesNoHalfASwapFileWhenADiskFillsUp) {
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
   const rlimit less{1024 * 1024, limit.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &less), 0);
-  const std::string failure = failureOf([&] { add(queue, big(2 * kInBlock)); });
+  const std::string failure = exceptionOf([&] { add(queue, big(2 * kInBlock)); });
   ::setrlimit(RLIMIT_FSIZE, &limit);
   std::signal(SIGXFSZ, before);
   EXPECT_EQ(failure, "0 27 Failed to Flush data");  // EFBIG
@@ -513,7 +513,7 @@ TEST_F(Raw, SaysWhichSwapFileIsMissingInTheThirdMode) {
   Queue queue(UDC_RAW_MODE3);
   queue.SetContextDcIfind();
   LogCapture log(0);
-  EXPECT_EQ(failureOf([&] { readOnce(queue); }), "0 2 swap file open failed");
+  EXPECT_EQ(exceptionOf([&] { readOnce(queue); }), "0 2 swap file open failed");
   EXPECT_TRUE(
       log.has("error 0 DCRawBuffer :: SwapOrLoadBuffer: could not open " + in("2049/swap.0")));
 }

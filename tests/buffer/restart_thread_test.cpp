@@ -12,9 +12,9 @@ using kddc::test::add;
 
 namespace {
 
-constexpr int kRecords = 600;  // 19 MB: several swap files when the consumer starts late
+constexpr int kManyRecords = 600;  // 19 MB: several swap files when the consumer starts late
 
-class TwoThreads : public kddc::test::QueueFolders {
+class RestartedThreads : public kddc::test::QueueFolders {
  protected:
   static std::string record(int number) {
     std::string text = std::to_string(number) + " ";
@@ -39,16 +39,16 @@ class TwoThreads : public kddc::test::QueueFolders {
   }
 };
 
-TEST_F(TwoThreads, PassEveryRecordOnceAndInOrder) {
+TEST_F(RestartedThreads, PassEveryRecordOnceAndInOrder) {
   PersistentDCRawBuffer queue(true);
   std::thread producer([&] {
-    for (int i = 0; i < kRecords; ++i) add(queue, record(i));
+    for (int i = 0; i < kManyRecords; ++i) add(queue, record(i));
   });
-  EXPECT_EQ(readTo(queue, kRecords - 1), range(0, kRecords - 1));
+  EXPECT_EQ(readTo(queue, kManyRecords - 1), range(0, kManyRecords - 1));
   producer.join();
 }
 
-TEST_F(TwoThreads, ThatStopAtTheSameMomentLeaveEveryRecordForTheNextStart) {
+TEST_F(RestartedThreads, ThatStopAtTheSameMomentLeaveEveryRecordForTheNextStart) {
   for (int round = 0; round < 20; ++round) {
     {
       PersistentDCRawBuffer queue(true);

@@ -84,12 +84,12 @@ struct LiveDiskTest : testing::TestWithParam<const char*> {
 // What does not depend on the file system.
 using LiveDiskAnywhere = LiveDiskTest;
 
-std::string typeOf(const testing::TestParamInfo<const char*>& info) {
+std::string typeOnDisk(const testing::TestParamInfo<const char*>& info) {
   return info.param;
 }
 INSTANTIATE_TEST_SUITE_P(On, LiveDiskTest, testing::Values("ext4", "xfs", "btrfs", "tmpfs"),
-                         typeOf);
-INSTANTIATE_TEST_SUITE_P(On, LiveDiskAnywhere, testing::Values("tmpfs"), typeOf);
+                         typeOnDisk);
+INSTANTIATE_TEST_SUITE_P(On, LiveDiskAnywhere, testing::Values("tmpfs"), typeOnDisk);
 
 TEST_P(LiveDiskTest, FindsANameWithAllThatIsKnownOfItsFile) {
   ASSERT_EQ(chmod(write("a", "12345").c_str(), 0640), 0);

@@ -14,7 +14,7 @@ using kddc::test::LogCapture;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char kInconsistent[] = "DB Inconsistent";
+constexpr char kRefused[] = "DB Inconsistent";
 const std::string kTag = "DCSqliteDB :: Rename: ";
 const std::string kAsItself =
     "debug 6 DCSqliteDB :: Rename: A file/folder is being renamed as itself !!. We are applying "
@@ -106,7 +106,7 @@ TEST_F(Rename, AReplacedHardLinkIsTheOneUnderThatParentAndName) {
 
 TEST_F(Rename, AReplacedHardLinkThatIsNotThereIsInconsistent) {
   const LogCapture log(0);
-  expectFailure(1, 0, kInconsistent,
+  expectFailure(1, 0, kRefused,
                 [&] { db.Rename(record('A', 'T', "a", 'O', "no twin", 'L'), kAt); });
   EXPECT_TRUE(log.mentions("Could not find an entry with ParentInode[2] ShortName[no twin]"));
   EXPECT_TRUE(log.mentions("error 0 " + kTag + "eRRoR -- "));
@@ -115,7 +115,7 @@ TEST_F(Rename, AReplacedHardLinkThatIsNotThereIsInconsistent) {
 
 TEST_F(Rename, AnUnknownReplacedIdentifierIsInconsistent) {
   const LogCapture log(0);
-  expectFailure(1, 0, kInconsistent, [&] { db.Rename(record('A', 'T', "a", 'O', "z", 'X'), kAt); });
+  expectFailure(1, 0, kRefused, [&] { db.Rename(record('A', 'T', "a", 'O', "z", 'X'), kAt); });
   EXPECT_THAT(log.lines(),
               ElementsAre("error 0 " + kTag +
                               "Could not find an entry with "
@@ -129,7 +129,7 @@ TEST_F(Rename, AnUnknownReplacedIdentifierIsInconsistent) {
 TEST_F(Rename, AReplacedIdentifierWithoutARowOfItsOwnIsInconsistent) {
   fidsSql("UPDATE FIDS SET FILES_ROWID=0 WHERE FIDS_ROWID=4");
   const LogCapture log(6);
-  expectFailure(1, 0, kInconsistent, [&] { db.Rename(record('A', 'T', "a", 'T', "b", 'B'), kAt); });
+  expectFailure(1, 0, kRefused, [&] { db.Rename(record('A', 'T', "a", 'T', "b", 'B'), kAt); });
   EXPECT_EQ(log.lines().at(0), "debug 6 " + kTag + "Deleting destination. Inode[0] FidRowId[4]");
   EXPECT_EQ(log.lines().at(1),
             "error 0 " + kTag +
@@ -141,8 +141,7 @@ TEST_F(Rename, AReplacedIdentifierWithoutARowOfItsOwnIsInconsistent) {
 
 TEST_F(Rename, AReplacedHardLinkWithoutAnIdentifierRowIsInconsistent) {
   filesSql("UPDATE FILES SET FID_ROWID=0 WHERE INODE=7");
-  expectFailure(1, 0, kInconsistent,
-                [&] { db.Rename(record('A', 'T', "a", 'O', "twin", 'L'), kAt); });
+  expectFailure(1, 0, kRefused, [&] { db.Rename(record('A', 'T', "a", 'O', "twin", 'L'), kAt); });
   EXPECT_EQ(rows(), untouched());
 }
 
@@ -173,7 +172,7 @@ TEST_F(Rename, AnyDestinationFlagButZeroIsTrue) {
 
 TEST_F(Rename, AnUnknownSourceIsInconsistentAndTheDestinationStaysDeleted) {
   const LogCapture log(0);
-  expectFailure(1, 0, kInconsistent, [&] { db.Rename(record('X', 'T', "a", 'T', "b", 'B'), kAt); });
+  expectFailure(1, 0, kRefused, [&] { db.Rename(record('X', 'T', "a", 'T', "b", 'B'), kAt); });
   EXPECT_EQ(log.lines().at(0), "error 0 " + kTag +
                                    "Could not find an entry with "
                                    "src_fid[585858585858585858585858585858585858585858585858]");
@@ -187,14 +186,14 @@ TEST_F(Rename, OfOneOfTwoHardLinksMovesTheOneUnderThatParentAndName) {
 }
 
 TEST_F(Rename, OfAHardLinkThatIsNotThereIsInconsistent) {
-  expectFailure(1, 0, kInconsistent, [&] { db.Rename(record('L', 'X', "link", 'O', "z"), kAt); });
+  expectFailure(1, 0, kRefused, [&] { db.Rename(record('L', 'X', "link", 'O', "z"), kAt); });
   EXPECT_EQ(rows(), untouched());
 }
 
 TEST_F(Rename, ASourceWithoutARowOfItsOwnIsInconsistent) {
   fidsSql("UPDATE FIDS SET FILES_ROWID=0 WHERE FIDS_ROWID=3");
   const LogCapture log(0);
-  expectFailure(1, 0, kInconsistent, [&] { db.Rename(record('A', 'T', "a", 'O', "z"), kAt); });
+  expectFailure(1, 0, kRefused, [&] { db.Rename(record('A', 'T', "a", 'O', "z"), kAt); });
   EXPECT_TRUE(log.mentions("Could not find an entry with Inode:0"));
 }
 
@@ -202,7 +201,7 @@ TEST_F(Rename, OfAHardLinkWhoseRowIsNumberZeroIsInconsistent) {
   filesSql("UPDATE FILES SET INODE=0 WHERE INODE=8");
   fidsSql("UPDATE FIDS SET FILES_ROWID=0 WHERE FIDS_ROWID=8");
   const LogCapture log(6);
-  expectFailure(1, 0, kInconsistent, [&] { db.Rename(record('L', 'T', "link", 'O', "z"), kAt); });
+  expectFailure(1, 0, kRefused, [&] { db.Rename(record('L', 'T', "link", 'O', "z"), kAt); });
   EXPECT_EQ(log.lines().at(0), "debug 6 " + kTag + "Renaming Source. Inode[0]");
   EXPECT_EQ(log.lines().at(1),
             "error 0 " + kTag +

@@ -35,11 +35,11 @@ std::ostream& operator<<(std::ostream& out, const Expected& expected) {
   return out << expected.fsType;
 }
 
-std::vector<unsigned char> bytesOf(const fsf_fid& fid) {
+std::vector<unsigned char> labelBytesOf(const fsf_fid& fid) {
   return {fid.data, fid.data + 24};
 }
 std::vector<unsigned char> bytesAt(const std::string& path, bool followLinks = false) {
-  return bytesOf(FlrDriver().getFID(path, followLinks));
+  return labelBytesOf(FlrDriver().getFID(path, followLinks));
 }
 
 void touch(const std::string& path) {

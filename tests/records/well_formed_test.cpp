@@ -45,29 +45,29 @@ Bytes changed(const Sample& sample, std::size_t offset, std::string_view text) {
   return wire;
 }
 
-class EachCommand : public testing::TestWithParam<Sample> {
+class WellFormedCommand : public testing::TestWithParam<Sample> {
  protected:
   const Bytes wire_ = bytes(GetParam().wire);
 };
-INSTANTIATE_TEST_SUITE_P(Record, EachCommand, testing::ValuesIn(oneOfEachCommand()),
+INSTANTIATE_TEST_SUITE_P(Record, WellFormedCommand, testing::ValuesIn(oneOfEachCommand()),
                          [](const auto& sample) { return std::string(sample.param.name); });
 
-TEST_P(EachCommand, IsWellFormed) {
+TEST_P(WellFormedCommand, IsWellFormed) {
   EXPECT_TRUE(wellFormed(wire_));
 }
 
-TEST_P(EachCommand, IsWellFormedInAStreamOfRecords) {
+TEST_P(WellFormedCommand, IsWellFormedInAStreamOfRecords) {
   Bytes stream = wire_;
   stream.insert(stream.end(), wire_.begin(), wire_.end());
   EXPECT_TRUE(wellFormed(stream));
 }
 
-TEST_P(EachCommand, HasNoProperPrefixThatIsOne) {
+TEST_P(WellFormedCommand, HasNoProperPrefixThatIsOne) {
   for (std::size_t n = 0; n < wire_.size(); ++n)
     EXPECT_FALSE(wellFormed(wire_, n)) << n << " of " << hex(wire_);
 }
 
-TEST_P(EachCommand, HasNoProperPrefixThatIsOneEvenWhenTheLengthFieldAgrees) {
+TEST_P(WellFormedCommand, HasNoProperPrefixThatIsOneEvenWhenTheLengthFieldAgrees) {
   for (std::size_t n = 4; n < wire_.size(); ++n) {
     Bytes prefix(wire_.begin(), wire_.begin() + static_cast<std::ptrdiff_t>(n));
     setLength(prefix, n);
@@ -75,7 +75,7 @@ TEST_P(EachCommand, HasNoProperPrefixThatIsOneEvenWhenTheLengthFieldAgrees) {
   }
 }
 
-TEST_P(EachCommand, MayNotHaveOneByteTooMany) {
+TEST_P(WellFormedCommand, MayNotHaveOneByteTooMany) {
   for (const unsigned char extra : Bytes{0, 1, 255}) {
     Bytes longer = wire_;
     longer.push_back(extra);
@@ -84,7 +84,7 @@ TEST_P(EachCommand, MayNotHaveOneByteTooMany) {
   }
 }
 
-TEST_P(EachCommand, MayNotLieAboutItsLength) {
+TEST_P(WellFormedCommand, MayNotLieAboutItsLength) {
   for (const std::size_t lie : {std::size_t{0}, std::size_t{25}, wire_.size() - 1, wire_.size() + 1,
                                 std::size_t{0xffffff}}) {
     Bytes liar = wire_;

@@ -25,7 +25,7 @@ namespace kddc::test {
 
 // "type number message" of the UDCException that `call` throws.
 template <class Call>
-std::string failureOf(Call call) {
+std::string exceptionOf(Call call) {
   try {
     call();
   } catch (const UDCException& e) {

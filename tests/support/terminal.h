@@ -50,7 +50,7 @@ class Terminal {
     std::array<char, 4096> piece;
     pollfd polled{theirs_.get(), POLLIN, 0};
     while (poll(&polled, 1, 20) > 0) {
-      const ssize_t count = read(theirs_.get(), piece.data(), piece.size());
+      const ssize_t count = ::read(theirs_.get(), piece.data(), piece.size());
       if (count <= 0) return;
       shown.append(piece.data(), static_cast<std::size_t>(count));
     }
