@@ -181,11 +181,11 @@ TEST_F(ReplayTest, StatsAddHowOftenAndHowLongEachOperationRan) {
                         "Create              0x7                          2 "));
   EXPECT_THAT(table, HasSubstr("\nMkDir               0x7                          1 "));
   EXPECT_THAT(table, HasSubstr("\nCreate              0x100                        1 "));
-  const std::string json = replay(bytes, {"--stats", "--json"}).out;
-  EXPECT_THAT(json, HasSubstr(R"({"operation":"Create","devt":7,"records":2,"nanoseconds":)"));
-  EXPECT_THAT(json, HasSubstr(R"({"operation":"MkDir","devt":7,"records":1,"nanoseconds":)"));
-  EXPECT_THAT(json, HasSubstr(R"({"operation":"Create","devt":256,"records":1,"nanoseconds":)"));
-  EXPECT_THAT(json, testing::Not(HasSubstr("SetAttr")));
+  const std::string asJson = replay(bytes, {"--stats", "--json"}).out;
+  EXPECT_THAT(asJson, HasSubstr(R"({"operation":"Create","devt":7,"records":2,"nanoseconds":)"));
+  EXPECT_THAT(asJson, HasSubstr(R"({"operation":"MkDir","devt":7,"records":1,"nanoseconds":)"));
+  EXPECT_THAT(asJson, HasSubstr(R"({"operation":"Create","devt":256,"records":1,"nanoseconds":)"));
+  EXPECT_THAT(asJson, testing::Not(HasSubstr("SetAttr")));
 }
 
 TEST_F(ReplayTest, OneVolumeOfSeveralCanBePicked) {

@@ -148,9 +148,9 @@ TEST_F(EvilNames, OfRecordsLeakThroughNoDump) {
   FlrJrnCommandRaw message = record(FLR_JRN_TXTMSG);
   message.u.txtmsg = {kEvil};
   const std::string path = temp.write("records", wireOf(message));
-  const Outcome text = onTerminal({"dump", path}), json = run({"dump", "--json", path});
+  const Outcome text = onTerminal({"dump", path}), asJson = run({"dump", "--json", path});
   expectHarmless(text);
-  expectHarmless(json);
+  expectHarmless(asJson);
   EXPECT_THAT(text.out, HasSubstr(std::string("msg.............. ") + kShown + "\n"));
 }
 

@@ -95,9 +95,9 @@ TEST_F(WatchRefusals, WatchingNeedsPrivileges) {
   fs::permissions(fs::path(volume).parent_path(), fs::perms(0755));
   fs::create_directory(state);
   for (const std::string& folder : {*this / "own", state})
-    ASSERT_EQ(chown(folder.c_str(), kStranger, kNobody), 0);
+    ASSERT_EQ(chown(folder.c_str(), kStranger, kStranger), 0);
   const auto asNobody = [] {
-    if (setgid(kStranger) != 0 || setuid(kNobody) != 0) _exit(126);
+    if (setgid(kStranger) != 0 || setuid(kStranger) != 0) _exit(126);
   };
   const Words words = {*this / "own", "--state", state};
   const auto runAsNobody = [&](const std::string& command) {
