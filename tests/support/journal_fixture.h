@@ -17,6 +17,7 @@
 #include "platform/exceptions.h"
 #include "support/journal_stats.h"
 #include "tests/support/catalogue.h"
+#include "tests/support/udc_failure.h"
 
 namespace kddc::test {
 
@@ -34,16 +35,6 @@ inline FlrJrnCommandRaw recordOf(unsigned cmd, unsigned time = 1000) {
   record.seq_num = 9;
   record.devt = 7;
   return record;
-}
-
-inline UDCException failureOf(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const UDCException& e) {
-    return e;
-  }
-  ADD_FAILURE() << "nothing was thrown";
-  return {"", 0, "", 0};
 }
 
 inline void expectFailure(int type, int number, const std::string& message,
