@@ -1,85 +1,24 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// One block: what fits, what reads answer, and how it goes to a file and back.
-#include "buffer/in_memory_buffer.h"
-
-#include <fcntl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <functional>
+// One block: what fits, what reads answer, and what is made of damaged bytes.
+#include <algorithm>
+#include <iterator>
 #include <limits>
-#include <thread>
+#include <map>
+#include <new>
+#include <string>
+#include <vector>
 
+#include "tests/support/in_memory_fixture.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/queue_folders.h"
 
 using kddc::test::add;
-using kddc::test::exceptionOf;
+using kddc::test::InMemory;
 using kddc::test::LogCapture;
 using kddc::test::read;
 
 namespace {
-
-// Stands in for write(2) while it is set; the descriptor -7 marks the calls that are meant for it.
-std::function<ssize_t(const void*, size_t)> scriptedWrite;
-constexpr int kScripted = -7;
-
-}  // namespace
-
-// Takes the place of the C library's write in this program.
-extern "C" ssize_t scriptableWrite(int fd, const void* data, size_t size) asm("write");
-extern "C" ssize_t scriptableWrite(int fd, const void* data, size_t size) {
-  if (fd == kScripted && scriptedWrite) return scriptedWrite(data, size);
-  return ::syscall(SYS_write, fd, data, size);
-}
-
-namespace {
-
-// Looks at the fields; one thread, no locks.
-class Block : public InMemoryBuffer {
- public:
-  explicit Block(int size = 64) : InMemoryBuffer(size) {}
-  using InMemoryBuffer::Blocking_m;
-  using InMemoryBuffer::Buffer_m;
-  using InMemoryBuffer::BufferSize_m;
-  using InMemoryBuffer::MaxTrials_m;
-  using InMemoryBuffer::Mode_m;
-  int readPointer() const NO_THREAD_SAFETY_ANALYSIS { return ReadPointer_m; }
-  int writePointer() const NO_THREAD_SAFETY_ANALYSIS { return WritePointer_m; }
-  bool full() const NO_THREAD_SAFETY_ANALYSIS { return Full_m; }
-  void setFull() NO_THREAD_SAFETY_ANALYSIS { Full_m = true; }
-};
-
-class InMemory : public kddc::test::QueueFolders {
- protected:
-  void TearDown() override {
-    scriptedWrite = nullptr;
-    QueueFolders::TearDown();
-  }
-  // Writes at most `most` bytes a call, and keeps them.
-  void writeAtMost(size_t most) {
-    scriptedWrite = [this, most](const void* data, size_t size) {
-      ++writes;
-      const size_t count = std::min(most, size);
-      written.append(static_cast<const char*>(data), count);
-      return static_cast<ssize_t>(count);
-    };
-  }
-  // A block in single-threaded mode that was loaded from a file of these bytes.
-  void load(Block& block, std::string_view bytes) {
-    put(folder / "image", bytes);
-    const int fd = ::open((folder / "image").c_str(), O_RDONLY);
-    block.SetMode(0);
-    EXPECT_EQ(block.Load(fd, 1000), static_cast<int>(bytes.size()));
-    ::close(fd);
-  }
-
-  int writes = 0;
-  std::string written;
-};
 
 TEST_F(InMemory, IsEmptySharedAndBlockingWhenItIsMade) {
   const Block block(100);
@@ -238,14 +177,14 @@ TEST_F(InMemory, EndsAtALengthOfZeroAndTakesIt) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-struct Damage {
+struct BlockDamage {
   const char* name;
   std::string bytes;
   const char* line;
 };
 
 // One good record, and then what a cut or damaged file may hold.
-const Damage kDamages[] = {
+const BlockDamage kDamages[] = {
     {"a negative length",
      std::string("\2\0ab\xff\xff"
                  "cdef",
@@ -261,7 +200,7 @@ const Damage kDamages[] = {
 };
 
 TEST_F(InMemory, EndsAtALengthThatDoesNotFitAndReportsIt) {
-  for (const Damage& damage : kDamages) {
+  for (const BlockDamage& damage : kDamages) {
     Block block;
     block.BufferId_m = 3;
     load(block, damage.bytes);
@@ -307,186 +246,6 @@ TEST_F(InMemory, DeliversNothingButWholeRecordsHoweverItIsCut) {
     const bool between = cut == 0 || cut == 7 || cut == 15 || cut == 22;
     EXPECT_EQ(block.DamagedLengths(), between ? 0u : 1u) << cut;
   }
-}
-
-TEST_F(InMemory, LoadsWhatOneReadBringsAndForgetsWhatItHeld) {
-  Block block;
-  add(block, "a record of before that was longer");
-  bool eof = false;
-  unsigned char* data = nullptr;
-  block.ReadData(&eof, &data, 7);
-  load(block, stored("new"));
-  EXPECT_EQ(block.writePointer(), 5);
-  EXPECT_EQ(block.readPointer(), 0);
-  EXPECT_EQ(block.Buffer_m[5], 0);
-  EXPECT_EQ(read(block), "new");
-}
-
-// The reader need not ask again for what it has seen written, unless it is gone.
-TEST_F(InMemory, HandsOutNothingThatWasThereBeforeItWasEmptied) {
-  const std::function<void(Block&)> ways[] = {[](Block& block) { block.ReInitialize(); },
-                                              [](Block& block) { block.Flush(kScripted); },
-                                              [this](Block& block) { load(block, ""); }};
-  writeAtMost(1000);
-  for (const auto& empty : ways) {
-    Block block;
-    block.SetMode(0);
-    add(block, "abc");
-    add(block, "def");
-    EXPECT_EQ(read(block), "abc");
-    empty(block);
-    EXPECT_EQ(read(block), "eof");
-  }
-}
-
-TEST_F(InMemory, IsNotFullAfterALoad) {
-  Block block(8);
-  add(block, "1234567");
-  put(folder / "image", "");
-  const int fd = ::open((folder / "image").c_str(), O_RDONLY);
-  EXPECT_EQ(block.Load(fd, 8), 0);
-  ::close(fd);
-  EXPECT_FALSE(block.full());
-}
-
-TEST_F(InMemory, NeverLoadsMoreThanItHoldsNorANegativeNumberOfBytes) {
-  put(folder / "image", std::string(100, 'x'));
-  const int fd = ::open((folder / "image").c_str(), O_RDONLY);
-  Block block(10);
-  EXPECT_EQ(block.Load(fd, 100), 10);
-  EXPECT_EQ(block.Load(fd, -1), 0);
-  EXPECT_EQ(block.Load(fd, 3), 3);
-  ::close(fd);
-}
-
-TEST_F(InMemory, ReportsALoadThatFails) {
-  Block block;
-  add(block, "abc");
-  LogCapture log(0);
-  EXPECT_EQ(exceptionOf([&] { block.Load(-1, 10); }), "0 9 Failed to Load data");
-  EXPECT_EQ(block.Buffer_m[0], 0);
-  EXPECT_TRUE(
-      log.has("error 0 InMemoryBuffer :: Load: eRRoR -- Function[InMemoryBuffer :: Load] "
-              "Type[0] Error[9] Failed to Load data"));
-}
-
-TEST_F(InMemory, FlushesFromTheFirstByteAndIsEmptyThen) {
-  for (const int mode : {0, 1, 2}) {
-    Block block(10);
-    block.SetMode(0);
-    add(block, "abc");
-    add(block, "de");
-    EXPECT_EQ(read(block), "abc");
-    block.SetMode(mode);
-    block.setFull();
-    writeAtMost(100);
-    EXPECT_EQ(block.Flush(kScripted), 9);
-    EXPECT_EQ(written, stored("abc") + stored("de"));
-    EXPECT_EQ(block.writePointer(), 0);
-    EXPECT_EQ(block.readPointer(), 0);
-    EXPECT_FALSE(block.full());
-    EXPECT_EQ(block.Buffer_m[0], 0);
-    written.clear();
-  }
-}
-
-TEST_F(InMemory, FlushesNothingWithOneWrite) {
-  Block block;
-  writeAtMost(100);
-  EXPECT_EQ(block.Flush(kScripted), 0);
-  EXPECT_EQ(writes, 1);
-}
-
-TEST_F(InMemory, AnswersTheResultOfTheLastWriteOfAFlush) {
-  Block block;
-  add(block, "12345678");
-  writeAtMost(4);
-  EXPECT_EQ(block.Flush(kScripted), 2);
-  EXPECT_EQ(writes, 3);
-  EXPECT_EQ(written, stored("12345678"));
-}
-
-TEST_F(InMemory, GivesUpAFlushAfterTenPartialWritesAndKeepsItsContents) {
-  Block block;
-  add(block, "123456789");  // 11 bytes: ten writes of one byte leave one
-  writeAtMost(1);
-  LogCapture log(0);
-  errno = 0;
-  EXPECT_EQ(exceptionOf([&] { block.Flush(kScripted); }),
-            "0 0 Failed to Flush data after Max Trials");
-  EXPECT_EQ(writes, 10);
-  EXPECT_TRUE(log.mentions("error 0 InMemoryBuffer :: Flush: eRRoR -- "));
-  EXPECT_EQ(block.writePointer(), 11);
-  writeAtMost(100);
-  written.clear();
-  EXPECT_EQ(block.Flush(kScripted), 11);
-  EXPECT_EQ(written, stored("123456789"));
-}
-
-TEST_F(InMemory, FlushesWithAsManyPartialWritesAsAreTolerated) {
-  Block block;
-  add(block, "12345678");  // 10 bytes
-  writeAtMost(1);
-  EXPECT_EQ(block.Flush(kScripted), 1);
-  EXPECT_EQ(writes, 10);
-}
-
-TEST_F(InMemory, ReportsAFlushThatFailsAndKeepsItsContents) {
-  Block block;
-  add(block, "abc");
-  LogCapture log(0);
-  EXPECT_EQ(exceptionOf([&] { block.Flush(-1); }), "0 9 Failed to Flush data");
-  EXPECT_EQ(log.lines(),
-            (std::vector<std::string>{
-                "error 0 InMemoryBuffer :: Flush: WritePointer_m:5, Ret:-1, errno:9",
-                "error 0 InMemoryBuffer :: Flush: eRRoR -- Function[InMemoryBuffer :: Flush] "
-                "Type[0] Error[9] Failed to Flush data"}));
-  EXPECT_EQ(read(block), "abc") << "and its monitor is free";
-}
-
-TEST_F(InMemory, FlushesWhatIsUnreadAndChangesNothing) {
-  Block block;
-  add(block, "abc");
-  add(block, "de");
-  EXPECT_EQ(read(block), "abc");
-  EXPECT_EQ(block.Unread(), 4);
-  writeAtMost(3);
-  block.FlushRemainingData(kScripted);
-  EXPECT_EQ(written, stored("de"));
-  EXPECT_EQ(block.readPointer(), 5);
-  EXPECT_EQ(block.writePointer(), 9);
-  EXPECT_EQ(read(block), "de");
-  writes = 0;
-  block.FlushRemainingData(kScripted);
-  EXPECT_EQ(writes, 0);
-}
-
-TEST_F(InMemory, GivesUpWritingTheRestAfterTenPartialWrites) {
-  Block block;
-  add(block, "123456789");
-  writeAtMost(1);
-  LogCapture log(0);
-  errno = 0;
-  EXPECT_EQ(exceptionOf([&] { block.FlushRemainingData(kScripted); }),
-            "0 0 Failed to Flush data after Max Trials");
-  EXPECT_EQ(writes, 10);
-  EXPECT_TRUE(log.mentions("error 0 InMemoryBuffer :: FlushRemainingData: eRRoR -- "));
-}
-
-TEST_F(InMemory, WritesTheRestAgainForAsLongAsTheWriteFails) {
-  Block block;
-  add(block, "123");
-  LogCapture log(0);
-  scriptedWrite = [&](const void*, size_t size) -> ssize_t {
-    if (++writes > 1000) return static_cast<ssize_t>(size);
-    errno = ENOSPC;
-    return -1;
-  };
-  block.FlushRemainingData(kScripted);
-  EXPECT_EQ(writes, 1001);
-  EXPECT_EQ(log.lines().size(), 1000u);
-  EXPECT_TRUE(
-      log.has("error 0 InMemoryBuffer :: FlushRemainingData: WritePointer_m:5, Ret:-1, errno:28"));
 }
 
 TEST_F(InMemory, IsEmptyAfterItIsInitialisedAgainButStaysAsBlockingAsItWas) {
