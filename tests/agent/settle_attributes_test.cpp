@@ -1,78 +1,17 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a record about a file does to its rows: attributes, link counts, stubs.
+// What a record of attributes or of a link count does to the rows of its file.
 #include <gmock/gmock.h>
 
-#include <ctime>
-
 #include "platform/exceptions.h"
-#include "tests/support/live_fixture.h"
+#include "tests/support/settle_attributes_fixture.h"
 
 namespace kddc::test {
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-// File A is "a" in the root, row 2, and its TIME is 3500.
-struct SettleAttributesTest : SettleTest {
-  SettleAttributesTest() {
-    present('R', "a", 'A');
-    written();
-    attributesOf('A', {});  // what this said would still count as part of the file's coming
-    run("UPDATE FILES SET TIME=3500 WHERE INODE=2");
-  }
-
-  // SQL on the writer's own connection.
-  void run(const std::string& sql) const { db.filesDb->exec_query(sql.c_str()); }
-  // Row 3 is a further name of A.
-  void giveFurtherName() {
-    present('R', "b", 'A', {.links = 2});
-    written();
-    run("UPDATE FILES SET TIME=3500 WHERE INODE IN (2,3)");
-  }
-  // "now" for a TIME that lies less than a minute back.
-  Rows times() {
-    written();
-    return DatabaseView(filesPath).rows(
-        "SELECT CTIME,IIF(ABS(TIME-CAST(strftime('%s','now') AS INTEGER))<60,'now',TIME) FROM "
-        "FILES WHERE INODE>1 ORDER BY INODE");
-  }
-  Rows everything() {
-    written();
-    return DatabaseView(filesPath).rows(
-        "SELECT MODE,NLINK,UID,GID,SIZE,BLOCKSUSED,ATIME,MTIME,CTIME,TIME FROM FILES WHERE INODE>1 "
-        "ORDER BY INODE");
-  }
-  Rows links() {
-    return DatabaseView(filesPath).rows("SELECT NLINK FROM FILES WHERE INODE>1 ORDER BY INODE");
-  }
-  Rows types() {
-    written();
-    return DatabaseView(filesPath).rows("SELECT FILE_TYPE FROM FILES WHERE INODE>1 ORDER BY INODE");
-  }
-  Result linkCount(const fsf_fid& file, unsigned count) {
-    FlrJrnCommandRaw record = headed(FLR_JRN_REMOVE, {.links = count, .ctime = 4000});
-    record.u.remove = {{}, "", file, count};
-    return settle.take(record);
-  }
-  Result stub(char file) {
-    FlrJrnCommandRaw record = headed(FLR_JRN_STUB, {.ctime = 4000});
-    record.u.stub = {fidOf(file), ""};
-    return settle.take(record);
-  }
-  Result unstub(char file) {
-    FlrJrnCommandRaw record = headed(FLR_JRN_UNSTUB, {.ctime = 4000});
-    record.u.unstub = {fidOf(file)};
-    return settle.take(record);
-  }
-  // From now on no row can be updated.
-  void refuseUpdates() {
-    run("CREATE TEMP TRIGGER refuse BEFORE UPDATE ON FILES BEGIN SELECT RAISE(ABORT,'refused'); "
-        "END");
-  }
-};
 
 TEST_F(SettleAttributesTest, ARecordThatSaysWhatTheRowSaysChangesNothing) {
   const auto before = settle.counts().unchanged;
@@ -242,65 +181,6 @@ TEST_F(SettleAttributesTest, ALinkCountOfAPendingFileWritesIt) {
   EXPECT_THAT(links(), ElementsAre("1", "3"));
 }
 
-// Stubs and types. --------------------------------------------------------------------------------
-
-constexpr char kPlain[] = "0", kStubFile[] = "8";
-
-TEST_F(SettleAttributesTest, AKnownFileBecomesAStubAndAPlainFileAgain) {
-  EXPECT_EQ(stub('A'), Result::kApplied);
-  EXPECT_THAT(types(), ElementsAre(kStubFile));
-  EXPECT_EQ(unstub('A'), Result::kApplied);
-  EXPECT_THAT(types(), ElementsAre(kPlain));
-  EXPECT_EQ(settle.counts().changed, 2u);
-}
-
-TEST_F(SettleAttributesTest, AStubThatIsOneAlreadyChangesNothing) {
-  stub('A');
-  run("UPDATE FILES SET TIME=3500");
-  EXPECT_EQ(stub('A'), Result::kNothing);
-  EXPECT_THAT(times(), ElementsAre("4000|3500"));
-  unstub('A');
-  run("UPDATE FILES SET TIME=3500");
-  EXPECT_EQ(unstub('A'), Result::kNothing);
-  EXPECT_THAT(times(), ElementsAre("4000|3500"));
-}
-
-TEST_F(SettleAttributesTest, EveryNameOfAFileBecomesAStub) {
-  giveFurtherName();
-  stub('A');
-  settle.writeHeldBack();
-  EXPECT_THAT(types(), ElementsAre(kStubFile, kStubFile));
-  unstub('A');
-  settle.writeHeldBack();
-  EXPECT_THAT(types(), ElementsAre(kPlain, kPlain));
-}
-
-// Told with each of a thousand names, it would be looked up in all thousand rows each time.
-TEST_F(SettleAttributesTest, WhetherAFileOfSeveralNamesIsAStubIsHeldBack) {
-  giveFurtherName();
-  EXPECT_EQ(stub('A'), Result::kApplied);
-  EXPECT_EQ(unstub('A'), Result::kApplied);
-  EXPECT_THAT(types(), ElementsAre(kPlain, kPlain)) << "the last one counts";
-  EXPECT_EQ(settle.counts().changed, 0u);
-}
-
-TEST_F(SettleAttributesTest, RowsOfWhichOnlySomeAreStubsBecomeEqual) {
-  giveFurtherName();
-  run("UPDATE FILES SET FILE_TYPE=8 WHERE INODE=3");
-  unstub('A');
-  settle.writeHeldBack();
-  EXPECT_THAT(types(), ElementsAre(kPlain, kPlain));
-}
-
-TEST_F(SettleAttributesTest, WhatWasHeldBackIsNotForTheNextFileOfThatIdentifier) {
-  giveFurtherName();
-  stub('A');
-  EXPECT_EQ(linkCount(fidOf('A'), 0), Result::kApplied);
-  present('R', "new", 'A');
-  settle.writeHeldBack();
-  EXPECT_THAT(types(), ElementsAre(kPlain));
-}
-
 TEST_F(SettleAttributesTest, ChangeTimesOfAFileThatGainsNamesWaitForItsLinkCount) {
   giveFurtherName();
   present('R', "c", 'A', {.links = 3, .ctime = 4001});
@@ -312,50 +192,6 @@ TEST_F(SettleAttributesTest, ChangeTimesOfAFileThatGainsNamesWaitForItsLinkCount
   written();
   EXPECT_THAT(DatabaseView(filesPath).rows("SELECT CTIME FROM FILES WHERE INODE>1"),
               ElementsAre("4002", "4002", "4002"));
-}
-
-TEST_F(SettleAttributesTest, APendingFileBecomesAStub) {
-  present('R', "b", 'B');
-  EXPECT_EQ(stub('B'), Result::kApplied);
-  EXPECT_THAT(types(), ElementsAre(kPlain, kStubFile));
-}
-
-TEST_F(SettleAttributesTest, APendingFileThatIsNoStubIsNone) {
-  present('R', "b", 'B');
-  EXPECT_EQ(unstub('B'), Result::kNothing);
-  EXPECT_TRUE(db.isPending(fidOf('B'))) << "it need not be written for that";
-  EXPECT_THAT(types(), ElementsAre(kPlain, kPlain));
-}
-
-TEST_F(SettleAttributesTest, AStubThatIsNotKnownChangesNothing) {
-  EXPECT_EQ(stub('X'), Result::kNothing);
-  EXPECT_EQ(unstub('X'), Result::kNothing);
-  EXPECT_THAT(types(), ElementsAre(kPlain));
-}
-
-TEST_F(SettleAttributesTest, AStubKeepsItsRowUnderANewName) {
-  stub('A');
-  present('R', "b", 'A');
-  EXPECT_THAT(written(), ElementsAre("1|0|/volume", "2|1|b"));
-  EXPECT_THAT(types(), ElementsAre(kStubFile));
-}
-
-TEST_F(SettleAttributesTest, SpecialFilesKeepTheirTypeThoughTheirRecordsAreCoalesced) {
-  present('R', "fifo", 'F', {.mode = S_IFIFO | 0600});
-  present('R', "chr", 'C', {.mode = S_IFCHR | 0600});
-  present('R', "blk", 'B', {.mode = S_IFBLK | 0600});
-  present('R', "sock", 'S', {.mode = S_IFSOCK | 0600});
-  present('R', "link", 'L', {.mode = S_IFLNK | 0777});
-  EXPECT_THAT(written("NAME,FILE_TYPE,MODE"),
-              ElementsAre("/volume|1|16877", "a|0|33188", "fifo|5|4480", "chr|3|8576",
-                          "blk|4|24960", "sock|6|49536", "link|2|41471"));
-}
-
-TEST_F(SettleAttributesTest, AFileOfAnotherTypeUnderTheSameIdentifierIsAnotherFile) {
-  folderPresent('R', "a", 'A');
-  EXPECT_THAT(written("INODE,NAME,FILE_TYPE"), ElementsAre("1|/volume|1", "2|a|1"));
-  EXPECT_THAT(disk.asked, ElementsAre("list A"));
-  expectPaired();
 }
 
 // Failures. ---------------------------------------------------------------------------------------
@@ -375,65 +211,6 @@ TEST_F(SettleAttributesTest, ALinkCountThatCannotBeWrittenThrows) {
   attributesOf('A', {.links = 2});
   refuseUpdates();
   EXPECT_THROW(settle.writeHeldBack(), UDCException);
-}
-
-TEST_F(SettleAttributesTest, AStubOfSeveralNamesThatCannotBeWrittenThrows) {
-  giveFurtherName();
-  stub('A');
-  refuseUpdates();
-  EXPECT_THROW(settle.writeHeldBack(), UDCException);
-}
-
-// Observers. --------------------------------------------------------------------------------------
-
-struct SettleObserverTest : SettleAttributesTest {
-  std::vector<std::string> told;
-
-  SettleObserverTest() {
-    settle.observe([this](const CatalogueChange& change) {
-      static constexpr const char* kWords[] = {"added", "changed", "moved", "removed"};
-      told.push_back(std::string(kWords[static_cast<int>(change.kind)]) + " " +
-                     std::to_string(change.folder) + "/" + change.name);
-    });
-  }
-};
-
-TEST_F(SettleObserverTest, AnEntryIsAddedOnceWhateverTheNextRecordsSayOfIt) {
-  present('R', "p", 'P', {.mode = S_IFIFO | 0600});
-  folderPresent('R', "d", 'D');
-  EXPECT_THAT(told, ElementsAre("added 1/p", "added 1/d"));
-  attributesOf('D', {.mode = kDirectory, .links = 2, .size = 4097, .ctime = 4000});
-  written();
-  EXPECT_THAT(told, ElementsAre("added 1/p", "added 1/d"));
-  attributesOf('D', {.mode = kDirectory, .links = 2, .size = 4098, .ctime = 4000});
-  EXPECT_THAT(told, ElementsAre("added 1/p", "added 1/d", "changed 1/d"));
-}
-
-TEST_F(SettleObserverTest, AChangeIsToldOfEveryName) {
-  giveFurtherName();
-  attributesOf('A', {.links = 2});
-  told.clear();
-  attributesOf('A', {.links = 2, .ctime = 4000});
-  EXPECT_THAT(told, ElementsAre("changed 1/a", "changed 1/b"));
-}
-
-TEST_F(SettleObserverTest, AMoveIsToldOfTheNewName) {
-  renamed('A', 'R', "a", 'R', "b");
-  present('R', "c", 'A');
-  EXPECT_THAT(told, ElementsAre("moved 1/b", "moved 1/c"));
-}
-
-TEST_F(SettleObserverTest, ANameThatGoesIsToldOnce) {
-  absent('R', "a", 'A');
-  absent('R', "a", 'A');
-  EXPECT_THAT(told, ElementsAre("removed 1/a"));
-}
-
-TEST_F(SettleObserverTest, NothingIsToldOfWhatChangesNothing) {
-  present('R', "a", 'A');
-  attributesOf('A', {.atime = 1500});
-  attributesOf('X', {});
-  EXPECT_THAT(told, IsEmpty());
 }
 
 }  // namespace
