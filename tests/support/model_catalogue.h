@@ -1,13 +1,11 @@
 // SPDX-FileCopyrightText: The kddc authors
 // SPDX-License-Identifier: Apache-2.0
 //
-// A catalogue in memory, for comparing the real one with: two maps of rows, and what each journal
-// record does to them, told once more without SQL and without the code under test.
+// A catalogue in memory, for comparing the real one with: its tables, and what each journal record
+// does to them, told once more without SQL and without the code under test.
 //
-// What SQLite does stands here as rules:
+// What SQLite does with numbers stands here as rules:
 //
-//   row ids      the greatest one in the table plus 1
-//   row order    rows of one identifier by FIDS_ROWID, rows of one folder by INODE
 //   bound times  the low 32 bits, signed: a time of 2038 and later is stored as a negative number
 //   times and sizes in SQL text   as they are; from 2^63 on as floating-point numbers
 //
@@ -25,14 +23,12 @@
 
 #include "records/journal_record.h"
 #include "tests/support/model_rows.h"
+#include "tests/support/model_tables.h"
 
 namespace kddc::test {
 
-class ModelCatalogue {
+class ModelCatalogue : public ModelTables {
  public:
-  std::map<long long, ModelFile> files;  // by INODE
-  std::map<long long, ModelFid> fids;    // by FIDS_ROWID; SEQNUM and RESCAN are always 0
-
   explicit ModelCatalogue(std::time_t openTime) : openTime_(openTime) {}
   virtual ~ModelCatalogue() = default;
   ModelCatalogue(const ModelCatalogue&) = default;
@@ -41,27 +37,10 @@ class ModelCatalogue {
   // What ApplyJournal answers for the record while the clock shows `now`.
   bool apply(const FlrJrnCommandRaw& record, std::time_t now);
 
-  void deleteInode(long long inode) { files.erase(inode); }
-  void insertFid(const fsf_fid& fid, long long filesRowId) {
-    fids[nextId(fids)] = {filesRowId, fid};
-  }
-
-  // All columns in the order of the schema, as SQLite prints them, by row id.
-  std::vector<std::string> fileRows() const;
-  std::vector<std::string> fidRows() const;
   // Identifiers that records spoke of and that no row shows yet.
   virtual std::vector<fsf_fid> heldBack() const { return {}; }
 
  protected:
-  // The journal does not fit the catalogue; what was written until then stays.
-  struct Inconsistent {};
-
-  // The rows of one identifier; the last one stands for all where one is asked for.
-  struct Rows {
-    std::vector<long long> inodes;
-    long long inode = 0, fidRowId = 0;
-  };
-
   struct NewEntry {
     fsf_fid fid{};
     std::string name;
@@ -77,23 +56,11 @@ class ModelCatalogue {
   static long long signed32(long long value) { return static_cast<int>(value); }
   static long long unsigned32(long long value) { return static_cast<unsigned>(value); }
   static int typeOf(unsigned mode);
-  template <class Table>
-  static long long nextId(const Table& table) {
-    return table.empty() ? 1 : table.rbegin()->first + 1;
-  }
-
-  Rows rowsOf(const fsf_fid& fid) const;
-  long long inodeOf(const fsf_fid& fid) const { return rowsOf(fid).inode; }
-  ModelFile* file(long long inode);
   void insert(const NewEntry& entry, long long parent, int type);
 
   virtual void dispatch(const FlrJrnCommandRaw& record, int time);
 
  private:
-  ModelFile& existing(long long inode);
-  long long childOf(long long parent, const std::string& name) const;
-  long long linkAt(const Rows& rows, long long parent, const std::string& name);
-  void deletePair(long long inode, long long fidRowId);
   void stampLink(long long inode, int time, long long nlink);
   void stampBelow(long long folder);
 
@@ -337,50 +304,6 @@ inline void ModelCatalogue::stampBelow(long long folder) {
 
 // Rows.
 
-inline ModelCatalogue::Rows ModelCatalogue::rowsOf(const fsf_fid& fid) const {
-  Rows rows;
-  for (const auto& [rowId, row] : fids) {
-    if (std::memcmp(&row.fid, &fid, sizeof fid) != 0) continue;
-    rows.inodes.push_back(row.filesRowId);
-    rows.inode = row.filesRowId;
-    rows.fidRowId = rowId;
-  }
-  return rows;
-}
-
-inline ModelFile* ModelCatalogue::file(long long inode) {
-  const auto found = files.find(inode);
-  return found == files.end() ? nullptr : &found->second;
-}
-
-inline ModelFile& ModelCatalogue::existing(long long inode) {
-  ModelFile* row = file(inode);
-  if (!row) throw Inconsistent{};
-  return *row;
-}
-
-// 0 when there is none.
-inline long long ModelCatalogue::childOf(long long parent, const std::string& name) const {
-  for (const auto& [inode, row] : files)
-    if (row.parent == parent && row.name == name) return inode;
-  return 0;
-}
-
-// The link that stands in that folder under that name. A row that is missing ends the search.
-inline long long ModelCatalogue::linkAt(const Rows& rows, long long parent,
-                                        const std::string& name) {
-  for (const long long inode : rows.inodes) {
-    const ModelFile& row = existing(inode);
-    if (row.parent == parent && row.name == name) return inode;
-  }
-  throw Inconsistent{};
-}
-
-inline void ModelCatalogue::deletePair(long long inode, long long fidRowId) {
-  files.erase(inode);
-  fids.erase(fidRowId);
-}
-
 inline void ModelCatalogue::stampLink(long long inode, int time, long long nlink) {
   ModelFile* row = file(inode);
   if (!row) return;
@@ -394,23 +317,6 @@ inline int ModelCatalogue::typeOf(unsigned mode) {
                                               {8, 0}, {10, kLink}, {12, 6}};
   const auto found = kTypes.find(mode >> 12 & 15);
   return found == kTypes.end() ? 7 : found->second;
-}
-
-// How the tables look.
-
-inline std::vector<std::string> ModelCatalogue::fileRows() const {
-  std::vector<std::string> rows;
-  for (const auto& [inode, r] : files)
-    rows.push_back(rowText(inode, r.fidRowId, r.parent, r.mode, r.nlink, r.uid, r.gid, r.size,
-                           r.blocks, r.atime, r.mtime, r.ctime, r.time, r.type, r.name));
-  return rows;
-}
-
-inline std::vector<std::string> ModelCatalogue::fidRows() const {
-  std::vector<std::string> rows;
-  for (const auto& [rowId, r] : fids)
-    rows.push_back(rowText(rowId, r.filesRowId, 0LL, 0LL, fidText(r.fid)));
-  return rows;
 }
 
 }  // namespace kddc::test
