@@ -2,18 +2,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A small file system in memory that raises the kernel's events: for each operation the ones that
-// fanotify raises on ext4, in the kernel's order, merged by the kernel's rule. Written without any
-// code of the driver, so that it can judge it.
+// fanotify raises on ext4, in the kernel's order, merged by the kernel's rule (kernel_queue.h).
+// Written without any code of the driver, so that it can judge it.
 //
 //   FakeVolume volume;
 //   volume.mkdir("docs");
 //   volume.create("docs/a");
 //   volume.rename("docs/a", "docs/b");
 //   volume.read();                     // the events, which are then off the queue
-//
-// MERGING. A new event goes into the newest one still queued that is equal in process, in the ONDIR
-// and RENAME bits, in names and in file: their bits are joined at the old one's place. A RENAME
-// joins only an equal RENAME.
 //
 // Paths are relative to the root, which is "". Identifiers have type 1 and 8 bytes, as on ext4.
 // Each operation takes one second of the volume's own clock. Operations that a kernel would refuse
@@ -25,7 +21,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -34,6 +29,7 @@
 #include <vector>
 
 #include "tests/support/kernel_events.h"
+#include "tests/support/kernel_queue.h"
 
 namespace kddc::test {
 
@@ -176,10 +172,7 @@ class FakeVolume {
 
   // Takes the first `most` events off the queue.
   std::vector<KernelEvent> read(std::size_t most = static_cast<std::size_t>(-1)) {
-    const auto end = queue_.begin() + static_cast<std::ptrdiff_t>(std::min(most, queue_.size()));
-    std::vector<KernelEvent> events(queue_.begin(), end);
-    queue_.erase(queue_.begin(), end);
-    return events;
+    return queue_.read(most);
   }
   std::size_t queued() const { return queue_.size(); }
 
@@ -372,27 +365,7 @@ class FakeVolume {
   }
   void raise(std::uint64_t mask, std::optional<EntryName> entry, std::optional<fsf_fid> object,
              std::optional<EntryName> newEntry = std::nullopt) {
-    KernelEvent event{mask, pid, std::move(entry), std::move(newEntry), object};
-    const auto equal = std::find_if(queue_.rbegin(), queue_.rend(), [&](const KernelEvent& queued) {
-      return joins(queued, event);
-    });
-    if (equal != queue_.rend())
-      equal->mask |= mask;
-    else
-      queue_.push_back(std::move(event));
-  }
-  static bool joins(const KernelEvent& a, const KernelEvent& b) {
-    constexpr std::uint64_t kApart = FAN_ONDIR | FAN_RENAME;
-    return (a.mask & kApart) == (b.mask & kApart) && a.pid == b.pid && same(a.entry, b.entry) &&
-           same(a.newEntry, b.newEntry) && same(a.object, b.object);
-  }
-  static bool same(const std::optional<EntryName>& a, const std::optional<EntryName>& b) {
-    if (!a || !b) return !a && !b;
-    return a->name == b->name && idOf(a->folder) == idOf(b->folder);
-  }
-  static bool same(const std::optional<fsf_fid>& a, const std::optional<fsf_fid>& b) {
-    if (!a || !b) return !a && !b;
-    return idOf(*a) == idOf(*b);
+    queue_.add({mask, pid, std::move(entry), std::move(newEntry), object});
   }
 
   std::map<Id, Node> nodes_;
@@ -400,7 +373,7 @@ class FakeVolume {
   std::int64_t clock_ = 1000;
   std::map<int, Open> opens_;
   int nextOpen_ = 1;
-  std::deque<KernelEvent> queue_;
+  KernelQueue queue_;
 };
 
 }  // namespace kddc::test
