@@ -32,7 +32,6 @@ namespace {
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
-using Words = std::vector<std::string>;
 
 struct BadInput : testing::Test {
   TempFolder temp;

@@ -29,7 +29,6 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::HasSubstr;
 using State = VolumeStatus::State;
-using Words = std::vector<std::string>;
 
 struct Watched : testing::Test {
   TempFolder temp;

@@ -27,7 +27,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::UnorderedElementsAre;
-using Words = std::vector<std::string>;
 
 struct ProgramTest : testing::Test {
   TempFolder temp;

@@ -29,7 +29,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
-using Words = std::vector<std::string>;
 
 std::string refusalBy(const std::function<void()>& work) {
   try {

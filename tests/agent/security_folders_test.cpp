@@ -24,7 +24,6 @@ namespace kddc::test {
 namespace {
 
 namespace fs = std::filesystem;
-using Words = std::vector<std::string>;
 
 constexpr uid_t kNobody = 65534;
 

@@ -29,7 +29,6 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using Words = std::vector<std::string>;
 
 // A colour, a title, a line of its own, CSI as one character, DEL, and no UTF-8.
 constexpr char kEvil[] =

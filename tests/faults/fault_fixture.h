@@ -42,6 +42,7 @@ namespace kddc::faults {
 namespace fs = std::filesystem;
 using test::Outcome;
 using test::Program;
+using test::Words;
 
 inline bool isLong() {
   return std::getenv("KDDC_FAULTS_LONG") != nullptr;
@@ -58,8 +59,8 @@ inline unsigned seed() {
 }
 
 // For a line in the log beside what is asserted.
-template <class... Words>
-void tell(const Words&... words) {
+template <class... Values>
+void tell(const Values&... words) {
   ((std::cout << "  ") << ... << words) << std::endl;
 }
 

@@ -24,6 +24,8 @@
 
 namespace kddc::test {
 
+using Words = std::vector<std::string>;  // of a command line
+
 struct Outcome {
   int exitCode;  // 128 and the signal's number when a signal ended it
   std::string out, err;
@@ -39,7 +41,7 @@ class Program {
   using Preparation = std::function<void()>;
 
   // Starts the program with the arguments. A watchdog ends it after two minutes.
-  explicit Program(const std::vector<std::string>& arguments, const Preparation& prepare = {}) {
+  explicit Program(const Words& arguments, const Preparation& prepare = {}) {
     child_ = fork();
     if (child_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
     if (child_ == 0) become(arguments, prepare);
@@ -84,12 +86,12 @@ class Program {
     return {code, contentsOf("out"), contentsOf("err")};
   }
 
-  static Outcome run(const std::vector<std::string>& arguments, const Preparation& prepare = {}) {
+  static Outcome run(const Words& arguments, const Preparation& prepare = {}) {
     return Program(arguments, prepare).finish();
   }
 
  private:
-  [[noreturn]] void become(const std::vector<std::string>& arguments, const Preparation& prepare) {
+  [[noreturn]] void become(const Words& arguments, const Preparation& prepare) {
     std::vector<char*> words = {const_cast<char*>(KDDC_PROGRAM)};
     for (const std::string& argument : arguments)
       words.push_back(const_cast<char*>(argument.c_str()));

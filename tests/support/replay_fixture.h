@@ -15,8 +15,6 @@
 
 namespace kddc::test {
 
-using Words = std::vector<std::string>;
-
 inline FlrJrnCommandRaw makeFolder(char parent, char fid, const char* name) {
   FlrJrnCommandRaw r = record(FLR_JRN_MKDIR);
   r.u.mkdir = {.par_fid = fidOf(parent),

@@ -24,7 +24,6 @@ namespace kddc::test {
 
 struct VolumesTest : testing::Test {
   using json = nlohmann::json;
-  using Words = std::vector<std::string>;
 
   TempFolder temp{inMemory()};
   std::string etc = temp / "etc", state = temp / "state";

@@ -25,8 +25,6 @@
 namespace kddc::test {
 
 struct WatchTest : testing::Test {
-  using Words = std::vector<std::string>;
-
   TempFolder temp{inMemory()};
   std::string state = temp / "state";
   std::optional<LoopMount> mount;
