@@ -33,7 +33,7 @@ class Output {
   fmt::memory_buffer buffer_;
 };
 
-// The word for a FILE_TYPE.
+// The word for a FILE_TYPE; "other" for a number that is none.
 const char* typeName(int type);
 
 // A member of a JSON object: "<name>":"<text>", or "<name>_base64":"<digits>" when the text is not

@@ -4,9 +4,12 @@
 // kddc verify VOLUME: where catalogue and disk differ; changes neither.
 #include <fmt/format.h>
 
+#include <charconv>
+#include <cstdint>
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "agent/catalogue_place.h"
 #include "agent/commands/commands.h"
@@ -54,14 +57,22 @@ const Words& wordsOf(const Difference& difference) {
   return kWords[static_cast<std::size_t>(difference.kind)];
 }
 
-int numberOf(const std::string& text) {
-  return std::stoi(text);
+// A damaged row may hold any number of 64 bits.
+std::uint64_t numberOf(const std::string& text) {
+  std::uint64_t number = 0;
+  std::from_chars(text.data(), text.data() + text.size(), number);
+  return number;
+}
+
+const char* typeOf(const std::string& text) {
+  const std::uint64_t type = numberOf(text);
+  return typeName(std::in_range<int>(type) ? static_cast<int>(type) : -1);
 }
 
 // A value as people read it.
 std::string textOf(Values values, const std::string& value) {
   if (values == Values::kModes) return fmt::format("{:o}", numberOf(value));
-  if (values == Values::kTypes) return typeName(numberOf(value));
+  if (values == Values::kTypes) return typeOf(value);
   return printable(value);
 }
 
@@ -91,7 +102,7 @@ std::string jsonNameOf(const Suspect& suspect) {
 }
 
 std::string wordOf(Values values, const std::string& value) {
-  return values == Values::kTypes ? typeName(numberOf(value)) : value;
+  return values == Values::kTypes ? typeOf(value) : value;
 }
 
 // By hand and not by the library, so that the members stand in this order.
