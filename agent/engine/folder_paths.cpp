@@ -19,10 +19,14 @@ constexpr std::size_t kDeep = 32;
 
 }  // namespace
 
-void requireName(std::string_view name, std::int64_t inode) {
+bool canBeAName(std::string_view name) {
   constexpr std::string_view kInNoName("/\0", 2);
-  if (name.empty() || name == "." || name == ".." ||
-      name.find_first_of(kInNoName) != std::string_view::npos)
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(kInNoName) == std::string_view::npos;
+}
+
+void requireName(std::string_view name, std::int64_t inode) {
+  if (!canBeAName(name))
     throw UDCException("FolderPaths", 3, SQLITE_CORRUPT,
                        fmt::format("row {} has a name that no file can have", inode));
 }

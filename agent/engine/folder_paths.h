@@ -23,8 +23,10 @@ namespace kddc {
 // The parent of a row that has no name at present: its file has lost one and not yet got another.
 inline constexpr std::int64_t kParkedParent = std::numeric_limits<std::int64_t>::max();
 
-// Throws UDCException with SQLITE_CORRUPT unless a file can have the name. A path made of any other
-// could lead whoever uses it out of the volume.
+// Whether a file can have the name. A path made of any other could lead whoever uses it out of the
+// volume.
+bool canBeAName(std::string_view name);
+// Throws UDCException with SQLITE_CORRUPT where that is not so.
 void requireName(std::string_view name, std::int64_t inode);
 
 class FolderPaths {

@@ -195,6 +195,7 @@ std::optional<std::string> FreshLook::pathOf(std::int64_t inode) {
   const std::string name(row_.text(1));
   row_.reset();
   if (folder == 0) return name == volume_ ? std::optional<std::string>("") : std::nullopt;
+  if (!canBeAName(name)) return std::nullopt;
   try {
     const std::string* prefix = paths_.prefixOf(folder);
     return prefix ? std::optional(*prefix + name) : std::nullopt;
@@ -214,7 +215,8 @@ void FreshLook::eachOther(const std::function<void(const std::string& path)>& su
     const std::string name(all.text(1));
     try {
       const std::string* prefix = folder == 0 ? nullptr : paths_.prefixOf(folder);
-      if (folder != 0 && !prefix) continue;
+      // What has no path, or a name that would lead elsewhere, is told of by its number.
+      if (folder != 0 && !(prefix && canBeAName(name))) continue;
       const std::string path = prefix ? *prefix + name : "";
       struct stat st;
       Differences found;
@@ -231,16 +233,18 @@ Differences FreshLook::ofFilesRow(std::int64_t inode) {
   const std::int64_t folder = row_.integer(0);
   const std::string name(row_.text(1));
   row_.reset();
-  if (folder == 0 && name == volume_) return {};
+  const auto damaged = [&](const char* how) -> Differences {
+    return {{Kind::kRows, fmt::format("'{}' {}", name, how), ""}};
+  };
+  constexpr char kLost[] = "has no way up to the volume's root";
+  if (folder == 0) return name == volume_ ? Differences() : damaged(kLost);
   try {
     // Rows that wait for a name are none, and have no path either.
-    if (folder != 0) {
-      paths_.prefixOf(folder);
-      return {};
-    }
+    if (!paths_.prefixOf(folder) || canBeAName(name)) return {};
+    return damaged("is a name that no file can have");
   } catch (const UDCException&) {  // no chain of folders
+    return damaged(kLost);
   }
-  return {{Kind::kRows, fmt::format("'{}' has no way up to the volume's root", name), ""}};
 }
 
 Differences FreshLook::ofFidsRow(std::int64_t row) {

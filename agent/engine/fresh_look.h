@@ -74,8 +74,8 @@ class FreshLook {
   // of `tick` ends it as a Failure.
   void eachOther(const std::function<void(const std::string& path)>& suspect,
                  const std::function<bool()>& tick);
-  // The path of a row of FILES: none when there is no such row, or when no chain of folders leads
-  // from it up to the root.
+  // The path of a row of FILES: none when there is no such row, when no file can have its name, or
+  // when no chain of folders leads from it up to the root.
   std::optional<std::string> pathOf(std::int64_t inode);
   // How a row of FILES that has no path, or a row of FIDS, contradicts the others.
   Differences ofFilesRow(std::int64_t inode);

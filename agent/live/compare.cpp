@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/engine/folder_paths.h"
 #include "agent/engine/walk_thread.h"
 #include "agent/errors.h"
 #include "agent/live/folder_rows.h"
@@ -33,11 +34,6 @@ bool sameAttributes(const FolderRow& row, const struct stat& st) {
 bool sameType(const FolderRow& row, const WalkedEntry& entry) {
   const int type = GetFileType(entry.st.st_mode);
   return row.type == type || (row.type == kStub && type == kRegularFile);
-}
-
-bool canBeAName(std::string_view name) {
-  return !name.empty() && name != "." && name != ".." &&
-         name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
 }
 
 class Comparer {

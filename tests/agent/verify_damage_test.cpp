@@ -48,5 +48,20 @@ TEST_F(VerifyDamage, AModeOrTypeOfAnySizeIsADifference) {
   EXPECT_THAT(verify(), HasSubstr("d/b: type is other in the catalogue, file on the disk\n"));
 }
 
+// Such a path means another file, or one outside of the volume, and each of the two may be as the
+// row says.
+TEST_F(VerifyDamage, ARowWithANameThatNoFileCanHaveIsADifference) {
+  for (const std::string name : {"no/such", "d/b", "../d", "..", ".", ""}) {
+    files(
+        "INSERT INTO FILES SELECT 900,NULL,1,MODE,NLINK,UID,GID,SIZE,BLOCKSUSED,ATIME,MTIME,CTIME,"
+        "TIME,FILE_TYPE,'" +
+        name + "' FROM FILES WHERE NAME='b'");
+    const std::string said = verify();
+    EXPECT_EQ(said.substr(0, said.find("1 differ")),
+              "row 900 of FILES: damaged rows: '" + name + "' is a name that no file can have\n");
+    files("DELETE FROM FILES WHERE INODE=900");
+  }
+}
+
 }  // namespace
 }  // namespace kddc::test
