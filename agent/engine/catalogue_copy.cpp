@@ -125,6 +125,7 @@ CatalogueCopy::Folder::Folder(const std::string& copies) : path_(copies + "/XXXX
   removeAbandoned(copies);
   if (!mkdtemp(path_.data())) throw systemFailure("cannot make a folder in " + copies, errno);
   lock_ = lockedFolder(path_);
+  if (!lock_) throw systemFailure("cannot lock " + path_, errno);
 }
 
 CatalogueCopy::Folder::~Folder() {

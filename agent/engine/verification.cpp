@@ -103,11 +103,14 @@ void FirstLook::lookInto(const Folder& folder) {
     return;
   }
   if (!names) throw systemFailure("cannot read the folder " + path, errno);
-  while (const dirent* entry = readdir(names.get())) {
+  // Only errno tells a failure from the end; what is met in between may set it, too.
+  errno = 0;
+  for (const dirent* entry; (entry = readdir(names.get())); errno = 0) {
     const std::string_view name = entry->d_name;
     if (name == "." || name == "..") continue;
     meet((folder.path.empty() ? "" : folder.path + "/").append(name), entry->d_name, folder.inode);
   }
+  if (errno != 0) throw systemFailure("cannot read the folder " + path, errno);
 }
 
 void FirstLook::meet(const std::string& path, const char* name, unsigned long long folder) {
