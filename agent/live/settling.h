@@ -37,6 +37,9 @@ struct SettleCounts {
             a.removed - b.removed, a.unchanged - b.unchanged, a.outside - b.outside,
             a.failed - b.failed};
   }
+  friend SettleCounts operator+(const SettleCounts& a, const SettleCounts& b) {
+    return a - (SettleCounts() - b);  // counts are unsigned, so this comes out even
+  }
 };
 
 enum class SettleResult { kApplied, kNothing, kFailed };

@@ -142,13 +142,19 @@ bool WatchSession::flush(const std::string& path, const std::function<bool()>& g
   }
 }
 
+// Since the volume is followed, also in rows that were let go of since. Called with the mutex held.
+SettleCounts WatchSession::settledIn(const Volume& volume) {
+  return volume.rows ? volume.settled + volume.rows->report().settled : volume.settled;
+}
+
+// The catalogue may be opened anew before the comparison is done, or be let go of right after it.
 std::optional<RescanCounts> WatchSession::rescan(const std::string& path,
                                                  const std::function<bool()>& giveUp) {
   Volume& volume = *find(path);
   if (!flush(path, giveUp)) return std::nullopt;
-  const auto settled = [&]() -> SettleCounts {
+  const auto settled = [&] {
     const std::lock_guard lock(mutex_);
-    return volume.rows ? volume.rows->report().settled : SettleCounts{};
+    return settledIn(volume);
   };
   const auto comparisons = [&] {
     const std::lock_guard lock(mutex_);
@@ -165,7 +171,7 @@ std::optional<RescanCounts> WatchSession::rescan(const std::string& path,
     if (!flush(path, giveUp)) return std::nullopt;
   } while (comparisons() == before);
   const std::lock_guard lock(mutex_);
-  return RescanCounts{volume.compared, volume.rows->report().settled - settledBefore};
+  return RescanCounts{volume.compared, settledIn(volume) - settledBefore};
 }
 
 VolumeStatus::State WatchSession::stateOf(const Volume& volume) const {

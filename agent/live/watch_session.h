@@ -183,6 +183,7 @@ class WatchSession {
   VolumeStatus::State stateOf(const Volume& volume) const;
   void fillFromCatalogue(VolumeStatus& status) const;
   void fillFromThreads(const Volume& volume, VolumeStatus& status) const;
+  static SettleCounts settledIn(const Volume& volume);
 
   bool isLive(const Volume& volume) const;
   bool isStill(const Volume& volume) const;

@@ -269,6 +269,7 @@ bool WatchSession::detach(Volume& volume, std::time_t asOf) {
   std::shared_ptr<VolumeRows> rows;
   {
     const std::lock_guard lock(mutex_);
+    volume.settled = settledIn(volume);
     rows = std::exchange(volume.rows, nullptr);
     setStale(volume);
   }

@@ -64,6 +64,7 @@ struct WatchSession::Volume {
   std::uint64_t comparisons = 0;  // that have ended
   std::uint64_t overflows = 0;    // of drivers that are gone
   CompareCounts compared;         // by the last of them
+  SettleCounts settled;           // in rows that were let go of
   std::deque<VolumeStatus::Rescan> reasons;
   Pacer pacer;
 };
