@@ -31,10 +31,12 @@ constexpr char kSection[] = "DataClassification";
 constexpr int kCacheKiB = 64 * 1024;
 constexpr std::uint64_t kMostWalBytes = 64 * 1024 * 1024, kLeastWalBytes = 1024 * 1024;
 
-// A group of no rows, or of no time, would be committed before it began.
+// A group of no rows, or of no time, would be committed before it began; so would one whose time,
+// in nanoseconds, is more than 64 bits count. Thirty years are as good as never.
 long long setting(const char* key, long long fallback) {
+  constexpr long long kMost = 1'000'000'000'000;
   KDPlatformInfo::getNumber(kSection, key, &fallback);
-  return std::max(fallback, 1LL);
+  return std::clamp(fallback, 1LL, kMost);
 }
 
 // Read for every write, so the cheap clock: its few milliseconds do not matter to a group.

@@ -203,6 +203,16 @@ TEST_F(UdcDbms, AGroupIsCommittedByTheNextWriteOnceItIsOldEnough) {
   EXPECT_EQ(committedRows(), "2");
 }
 
+TEST_F(UdcDbms, AGroupMayHaveAsLongAsNumbersReach) {
+  makeTable();
+  setGroups("9223372036854775807", "9223372036854775807");
+  UDC_DBMS db(path, 2, 0, false);
+  opened(db).exec_query("INSERT INTO T VALUES (1)");
+  EXPECT_EQ(committedRows(), "0");
+  db.Commit();
+  EXPECT_EQ(committedRows(), "1");
+}
+
 TEST_F(UdcDbms, WithoutGroupsOnlyACommitCommits) {
   makeTable();
   setGroups("1", "1000000");
