@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <ctime>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "agent/commands/commands.h"
 #include "agent/errors.h"
 #include "agent/logging.h"
+#include "agent/output.h"
 #include "agent/when.h"
 #include "platform/platform_info.h"
 
@@ -174,6 +176,16 @@ void refuseUnknownWords(const CLI::App& app) {
   if (app.get_subcommands().empty()) throw CLI::RequiredError("A command");
 }
 
+int printHelp(const CLI::App& app, const CLI::Success& asked) try {
+  std::ostringstream text;
+  const int result = app.exit(asked, text);
+  printAnswer(text.str());
+  return result;
+} catch (const Failure& e) {
+  complain(e.what());
+  return kExitFailed;
+}
+
 int parseAndRun(CLI::App& app, int argc, char** argv) {
   Words words;
   addGlobalOptions(app, words.options);
@@ -227,7 +239,7 @@ int runCommandLine(int argc, char** argv) {
   try {
     return parseAndRun(app, argc, argv);
   } catch (const CLI::Success& e) {  // --help, --version
-    return app.exit(e);
+    return printHelp(app, e);
   } catch (const CLI::ParseError& e) {
     complain(std::string(e.what()) + "; see kddc --help");
     return kExitUsage;

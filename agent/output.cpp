@@ -56,6 +56,13 @@ void Output::flush() {
   buffer_.clear();
 }
 
+void printAnswer(std::string_view text) {
+  try {
+    writeAll(text.data(), text.size());
+  } catch (const ReaderGone&) {
+  }
+}
+
 bool isTerminal() {
   return isatty(STDOUT_FILENO) != 0;
 }

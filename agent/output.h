@@ -33,6 +33,9 @@ class Output {
   fmt::memory_buffer buffer_;
 };
 
+// Writes a short answer at once. One that nobody reads to its end is no failure.
+void printAnswer(std::string_view text);
+
 // The word for a FILE_TYPE; "other" for a number that is none.
 const char* typeName(int type);
 

@@ -8,7 +8,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -18,6 +17,7 @@
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/own_catalogue.h"
 #include "agent/errors.h"
+#include "agent/output.h"
 #include "platform/unique_fd.h"
 
 namespace kddc {
@@ -60,7 +60,7 @@ int runCheck(const Options& options, const std::string& volume) {
   int result = kExitDone;
   for (const Database& database : kDatabases) {
     const bool ok = passesCheck(folder + database.file);
-    fmt::print("{}: {}\n", database.name, ok ? "ok" : "damaged");
+    printAnswer(fmt::format("{}: {}\n", database.name, ok ? "ok" : "damaged"));
     if (!ok) result = kExitDifference;
   }
   return result;

@@ -89,13 +89,10 @@ void appendTimers(bool json, fmt::memory_buffer& out) {
 }
 
 void report(const Replay& replay, bool stats, bool json) {
-  Output output;
-  appendTable(replay.tally(), json, output.buffer());
-  if (stats) appendTimers(json, output.buffer());
-  try {
-    output.flush();
-  } catch (const ReaderGone&) {
-  }
+  fmt::memory_buffer text;
+  appendTable(replay.tally(), json, text);
+  if (stats) appendTimers(json, text);
+  printAnswer({text.data(), text.size()});
 }
 
 void note(const Options& options, const Replay& replay) {

@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
@@ -92,8 +91,8 @@ Answer rescanHere(const Options& options, const std::string& path, Progress& pro
 }
 
 void print(const Answer& answer, double seconds, bool json) {
-  fmt::print(fmt::runtime(json ? kJson : kLine), answer.added, answer.changed, answer.moved,
-             answer.removed, answer.compared, seconds);
+  printAnswer(fmt::format(fmt::runtime(json ? kJson : kLine), answer.added, answer.changed,
+                          answer.moved, answer.removed, answer.compared, seconds));
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -22,6 +21,7 @@
 #include "agent/control/client.h"
 #include "agent/engine/catalogue_reader.h"
 #include "agent/errors.h"
+#include "agent/output.h"
 #include "agent/registry/registered_volumes.h"
 #include "platform/printable.h"
 
@@ -151,7 +151,7 @@ void print(const std::vector<VolumeStatus>& volumes, bool json) {
     if (!json && !text.empty()) text += '\n';
     text += json ? printableJson(toJson(status).dump()) + '\n' : Block(status).text();
   }
-  fmt::print("{}", text);
+  printAnswer(text);
 }
 
 }  // namespace

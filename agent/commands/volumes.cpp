@@ -116,7 +116,6 @@ std::string table(const std::vector<Line>& lines) {
 }
 
 void print(const std::vector<Told>& all, bool json) {
-  Output output;
   std::string text;
   std::vector<Line> lines = {
       {"number", "mount point", "device", "type", "reach", "catalogue", "state"}};
@@ -124,12 +123,7 @@ void print(const std::vector<Told>& all, bool json) {
     if (json) text += toJson(told);
     lines.push_back(lineOf(told));
   }
-  if (!json) text = table(lines);
-  output.buffer().append(text);
-  try {
-    output.flush();
-  } catch (const ReaderGone&) {
-  }
+  printAnswer(json ? text : table(lines));
 }
 
 // What a command does to the table of the mode.

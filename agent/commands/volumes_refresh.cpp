@@ -19,6 +19,7 @@
 #include "agent/engine/catalogue_folder.h"
 #include "agent/engine/catalogue_reader.h"
 #include "agent/errors.h"
+#include "agent/output.h"
 #include "agent/registry/disk_identity.h"
 #include "agent/registry/registered_volumes.h"
 #include "platform/ev_debug.h"
@@ -163,7 +164,7 @@ class Settlement {
 void printNew(const char* word, const Volumes& volumes, const Volumes& others) {
   for (const RegisteredVolume& volume : volumes)
     if (!findIn(others, volume.mountPoint))
-      fmt::print("{} {}\n", word, printable(volume.mountPoint));
+      printAnswer(fmt::format("{} {}\n", word, printable(volume.mountPoint)));
 }
 
 }  // namespace
