@@ -124,9 +124,13 @@ void NewCatalogue::publish(std::time_t began) {
   const UniqueFd parent = lockParent(folder_);
   refuseWhileInUse();
   exchange();
-  fsync(parent.get());  // the new name is on the disk before the old catalogue goes
+  // From here on it answers, and what lies beside it is the old one.
   db_.reset();
-  RemoveDCDb(building_);  // by now the old one
+  // The new name is on the disk before the old catalogue goes: a power loss in between must not
+  // leave the old name without its files. Some file systems have no such thing.
+  if (fsync(parent.get()) != 0 && errno != EINVAL)
+    throw systemFailure("the new catalogue at " + folder_ + " may not outlast a power loss", errno);
+  RemoveDCDb(building_);
 }
 
 void NewCatalogue::exchange() const {

@@ -34,7 +34,8 @@ class NewCatalogue {
   // Where it is made.
   const std::string& buildFolder() const { return building_; }
 
-  // Marks the scan, which began at `began`, as complete, and puts the catalogue in its place.
+  // Marks the scan, which began at `began`, as complete, and puts the catalogue in its place. When
+  // it is there and only its lasting cannot be had, the old one is kept beside it.
   void publish(std::time_t began);
 
  private:
