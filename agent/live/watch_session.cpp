@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/live/watch_session.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <ctime>
 #include <set>
@@ -200,11 +202,19 @@ void WatchSession::finish() {
     if (!volume->rows) continue;
     // A volume in doubt is as of the time it was as of before.
     isClosed = detach(*volume, inOrder && isLive(*volume) ? ended : 0) && isClosed;
-    queue_->DbShutDown(volume->mount->device);
+    listAsClosed(*volume);
   }
   queue_->DbThreadShutDown();
   keepNumbers();
   if (!isClosed) throw Failure("stopped, but not in good order; the next start makes up for it");
+}
+
+// The list is for others: that it cannot be written must not keep the next catalogue open.
+void WatchSession::listAsClosed(const Volume& volume) try {
+  queue_->DbShutDown(volume.mount->device);
+} catch (...) {
+  listeners_.note(fmt::format("{}: the catalogue is closed, but cannot be listed so: {}",
+                              volume.plan.path, describeCurrentException()));
 }
 
 void WatchSession::endPlacing() {

@@ -130,6 +130,7 @@ class WatchSession {
   void takeUp(Volume& volume);
   void finish();
   bool drain(bool inOrder);
+  void listAsClosed(const Volume& volume);
   void endPlacing();
   void finishBeforeApplying();
   void keepNumbers();

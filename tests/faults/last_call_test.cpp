@@ -13,6 +13,10 @@ struct FailingLastCall : FaultTest {
   Outcome scan() const {
     return Program::run({"scan", "-q", volume, "--state", state}, shim.preparation());
   }
+  std::string markOf(const std::string& path) const {
+    return test::DatabaseView(catalogueOf(path) + "/.db.kd")
+        .cell("SELECT GRACEFUL_SHUTDOWN FROM TIME");
+  }
 };
 
 // The last sync of a scan is that of the name under which the new catalogue stands.
@@ -34,6 +38,20 @@ TEST_F(FailingLastCall, AScanWhoseCatalogueMayNotLastKeepsTheOldOneAndSaysSo) {
   EXPECT_TRUE(fs::exists(catalogueOf(volume) + ".new/.db.kd"));
   EXPECT_EQ(scan().exitCode, 0);
   EXPECT_FALSE(fs::exists(catalogueOf(volume) + ".new"));
+}
+
+TEST_F(FailingLastCall, AListThatCannotBeWrittenKeepsNoCatalogueFromBeingClosed) {
+  const test::LoopMount otherMount("tmpfs");
+  const std::string other = otherMount.path();
+  const auto program = watch({volume, other}, shim.preparation());
+  shim.count(kWrites, state + "/GracefullClosedDbs");
+  shim.hit(Fault::kFail, ENOSPC);
+  program->signal(SIGTERM);
+  const Outcome outcome = program->finish();
+  EXPECT_EQ(outcome.exitCode, 0) << outcome;
+  EXPECT_EQ(shim->hits, 2);
+  EXPECT_EQ(markOf(volume), "1");
+  EXPECT_EQ(markOf(other), "1");
 }
 
 }  // namespace
