@@ -3,8 +3,9 @@
 //
 // The catalogue of one monitored volume: two SQLite databases in a folder of their own.
 //
-//   <folder>/.db.kd    FILES  one row for each name on the volume, TIME  one row about the
-//   catalogue <folder>/.fid.kd   FIDS   one row for each identifier that names a row of FILES
+//   <folder>/.db.kd    FILES  one row for each name on the volume
+//                      TIME   one row about the catalogue
+//   <folder>/.fid.kd   FIDS   one row for each identifier that names a row of FILES
 //
 // The word inode always means FILES.INODE, the number that SQLite gave the row; the file system's
 // own inode numbers are not stored. The two databases are joined by values alone:

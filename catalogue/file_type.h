@@ -9,8 +9,9 @@ namespace kddc {
 
 inline constexpr int kRegularFile = 0;
 inline constexpr int kFolder = 1;
-inline constexpr int kDeriveFromMode =
-    7;                           // as an argument: the mode tells. In a row: any other type
-inline constexpr int kStub = 8;  // a regular file whose data was moved away
+// As an argument: the mode tells. In a row: any other type.
+inline constexpr int kDeriveFromMode = 7;
+// A regular file whose data was moved away.
+inline constexpr int kStub = 8;
 
 }  // namespace kddc

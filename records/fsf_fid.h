@@ -5,9 +5,9 @@
 // row.
 //
 //   24 bytes      a1 b2 c3 d4 e5 f6 ...
-//   text form     "a1b2c3d4e5f6..."               48 lower-case digits, byte 0 first
-//   column form   0xf6e5d4c3b2a1, ...             4 numbers of 48 bits, 6 bytes each, lowest byte
-//   first order         3 unsigned 64-bit words in the host's byte order, word 0 first
+//   text form     "a1b2c3d4e5f6..."     48 lower-case digits, byte 0 first
+//   column form   0xf6e5d4c3b2a1, ...   4 numbers of 48 bits, 6 bytes each, lowest byte first
+//   order         3 unsigned 64-bit words in the host's byte order, word 0 first
 //
 // Also the kind of file that a mode speaks of, as catalogues store it.
 //

@@ -43,8 +43,8 @@ int runScan(const Options& options, const std::string& volume);
 int runRescan(const Options& options, const std::string& volume, bool json);
 int runList(const Options& options, const std::string& volume, Form form);
 struct ChangesOptions {
-  long long since =
-      0;  // seconds since 1970; entries whose change stamp is that or later are printed
+  // Seconds since 1970; entries whose change stamp is that or later are printed.
+  long long since = 0;
   Form form = Form::kLines;
   bool flush = true;  // where the volume is watched, first wait until the catalogue is current
 };

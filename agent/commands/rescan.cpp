@@ -26,8 +26,8 @@
 namespace kddc {
 namespace {
 
-constexpr std::chrono::hours kPatience(
-    24);  // a scan may have to end first, and the volume be large
+// A scan may have to end first, and the volume be large.
+constexpr std::chrono::hours kPatience(24);
 
 // The reader knows the sentence for what is wrong; the library has the last word.
 void requireGood(const std::string& folder, const std::string& volume) {

@@ -81,9 +81,8 @@ WatchPlan planForNamed(const Options& options, const std::vector<std::string>& v
   WatchPlan plan = basePlan(options, placeName(realVolumePath(volumes.front())));
   for (const std::string& volume : volumes) {
     const std::string path = realVolumePath(volume);
-    const bool known = std::ranges::find(plan.volumes, path, &WatchPlan::Volume::path) !=
-                       plan.volumes.end();  // named twice
-    if (!known) plan.volumes.push_back(planOf(options, path));
+    const auto named = std::ranges::find(plan.volumes, path, &WatchPlan::Volume::path);
+    if (named == plan.volumes.end()) plan.volumes.push_back(planOf(options, path));
   }
   return plan;
 }

@@ -33,6 +33,7 @@ constexpr int kAttempts = 20;
 // Stamps are stored as signed 32-bit numbers and meant as unsigned ones. Most rows are passed over,
 // and SQLite compares in less time than it computes.
 constexpr char kSince[] = " WHERE TIME NOT BETWEEN 0 AND ?1-1 AND (TIME & 4294967295) >= ?1";
+
 // What says nothing about the file.
 bool mayPass(const UDCException& e) {
   const int code = e.GetErrorNumber() & 0xff;

@@ -100,7 +100,7 @@ class LiveCatalogue : public CumulativeJournal {
   void adopt(Name& name, const fsf_fid& fid);
   // Gives a row this identifier in place of the one that it has.
   void readopt(Name& name, const fsf_fid& fid);
-  // All stat fields as the row has them but for what `change` alters, and TIME = now.
+  // TIME = now.
   void stampNow(unsigned long long inode);
   // Whether a change of that time (32 bits of seconds) was made while the catalogue was open. An
   // older one is new to it and counts as made now: whoever asked for changes in between did not

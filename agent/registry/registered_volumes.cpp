@@ -159,8 +159,8 @@ std::map<std::string, KdMntEntry> mountsByPlace() {
 
 RegistryEditor::RegistryEditor() {
   requireOwnFolder(settledPath(registryFolder() + "/DataClassification"));
-  registeredVolumes();  // of a damaged one it tells the reason, which an opening for writing does
-                        // not
+  // Of a damaged one this tells the reason, which an opening for writing does not.
+  registeredVolumes();
   db_ = onRegistry("open", [] { return openRegistry(); });
   run("CREATE TABLE IF NOT EXISTS IDENTITY(MOUNT_POINT TEXT PRIMARY KEY,UUID TEXT)");
 }

@@ -4,12 +4,12 @@
 // Tells the service manager how it goes, as long as the object lives, on a thread of its own:
 //
 //   STATUS=               when it has changed
-//   WATCHDOG=1            within half of the time that the manager waits for it, unless a thread
-//   hangs EXTEND_TIMEOUT_USEC=  while it starts or stops, unless a thread hangs: both take as long
-//   as
-//                         there is something to do; stopping at most ten minutes
+//   WATCHDOG=1            within half of the time that the manager waits for it
+//   EXTEND_TIMEOUT_USEC=  while it starts or stops, which take as long as there is something to do;
+//                         stopping at most ten minutes
 //
-// There is no thread where nobody listens.
+// While a thread hangs only the first is told, so that the manager sees it. There is no thread
+// where nobody listens.
 #pragma once
 
 #include <condition_variable>
