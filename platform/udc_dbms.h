@@ -5,7 +5,7 @@
 //
 // A read-write connection holds an advisory lock on the ".lock" file while it is open, so a
 // database has one writer, and always has one transaction open. Writes are committed in groups:
-// after "CommitEveryRows" calls that write (section "DataClassification", default 20000), when the
+// after "CommitEveryRows" changed rows (section "DataClassification", default 20000), when the
 // first of them is "CommitEveryMilliseconds" old (default 1000; looked at when a call writes), at
 // Commit and at closedb. The database is kept in write-ahead mode: readers on other connections see
 // the last commit, never block the writer and are never blocked by it.
