@@ -206,6 +206,8 @@ class WatchSession {
   std::atomic<std::uint64_t> queuedRecords_ = 0, queuedBytes_ = 0;
   bool isRunning_ = false;  // the threads are started; of the main thread
 
+  std::mutex connecting_;  // while a driver begins or ends; before mutex_
+
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<std::unique_ptr<Volume>> volumes_;

@@ -147,8 +147,10 @@ void WatchSession::examine(Volume& volume) {
   volume.remedy = Doubt::Remedy::kCompare;
 }
 
-// One driver for each file system, whatever the number of volumes on it.
+// One driver for each file system, whatever the number of volumes on it: none is made while another
+// one ends there, whose numbers it goes on with, and none ends that a volume is about to share.
 void WatchSession::connect(Volume& volume) {
+  const std::lock_guard alone(connecting_);
   const dev_t device = volume.mount->device;
   std::vector<fsf_fid> own = ownFolders(volume);
   std::shared_ptr<DriverPort> port;
@@ -299,6 +301,7 @@ void WatchSession::putBack(const Volume& volume, VolumeRows& rows) {
 }
 
 void WatchSession::disconnect(Volume& volume) {
+  const std::lock_guard alone(connecting_);
   std::shared_ptr<VolumePort> port;
   bool isShared = false;
   {
