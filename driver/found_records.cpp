@@ -31,16 +31,22 @@ FlrJrnCommandRaw recordOf(FlrJrnCmd cmd, const FoundFile& file, bool listed = fa
   return record;
 }
 
+// What MKDIR and CREATE have in common.
+template <class NewEntryRecord>
+void describe(NewEntryRecord& record, const FoundName& name, const FoundFile& file) {
+  record.par_fid = name.folder;
+  record.fid = file.fid;
+  record.short_name = name.name;
+  record.mode = file.st.st_mode;
+  record.uid = file.st.st_uid;
+  record.gid = file.st.st_gid;
+  record.atime = timeOf(file.st.st_atim);
+  record.mtime = timeOf(file.st.st_mtim);
+}
+
 FlrJrnCommandRaw mkdirRecord(const FoundName& name, const FoundFile& file, bool listed) {
   FlrJrnCommandRaw record = recordOf(FLR_JRN_MKDIR, file, listed);
-  record.u.mkdir = {.par_fid = name.folder,
-                    .fid = file.fid,
-                    .short_name = name.name,
-                    .mode = file.st.st_mode,
-                    .uid = file.st.st_uid,
-                    .gid = file.st.st_gid,
-                    .atime = timeOf(file.st.st_atim),
-                    .mtime = timeOf(file.st.st_mtim)};
+  describe(record.u.mkdir, name, file);
   return record;
 }
 
@@ -57,15 +63,8 @@ FlrJrnCommandRaw symlinkRecord(const FoundName& name, const FoundFile& file, boo
 
 FlrJrnCommandRaw createRecord(const FoundName& name, const FoundFile& file, bool listed) {
   FlrJrnCommandRaw record = recordOf(FLR_JRN_CREATE, file, listed);
-  record.u.create = {.par_fid = name.folder,
-                     .fid = file.fid,
-                     .short_name = name.name,
-                     .mode = file.st.st_mode,
-                     .uid = file.st.st_uid,
-                     .gid = file.st.st_gid,
-                     .atime = timeOf(file.st.st_atim),
-                     .mtime = timeOf(file.st.st_mtim),
-                     .rdev = file.st.st_rdev};
+  describe(record.u.create, name, file);
+  record.u.create.rdev = file.st.st_rdev;
   return record;
 }
 
