@@ -54,8 +54,7 @@ int runCheck(const Options& options, const std::string& volume) {
   const std::string folder = catalogueFolder(options, path);
   requireOwnFiles(folder);
   for (const Database& database : kDatabases) requireDatabase(folder + database.file, path);
-  if (const auto user = userOf(folder))
-    throw Failure(fmt::format("{} is in use by {}; stop it first", folder, *user));
+  refuseWhileInUse(folder);
 
   int result = kExitDone;
   for (const Database& database : kDatabases) {

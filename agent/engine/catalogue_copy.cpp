@@ -101,11 +101,8 @@ void copyDatabase(sqlite3* from, const std::string& path, const std::function<bo
 
 void OpenCopy::setTick(std::function<bool()> tick) {
   tick_ = std::move(tick);
-  const auto call = [](void* ticking) {
-    return (*static_cast<std::function<bool()>*>(ticking))() ? 0 : 1;
-  };
   for (UDC_DBMS* db : {filesDb.get(), fidDb.get()})
-    sqlite3_progress_handler(db->handle, kStepsBetweenTicks, call, &tick_);
+    kddc::setTick(db->handle, kStepsBetweenTicks, &tick_);
 }
 
 void OpenCopy::makeIndexOfNames() {

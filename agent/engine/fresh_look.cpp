@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstring>
 #include <list>
 #include <utility>
 
@@ -119,10 +118,6 @@ std::pair<std::string_view, std::string> splitPath(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   if (slash == std::string::npos) return {"", path};
   return {std::string_view(path).substr(0, slash), path.substr(slash + 1)};
-}
-
-bool isSame(const fsf_fid& a, const fsf_fid& b) {
-  return std::memcmp(a.data, b.data, sizeof a.data) == 0;
 }
 
 std::string dotForRoot(const std::string& path) {
@@ -325,7 +320,7 @@ Differences FreshLook::judge(const Seen& seen, const std::vector<Row>& rows, Dif
   const auto own = std::ranges::find_if(rows, [&](const Row& row) {
     fsf_fid named{};
     return db_.GetFidGivenFidsRowId(static_cast<unsigned long long>(row.fidRow), &named) &&
-           isSame(named, seen.fid);
+           named == seen.fid;
   });
   if (own != rows.end())
     addAttributes(own->numbers, seen.st, found);
@@ -342,7 +337,7 @@ bool FreshLook::hasAnotherName(const Seen& seen) {
     const auto other = pathOf(static_cast<std::int64_t>(inode));
     if (!other || *other == seen.path) return false;
     try {
-      return isSame(db_.identify(volume_ + "/" + *other), seen.fid);
+      return db_.identify(volume_ + "/" + *other) == seen.fid;
     } catch (const KdException&) {  // not there
       return false;
     }

@@ -50,8 +50,7 @@ ReplayCatalogue::ReplayCatalogue(std::string folder, bool coalesce) : folder_(st
           fmt::format("{} holds no catalogue that can be read and written; make one with: "
                       "kddc scan VOLUME --catalogue {}",
                       folder_, folder_));
-    if (const auto user = userOf(folder_))
-      throw Failure(fmt::format("{} is in use by {}; stop it first", folder_, *user));
+    refuseWhileInUse(folder_);
     requireGood();
     if (!db_->OpenHandle(false, false)) throw Failure(folder_ + " is in use by another process");
   });

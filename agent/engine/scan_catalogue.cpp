@@ -2,11 +2,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/engine/scan_catalogue.h"
 
-#include <sqlite3.h>
-
 #include <future>
 #include <initializer_list>
 #include <utility>
+
+#include "agent/engine/sqlite_query.h"
 
 namespace kddc {
 namespace {
@@ -36,13 +36,6 @@ void endBuildOf(UDC_DBMS& db, const std::string& index) {
   db.SetSynchronous(kNormal);
 }
 
-void watch(UDC_DBMS& db, std::function<bool()>* tick) {
-  const auto call = [](void* ticking) {
-    return (*static_cast<std::function<bool()>*>(ticking))() ? 0 : 1;
-  };
-  sqlite3_progress_handler(db.handle, tick ? kStepsBetweenTicks : 0, call, tick);
-}
-
 }  // namespace
 
 void ScanCatalogue::beginBuild() {
@@ -54,7 +47,7 @@ void ScanCatalogue::beginBuild() {
 void ScanCatalogue::endBuild() {
   FlushAllFids();
   writesWholeRows = false;
-  watch(*filesDb, nullptr);  // the tick is not for two threads
+  kddc::setTick(filesDb->handle, 0, nullptr);  // the tick is not for two threads
   auto files = std::async(std::launch::async, [&] { endBuildOf(*filesDb, filesIndex_); });
   endBuildOf(*fidDb, fidsIndex_);
   files.get();
@@ -69,7 +62,8 @@ unsigned long long ScanCatalogue::insertRow(StatFidName_s& entry, unsigned long 
 
 void ScanCatalogue::setTick(std::function<bool()> tick) {
   tick_ = std::move(tick);
-  for (UDC_DBMS* db : {filesDb.get(), fidDb.get()}) watch(*db, &tick_);
+  for (UDC_DBMS* db : {filesDb.get(), fidDb.get()})
+    kddc::setTick(db->handle, kStepsBetweenTicks, &tick_);
 }
 
 }  // namespace kddc

@@ -33,6 +33,13 @@ std::string uriOf(const std::string& path) {
 
 }  // namespace
 
+void setTick(sqlite3* database, int steps, std::function<bool()>* tick) {
+  const auto call = [](void* ticking) {
+    return (*static_cast<std::function<bool()>*>(ticking))() ? 0 : 1;
+  };
+  sqlite3_progress_handler(database, tick ? steps : 0, call, tick);
+}
+
 ReadConnection::ReadConnection(const std::string& path, Medium medium) {
   const std::string file = withResolvedFolder(path);
   struct stat status {};

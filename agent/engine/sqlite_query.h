@@ -14,11 +14,16 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 
 namespace kddc {
+
+// Has SQLite call `tick`, unless it is null, after each so many steps of its work; false ends the
+// work with SQLite's code 9 (interrupted). What it points to must outlive the connection's work.
+void setTick(sqlite3* database, int steps, std::function<bool()>* tick);
 
 class ReadConnection {
  public:

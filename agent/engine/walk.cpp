@@ -13,7 +13,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <limits>
 #include <memory>
 #include <utility>
@@ -23,6 +22,7 @@
 #include "agent/errors.h"
 #include "platform/identity.h"
 #include "platform/stub_probe.h"
+#include "records/fsf_fid.h"
 
 namespace kddc {
 namespace {
@@ -91,10 +91,6 @@ struct Found {
   Identity identity;
   bool isStub = false;
 };
-
-bool same(const fsf_fid& a, const fsf_fid& b) {
-  return std::memcmp(a.data, b.data, sizeof a.data) == 0;
-}
 
 class TreeWalk {
  public:
@@ -308,7 +304,7 @@ UniqueFd TreeWalk::openPending(Frame& frame, const PendingFolders::Folder& folde
 
 bool TreeWalk::isFolder(int fd, const fsf_fid& fid) const {
   Identity identity;
-  return identityOf(fd, identity) == 0 && identity.st.st_dev == device_ && same(identity.fid, fid);
+  return identityOf(fd, identity) == 0 && identity.st.st_dev == device_ && identity.fid == fid;
 }
 
 // openat; when the process has no descriptor left, one of ours is given up for it.
