@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <sys/fanotify.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -24,7 +23,6 @@
 #include <vector>
 
 #include "platform/detached_folder.h"
-#include "platform/exceptions.h"
 #include "platform/failure.h"
 #include "platform/file_handle.h"
 #include "platform/mount_info.h"
@@ -47,18 +45,6 @@ constexpr std::uint64_t kChanges = FAN_CREATE | FAN_DELETE | FAN_RENAME | FAN_AT
   refuse(path, why + "; kddc scan and kddc rescan work there");
 }
 
-// Only for a message, so it never fails.
-std::string fsTypeAt(const std::string& path) {
-  struct statx status {};
-  if (statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &status) != 0) return "of unknown type";
-  try {
-    for (const MountInfo& mount : readMountInfo())
-      if (static_cast<unsigned long long>(mount.id) == status.stx_mnt_id) return mount.fsType;
-  } catch (const KdException&) {
-  }
-  return "of unknown type";
-}
-
 // Not even for a moment may the volume be kept from being unmounted.
 DetachedFolder openRoot(const std::string& path) {
   try {
@@ -72,17 +58,17 @@ void requireHandles(const std::string& path, int root) {
   fsf_fid fid{};
   const int named = identify(root, fid);
   if (named == -EOVERFLOW)
-    refuseForGood(path, "the file handles of its file system (" + fsTypeAt(path) +
+    refuseForGood(path, "the file handles of its file system (" + fsTypeForPeople(path) +
                             ") are longer than 20 bytes");
   if (named == -EOPNOTSUPP)
-    refuseForGood(path, "its file system (" + fsTypeAt(path) + ") gives no file handles");
+    refuseForGood(path, "its file system (" + fsTypeForPeople(path) + ") gives no file handles");
   if (named < 0) refuse(path, errnoText(-named));
   const UniqueFd again(openByFid(root, fid, O_PATH));
   if (again) return;
   if (again.get() == -EPERM)
     refuse(path, "that needs the capability CAP_DAC_READ_SEARCH; run it as root");
-  refuseForGood(path,
-                "the file handles of its file system (" + fsTypeAt(path) + ") cannot be opened");
+  refuseForGood(
+      path, "the file handles of its file system (" + fsTypeForPeople(path) + ") cannot be opened");
 }
 
 void requireFsid(const std::string& path, int root) {
@@ -90,7 +76,8 @@ void requireFsid(const std::string& path, int root) {
   if (fstatfs(root, &fs) != 0) refuse(path, errnoText(errno));
   const fsid_t none{};
   if (std::memcmp(&fs.f_fsid, &none, sizeof none) == 0)
-    refuseForGood(path, "its file system (" + fsTypeAt(path) + ") has no number to tell it by");
+    refuseForGood(path,
+                  "its file system (" + fsTypeForPeople(path) + ") has no number to tell it by");
 }
 
 std::string whyNoGroup(int error) {
@@ -176,7 +163,7 @@ FanotifyGroup::FanotifyGroup(const std::string& path, EventQueue queue, UniqueFd
   if (!fd_) refuse(path, whyNoGroup(errno));
   if (markChanges(fd_.get(), root.fd())) return;
   const int error = errno;
-  refuse(path, whyNoMark(error, fsTypeAt(path)));
+  refuse(path, whyNoMark(error, fsTypeForPeople(path)));
 }
 
 // Whether its one mark is on that file system is found out by marking it again, which changes

@@ -6,7 +6,6 @@
 #include "platform/flr_driver.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,26 +18,13 @@
 
 namespace {
 
-// Only for a message, so it never fails.
-std::string fsTypeOf(const std::string& path, bool followLinks) {
-  struct statx status {};
-  const int flags = AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC | (followLinks ? 0 : AT_SYMLINK_NOFOLLOW);
-  if (::statx(AT_FDCWD, path.c_str(), flags, STATX_MNT_ID, &status) != 0) return "of unknown type";
-  try {
-    for (const kddc::MountInfo& mount : kddc::readMountInfo())
-      if (static_cast<unsigned long long>(mount.id) == status.stx_mnt_id) return mount.fsType;
-  } catch (const KdException&) {
-  }
-  return "of unknown type";
-}
-
 [[noreturn]] void fail(const std::string& path, bool followLinks, int error) {
   std::string message = "cannot identify " + path + ": ";
   if (error == EOPNOTSUPP)
-    message += "its file system (" + fsTypeOf(path, followLinks) +
+    message += "its file system (" + kddc::fsTypeForPeople(path, followLinks) +
                ") gives no file handles; kddc cannot identify files there";
   else if (error == EOVERFLOW)
-    message += "its file system (" + fsTypeOf(path, followLinks) +
+    message += "its file system (" + kddc::fsTypeForPeople(path, followLinks) +
                ") gives file handles of more than 20 bytes; kddc cannot identify files there";
   else
     message += kddc::errnoText(error);

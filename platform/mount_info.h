@@ -31,6 +31,10 @@ std::vector<MountInfo> readMountInfo(const std::string& file = kMountInfo);
 // mount of the table holds it. Asks the table alone, so no server that is dead can hold it up.
 const MountInfo* mountOf(const std::vector<MountInfo>& mounts, const std::string& path);
 
+// The type of the file system that `path` lies on, for a message: "of unknown type" when it cannot
+// be told. Never fails.
+std::string fsTypeForPeople(const std::string& path, bool followLinks = true);
+
 // Whether `path` is `folder`, or lies below it.
 bool isAtOrBelow(const std::string& path, const std::string& folder);
 

@@ -5,7 +5,9 @@
 // kernel's numbered one, which the rest of this layer asks.
 #include "platform/mount_table.h"
 
+#include <fcntl.h>
 #include <libmount/libmount.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <memory>
@@ -116,6 +118,18 @@ std::vector<MountInfo> readMountInfo(const std::string& file) {
                       textOrEmpty(mnt_fs_get_fstype(fs)), isLocal(fs), mayHang(fs)});
   });
   return mounts;
+}
+
+std::string fsTypeForPeople(const std::string& path, bool followLinks) {
+  struct statx status {};
+  const int flags = AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC | (followLinks ? 0 : AT_SYMLINK_NOFOLLOW);
+  if (::statx(AT_FDCWD, path.c_str(), flags, STATX_MNT_ID, &status) != 0) return "of unknown type";
+  try {
+    for (const MountInfo& mount : readMountInfo())
+      if (static_cast<unsigned long long>(mount.id) == status.stx_mnt_id) return mount.fsType;
+  } catch (const KdException&) {
+  }
+  return "of unknown type";
 }
 
 bool isAtOrBelow(const std::string& path, const std::string& folder) {
