@@ -62,7 +62,7 @@ bool emptyFolder(const char* tag, const OpenFolder& folder, const std::string& p
     if (kind == Kind::kFolder) {
       empty &= removeSubFolder(tag, folder, name, full);
     } else if (isSwapName(name) || isStateName(name)) {
-      folder.removeFile(name);
+      folder.removeFile(name);  // what stays keeps the folder in place, which is told then
     } else {
       dbg.Error(tag, "Encountered file [%s] not in swap format", full.c_str());
       empty = false;

@@ -177,7 +177,7 @@ bool DCSqliteDB::OpenHandle(bool readOnly, bool openFlag) {
       return false;
     }
     // The mark reaches the disk before any row changes, so that whatever cuts us off from here on
-    // is seen at the next start.
+    // is seen at the next start. It stands in one of the two databases for both.
     if (!readOnly) {
       execute(kTag, files, "UPDATE TIME SET GRACEFUL_SHUTDOWN=0");
       files->MakeDurable();
@@ -208,6 +208,7 @@ void DCSqliteDB::CloseHandle(unsigned long refTime, bool keepUngraceful) {
       if (filesDb->HasLostWork() || fidDb->HasLostWork())
         throw UDCException(kTag, 1,
                            "SQLite gave up a group of changes; the catalogue is incomplete", 0);
+      // So that the commit of the mark, which the close makes, reaches the disk by itself.
       filesDb->SetSynchronous(kFull);
       execute(kTag, filesDb, "UPDATE TIME SET GRACEFUL_SHUTDOWN=1");
     }
@@ -263,7 +264,8 @@ bool DCSqliteDB::DBVersionCheck() {
       false);
 }
 
-// Looks only: neither this open nor this close moves the mark of a graceful shutdown.
+// Looks only: neither this open nor this close moves the mark of a graceful shutdown. One that is
+// refused is closed by its destructor, which has nothing to lose.
 bool DCSqliteDB::IsDbGood(std::string dbFolder, std::string volume, FlrDriver* driver,
                           bool& dbInsideVolume, fsf_fid& dbFid, fsf_fid& fidFid) {
   constexpr char kTag[] = "DCSqliteDB :: IsDbGood";

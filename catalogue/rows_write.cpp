@@ -190,6 +190,8 @@ int DCSqliteDB::InsertFile(StatFidName_s* entry, unsigned long long parentInode,
     time_t changed = std::max(st.st_mtime, st.st_ctime);
     if (changed < openTime) changed = time(nullptr);  // new to us, so it counts as changed now
     const std::string name = mbeToUtf(entry->name.c_str());
+    // The foretold number first: of several binds that fail it is the one that callers have been
+    // told.
     int result = run(statements_->insertFile, filesDb, kInsertFile)
                      .bindAt(14, fidRowId != 0 ? fidRowId : kPlaceholder)
                      .bind(parentInode, int32(st.st_mode), int32(st.st_nlink), int32(st.st_uid),

@@ -26,6 +26,7 @@ constexpr Setting kSettings[] = {
     {SQLITE_DBCONFIG_DQS_DML, 0},
     {SQLITE_DBCONFIG_DQS_DDL, 0},
 };
+// Far above what values and texts of ours need: what is larger was planted, to cost memory or time.
 constexpr Setting kLimits[] = {
     {SQLITE_LIMIT_LENGTH, 16 * 1024 * 1024},
     {SQLITE_LIMIT_ATTACHED, 1},  // VACUUM needs it

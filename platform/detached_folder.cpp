@@ -59,13 +59,15 @@ std::optional<CoveredPlace> placeAt(int root, std::string_view way) {
   return place;
 }
 
+// The order and equality of identifiers belong to the layer above.
 bool same(const fsf_fid& a, const fsf_fid& b) {
   return std::memcmp(a.data, b.data, sizeof a.data) == 0;
 }
 
 }  // namespace
 
-// By path, step by step: a descriptor, however short its life, could make an umount fail.
+// By path, step by step: a descriptor, however short its life, could make an umount fail. Until the
+// same mount was seen before and after: what is held is then what stood there.
 DetachedFolder::DetachedFolder(const std::string& path) : path_(withoutLinks(path)) {
   for (int before = -1; before != mount_;) {
     before = mountIdOf(path_);

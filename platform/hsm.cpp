@@ -138,7 +138,8 @@ bool RQHSMServiceHelper::IsFSFDriverLoaded() {
                                                  FAN_UNLIMITED_QUEUE | FAN_REPORT_DFID_NAME_TARGET,
                                              O_RDONLY));
   if (!group) return false;
-  // The mark goes with the group. Rights are checked first, so another refusal is about "/" alone.
+  // For the newest kind of event that a follower needs. The mark goes with the group. Rights are
+  // checked first, so another refusal is about "/" alone.
   const int marked = ::fanotify_mark(group.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM,
                                      FAN_RENAME | FAN_ONDIR, AT_FDCWD, "/");
   if (marked != 0 && errno != EXDEV && errno != ENODEV && errno != EOPNOTSUPP) return false;

@@ -13,6 +13,7 @@
 namespace kddc {
 namespace {
 
+// The kernel waits for a lock, but not for a time that is limited.
 constexpr int kRetryMilliseconds = 10;
 
 // An open-file lock: it belongs to the descriptor, so another one of the same process is kept out

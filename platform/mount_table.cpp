@@ -138,7 +138,8 @@ bool isAtOrBelow(const std::string& path, const std::string& folder) {
 }
 
 // The way the kernel goes: from mount to mount, over the first mount point on the way. The longest
-// mount point may lie hidden below another mount.
+// mount point may lie hidden below another mount. Of several at one place the last covers the
+// others.
 const MountInfo* mountOf(const std::vector<MountInfo>& mounts, const std::string& path) {
   std::set<int> known;
   for (const MountInfo& mount : mounts) known.insert(mount.id);

@@ -42,6 +42,7 @@ bool StubProbe::mayCarry(int folder, const char* name) {
   XattrArguments arguments;
   const long result = syscall(kGetxattrat, folder, name, AT_SYMLINK_NOFOLLOW, attribute_.c_str(),
                               &arguments, sizeof arguments);
+  // A filter of system calls says EPERM of a number that it does not know.
   if (result < 0 && (errno == ENOSYS || errno == EPERM)) canAskByName_ = false;
   return result >= 0 || (errno != ENODATA && errno != EOPNOTSUPP);
 }

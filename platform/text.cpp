@@ -66,6 +66,8 @@ class Converter {
 
 std::string mbeToUtf(const char* name) {
   const std::string_view codeset = ::nl_langinfo(CODESET);
+  // The second is ASCII, the encoding of who has set no locale: the name may be in any other, and
+  // most likely is UTF-8.
   if (codeset == "UTF-8" || codeset == "ANSI_X3.4-1968") return name;
   // Opening a conversion costs far more than using it; the locale hardly ever changes.
   thread_local std::optional<Converter> converter;

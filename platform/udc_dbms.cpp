@@ -145,7 +145,8 @@ bool UDC_DBMS::closedb(bool discard) {
   return true;
 }
 
-// Leaves SQLite to roll back whatever is open.
+// Leaves SQLite to roll back whatever is open. By the close that does not mind statements of the
+// owner's: the database goes with the last of them.
 void UDC_DBMS::releaseConnection() {
   rowCount = columnCount = 0;
   table = {};
@@ -242,6 +243,7 @@ bool UDC_DBMS::HasLostWork() {
   return lostWork_;
 }
 
+// The database first: without its log it would look whole, and be as of an earlier time.
 void UDC_DBMS::RemoveFiles(const std::string& path) {
   for (const char* suffix : {"", ".lock", "-wal", "-shm", "-journal"})
     unlink((path + suffix).c_str());

@@ -36,6 +36,7 @@ bool canBeWritten(volatile void* piece) {
   return madvise(from, offset + kPiece, MADV_POPULATE_WRITE) == 0 || errno != EFAULT;
 }
 
+// None is made for the question: behind the last one there is none.
 bool canAllBeWritten(sqlite3_file* file) {
   for (int index = 0;; ++index) {
     void volatile* piece = nullptr;
@@ -46,6 +47,7 @@ bool canAllBeWritten(sqlite3_file* file) {
 
 int mapGuarded(sqlite3_file* file, int index, int size, int extend, void volatile** piece) {
   const int result = realOf(file).xShmMap(file, index, size, extend, piece);
+  // SQLite writes a byte of each page that is new, and takes any failure of that for a broken disk.
   if (result == SQLITE_IOERR_SHMSIZE && errno == ENOSPC) return SQLITE_FULL;
   if (result != SQLITE_OK || !*piece || canBeWritten(*piece)) return result;
   *piece = nullptr;

@@ -108,6 +108,8 @@ int UDC_MUTEX::Broadcast(pthread_cond_t* condition) {
 int InitializeSyncPrim(SyncPrim** out) {
   constexpr char kTag[] = "InitializeSyncPrim";
   return logged(kTag, [&] {
+    // By malloc, and handed out before it is whole: a caller gives what a failure leaves to
+    // free(3).
     *out = static_cast<SyncPrim*>(std::malloc(sizeof(SyncPrim)));
     if (const int error = errno; !*out)
       throw UDCException(kTag, kSystemCall, error, kddc::errnoText(error),

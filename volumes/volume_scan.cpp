@@ -184,7 +184,8 @@ void VolumeScan::keepOrReplace(const KdMntEntry& entry, char driverSupport) {
                                dbFolder_, isLocal(entry.mountPoint)}));
 }
 
-// The row id that SQLite will give the next row; of an empty table the greatest one is NULL.
+// The row id that SQLite will give the next row; of an empty table the greatest one is NULL. Added
+// to without a sign: the greatest number of all, which anybody may have written, has no next one.
 int VolumeScan::nextNumber() {
   const int greatest = std::atoi(ask("SELECT MAX(ROWID) FROM VOLUME").front().c_str());
   return static_cast<int>(static_cast<unsigned int>(greatest) + 1);
