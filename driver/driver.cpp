@@ -20,11 +20,16 @@
 namespace kddc {
 namespace {
 
+// Some thousand events: what a batch speaks of several times is looked at once.
 constexpr std::size_t kReadBytes = 256 * 1024;
 constexpr std::size_t kRoomForAnEvent = 4096;  // with less than this left, a read was full
-constexpr int kShortNap = 2, kLongNap = 100;   // milliseconds
+// Naps grow in a burst, which a batch of many events tells of. Longer ones make it dear for the
+// kernel to merge: it looks for an equal event among all that wait.
+constexpr int kShortNap = 2, kLongNap = 100;  // milliseconds
 constexpr std::size_t kManyEvents = 100;
 constexpr std::chrono::milliseconds kIdle(100);
+// What is asked is served in slices of some milliseconds, so that events need not wait for a long
+// list, nor others for a long queue of questions.
 constexpr std::uint64_t kRequestsAtOnce = 256;
 constexpr std::size_t kNamesAtOnce = 256;
 // A short nap apart: who made the change may have to wait for a processor.
@@ -207,6 +212,7 @@ void Driver::readQueued() {
   readFor_ = asked;
 }
 
+// Comes to an end only when nothing is queued any more.
 void Driver::readAll() {
   while (group_.queued() > 0) readBatch();
 }
@@ -314,6 +320,7 @@ void Driver::resolveAgain() {
   if (resolved > 0) publish();
 }
 
+// Questions count as served in their order: one that is unresolved holds back those behind it.
 void Driver::publish() {
   const std::uint64_t number = unresolved_.empty() ? served_ : unresolved_.front().number - 1;
   const KdMonitor::Guard guard(monitor_);

@@ -33,6 +33,7 @@ enum class Handle { kThere, kNone, kBad };
 
 // A handle of no bytes stands for no file: an error of the whole file system has one.
 Handle takeHandle(Bytes& bytes, fsf_fid& fid) {
+  // The number of the file system is passed over: a group follows one.
   if (bytes.size() < sizeof(fanotify_event_info_fid)) return Handle::kBad;
   bytes = bytes.subspan(sizeof(fanotify_event_info_fid));
   const auto length = take<unsigned int>(bytes);

@@ -63,7 +63,7 @@ void requireHandles(const std::string& path, int root) {
   if (named == -EOPNOTSUPP)
     refuseForGood(path, "its file system (" + fsTypeForPeople(path) + ") gives no file handles");
   if (named < 0) refuse(path, errnoText(-named));
-  const UniqueFd again(openByFid(root, fid, O_PATH));
+  const UniqueFd again(openByFid(root, fid, O_PATH));  // keeps the errno in place of a descriptor
   if (again) return;
   if (again.get() == -EPERM)
     refuse(path, "that needs the capability CAP_DAC_READ_SEARCH; run it as root");
@@ -71,6 +71,8 @@ void requireHandles(const std::string& path, int root) {
       path, "the file handles of its file system (" + fsTypeForPeople(path) + ") cannot be opened");
 }
 
+// Events tell their file system by this number. One that has none is refused a mark, with an errno
+// that may mean many things.
 void requireFsid(const std::string& path, int root) {
   struct statfs fs {};
   if (fstatfs(root, &fs) != 0) refuse(path, errnoText(errno));

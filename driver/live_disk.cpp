@@ -28,7 +28,9 @@ namespace {
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kEntryFlags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kWayFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-constexpr int kTries = 100;
+constexpr int kTries = 100;  // the second has always been enough
+// From so many names that are not there on a list of the folder costs less; one of a larger folder
+// would cost more than it spares.
 constexpr int kWorthListing = 4;
 constexpr std::size_t kMostListed = 4096;
 constexpr std::size_t kListBytes = 8192;  // some hundred names: a slice of a long listing
@@ -196,7 +198,8 @@ Look LiveDisk::lookUp(const fsf_fid& folder, const std::string& name) {
 
 // To find that a name is not there locks the folder, and whoever makes changes in it waits. In a
 // burst of renames that is every other name; then one listing tells of them all. What changes
-// after it raises an event that is still to be read.
+// after it raises an event that is still to be read. The copy shares the place where reading goes
+// on, which is the beginning: a folder is listed once.
 void LiveDisk::noteAbsent() {
   if (++folder_.absent != kWorthListing) return;
   OpenListing listing(UniqueFd(dup(folder_.fd.get())), EMFILE);
@@ -281,6 +284,7 @@ Whereabouts LiveDisk::whereabouts(const fsf_fid& fid, const fsf_fid* root) {
   if (hold() != 0) return Whereabouts::kUnknown;
   bool isUnknown = false;
   for (const Root& one : roots_) {
+    // What is gone for one is gone for all: by its identifier a file opens through any of them.
     const Whereabouts where = whereaboutsIn(one, fid, root ? *root : one.fid);
     if (where == Whereabouts::kGone || where == Whereabouts::kInside) return where;
     isUnknown = isUnknown || where == Whereabouts::kUnknown;
@@ -342,7 +346,8 @@ UniqueFd LiveDisk::folderOf(int file, const Root& mount) {
   return UniqueFd(openat(mount.folder->fd(), ("./" + path).c_str(), kWayFlags));
 }
 
-// Upwards by "..": a path would end at 4096 bytes, and may speak of another mount.
+// Upwards by "..": a path would end at 4096 bytes, and may speak of another mount. Above the top of
+// all is that folder itself.
 Whereabouts LiveDisk::climb(UniqueFd folder, const fsf_fid& root) const {
   fsf_fid below{};
   for (;;) {

@@ -92,6 +92,7 @@ void Translator::translate(std::span<const Event> batch) {
   std::vector<const Event*> events;
   for (const Event& event : batch)
     if (concernsUs(event)) events.push_back(&event);
+  // Before anything is said: names come first, and with each of them whether its file is a stub.
   for (const Event* event : events)
     if ((event->mask & FAN_ATTRIB) != 0 && event->hasObject)
       said_->attributesChanged.insert(event->object);
