@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::size_t kMaxLabel = 64;
 
-// FNV-1a with 64 bits.
+// FNV-1a with 64 bits; the standard library's hash may be another one in its next release.
 std::uint64_t hashOf(const std::string& text) {
   std::uint64_t hash = 0xcbf29ce484222325;
   for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;

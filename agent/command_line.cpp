@@ -212,6 +212,8 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
   KDPlatformInfo::setDefault("DataClassification", "SqlitePageSize", "4096");
   // And fewer entries held back: the walk goes on while they are written, and they are small.
   KDPlatformInfo::setDefault("DataClassification", "SortedInsertMapSize", "2000");
+  // While it can still be told that the words make no sense; from here on it is the work that
+  // fails.
   const long long since = changes->parsed() ? readWhen(words.since) : 0;
   startLogging(words.options.verbosity);
   if (scan->parsed()) return runScan(words.options, words.volume);
@@ -233,9 +235,10 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
 int runCommandLine(int argc, char** argv) {
   CLI::App app("Answers what changed on a volume from a catalogue instead of a tree walk.", "kddc");
   app.set_version_flag("--version", "kddc " KDDC_VERSION);
+  // None may be there, and any word, so that a misspelt command is refused by its name.
   app.require_subcommand(0, 1);
-  app.allow_extras();  // so that a misspelt command is refused by its name
-  app.fallthrough();
+  app.allow_extras();
+  app.fallthrough();  // to the global options, behind the command too
   try {
     return parseAndRun(app, argc, argv);
   } catch (const CLI::Success& e) {  // --help, --version

@@ -21,7 +21,7 @@ std::atomic<bool> isOver{false};
 
 void note(int) {
   const int error = errno;
-  came.store(true, std::memory_order_relaxed);
+  came.store(true, std::memory_order_relaxed);  // nothing is read on the strength of it
   if (isWaiting) sem_post(&posted);
   errno = error;
 }
@@ -53,6 +53,8 @@ InterruptThread::InterruptThread(std::function<void()> onInterrupt) {
   });
 }
 
+// A handler that has seen isWaiting may still post: the semaphore is nobody's memory but ours, so
+// that does no harm.
 InterruptThread::~InterruptThread() {
   isWaiting = false;
   isOver = true;

@@ -67,7 +67,8 @@ std::deque<std::string> partsOf(const fs::path& path) {
   return parts;
 }
 
-// Goes from the root to a folder.
+// Goes from the root to a folder. By O_PATH: a folder on the way may be one that we may pass, but
+// not read.
 class Way {
  public:
   Way() : fd_(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC)) { look(); }

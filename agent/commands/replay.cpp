@@ -105,6 +105,8 @@ void note(const Options& options, const Replay& replay) {
 }  // namespace
 
 int runReplay(const Options& options, const ReplayOptions& replayOptions) {
+  // The file first: a catalogue need not be opened for one that is not there. No volume is asked
+  // for, since --catalogue is.
   RecordFile file(replayOptions.file, replayOptions.format);
   ReplayCatalogue catalogue(catalogueFolder(options, ""), replayOptions.coalesce);
   Replay replay(file, catalogue.rows(), replayOptions.devt);

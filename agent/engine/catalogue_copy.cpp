@@ -24,6 +24,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char kTag[] = "CatalogueCopy";
+// Some milliseconds each.
 constexpr int kPagesBetweenTicks = 2000;
 constexpr int kStepsBetweenTicks = 1000;
 constexpr int kOff = 0;  // SQLite's synchronous level: a crash takes the copy with it anyway
@@ -57,6 +58,7 @@ Database newDatabase(const std::string& path) {
   const int result = openDatabase(withResolvedFolder(path), kFlags, &handle);
   Database database(handle);
   if (result != SQLITE_OK) fail(handle, result);
+  // For the sake of speed alone, so it does not matter whether it was done.
   sqlite3_exec(handle, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF", nullptr, nullptr,
                nullptr);
   return database;

@@ -27,7 +27,8 @@
 namespace kddc {
 namespace {
 
-// How often a reader begins anew because the catalogue is replaced under its hands.
+// How often a reader begins anew because the catalogue is replaced under its hands: a scan does so
+// once, and then takes its time.
 constexpr int kAttempts = 20;
 
 // Stamps are stored as signed 32-bit numbers and meant as unsigned ones. Most rows are passed over,

@@ -13,6 +13,7 @@
 namespace kddc {
 namespace {
 
+// A reader waits for nobody but whoever is about to make, mend or put away the log.
 constexpr int kBusyMilliseconds = 5000;
 
 // A catalogue is read through once, from front to back: mapped, no page is copied.

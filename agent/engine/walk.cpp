@@ -176,7 +176,7 @@ WalkCounts TreeWalk::run(UniqueFd root) {
 void TreeWalk::enter(UniqueFd fd, PendingFolders::Folder folder) {
   stack_.push_back({std::move(fd), std::move(folder.name), folder.fid, folder.number, {}});
   ++open_;
-  last_.reset();
+  last_.reset();  // from where a way up began; now it goes down
   while (open_ > maxOpen_ && giveUpOne()) {
   }
   readFolder(stack_.back());

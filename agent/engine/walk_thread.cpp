@@ -7,6 +7,8 @@
 namespace kddc {
 namespace {
 
+// So few that they are in the processor's cache still when they are inserted, and so many that to
+// hand them over costs nothing beside.
 constexpr std::size_t kBatchEntries = 250;
 
 // Leaves the walk when nobody wants its entries any more.

@@ -12,6 +12,7 @@
 namespace kddc {
 namespace {
 
+// What is beyond takes one more round.
 constexpr std::size_t kMostAskedBelow = 10'000;
 
 const Name* bearing(const std::vector<Name>& names, unsigned long long folder,

@@ -188,6 +188,8 @@ void WatchSession::stop() {
 // The marks go first; then whatever was queued by then is said and applied.
 void WatchSession::finish() {
   endPlacing();
+  // Before the marks go: what changes in between is told again, and not missed, by whoever asks for
+  // changes since then.
   const std::time_t ended = std::time(nullptr);
   const bool inOrder = drain(stops_ == 1);
   for (const auto& [device, port] : ports_) port->end();
@@ -204,6 +206,7 @@ void WatchSession::finish() {
     isClosed = detach(*volume, inOrder && isLive(*volume) ? ended : 0) && isClosed;
     listAsClosed(*volume);
   }
+  // The second of the two, which saves the queue: nobody reads it any more.
   queue_->DbThreadShutDown();
   keepNumbers();
   if (!isClosed) throw Failure("stopped, but not in good order; the next start makes up for it");
@@ -227,6 +230,7 @@ void WatchSession::endPlacing() {
 bool WatchSession::drain(bool inOrder) {
   const auto end = Pacer::Clock::now() + kDrain;
   const auto tooLate = [&] { return Pacer::Clock::now() > end; };
+  // All at once, before the first is waited for: volumes end as of one time.
   for (const auto& [device, port] : ports_) port->driver().endCapture([](std::uint64_t) {});
   for (const Volume* volume : allVolumes())
     if (volume->port) inOrder = inOrder && catchUp(*volume, tooLate);

@@ -38,6 +38,7 @@ std::string uuidOf(const KdMntEntry& mount, dev_t device) {
   blkid_probe_enable_superblocks(probe.get(), 1);
   blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_UUID | BLKID_SUBLKS_TYPE);
   struct stat root {};
+  // Fails also where several file systems have left their marks: then nobody can say which it is.
   if (blkid_do_safeprobe(probe.get()) != 0 || stat(mount.mountPoint.c_str(), &root) != 0) return "";
   const bool isMounted = root.st_dev == device || valueOf(probe, "TYPE") == mount.fsType;
   return isMounted ? valueOf(probe, "UUID") : "";

@@ -16,6 +16,7 @@ Heartbeat::Pulse::~Pulse() {
   heart_.pulses_.remove(this);
 }
 
+// Relaxed loads, and stores: a time is compared with the present one, and with nothing else.
 bool Heartbeat::isWell(Clock::time_point now) const {
   const Clock::rep earliest = (now - longest_).time_since_epoch().count();
   const std::lock_guard lock(mutex_);
