@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "agent/catalogue_place.h"
+#include "agent/errors.h"
 #include "agent/live/watch_session.h"
 #include "tests/support/loop_mount.h"
 #include "tests/support/temp_folder.h"
@@ -27,9 +28,10 @@ namespace fs = std::filesystem;
 struct WatchSessionTest : testing::Test {
   void SetUp() override {
     alarm(120);
-    if (const std::string why = LoopMount::whyNot("tmpfs"); !why.empty()) GTEST_SKIP() << why;
-    mount.emplace("tmpfs");
+    if (const std::string why = LoopMount::whyNot("ext4"); !why.empty()) GTEST_SKIP() << why;
+    mount.emplace("ext4");
     volume = realVolumePath(mount->path());
+    std::filesystem::remove(volume + "/lost+found");
   }
   void TearDown() override {
     if (session) session->stop();
@@ -88,6 +90,42 @@ TEST_F(WatchSessionTest, ARescanCountsWhatItDidAlsoWhenTheCatalogueIsOpenedAnewM
   EXPECT_EQ(counts->settled.added, 0U);
   EXPECT_EQ(counts->settled.removed, 0U);
   EXPECT_EQ(counts->compared.walk.entries, 4U);
+}
+
+// What all the threads of a session, and those that ask it, do at the same time.
+TEST_F(WatchSessionTest, AnswersWhileItsVolumeComesAndGoes) {
+  begin([] {});
+  std::atomic<bool> isOver = false;
+  const auto over = [&] { return isOver.load(); };
+  std::atomic<int> failures = 0;
+  const auto keepAsking = [&](const std::function<void()>& question) {
+    return std::thread([&, question] {
+      while (!isOver) {
+        try {
+          question();
+        } catch (const Failure&) {  // it is not there at the moment
+          ++failures;
+        }
+        poll(nullptr, 0, 1);  // paces the questions
+      }
+    });
+  };
+  std::thread asking[] = {keepAsking([&] { session->flush(volume, over); }),
+                          keepAsking([&] { session->rescan(volume, over); }),
+                          keepAsking([&] { session->status(volume), session->states(); })};
+  for (int round = 0; round < 3; ++round) {
+    const std::string name = volume + "/" + std::to_string(round);
+    EXPECT_EQ(std::system(("touch " + name).c_str()), 0);
+    while (::umount(volume.c_str()) != 0) poll(nullptr, 0, 1);  // once nobody looks at it
+    const int before = failures;
+    waitUntil([&] { return failures > before; });
+    mount->mount();
+    waitUntil([&] { return session->status(volume).state == VolumeStatus::State::kLive; });
+  }
+  isOver = true;
+  for (std::thread& thread : asking) thread.join();
+  ASSERT_TRUE(session->flush(volume, never));
+  EXPECT_EQ(session->status(volume).rows, 4U);
 }
 
 }  // namespace
