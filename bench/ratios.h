@@ -11,8 +11,10 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "bench/results.h"
@@ -31,6 +33,10 @@ struct Measured {
 class ShortestTimes : public benchmark::ConsoleReporter {
  public:
   ShortestTimes() : ConsoleReporter(OO_Tabular) {}
+  // Of the machine, once, whatever the number of groups.
+  bool ReportContext(const Context& context) override {
+    return std::exchange(isBegun_, true) || ConsoleReporter::ReportContext(context);
+  }
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
       failed_ = failed_ || run.error_occurred;
@@ -58,7 +64,7 @@ class ShortestTimes : public benchmark::ConsoleReporter {
 
  private:
   std::map<std::string, double> seconds_;
-  bool failed_ = false;
+  bool isBegun_ = false, failed_ = false;
 };
 
 inline void reportMeasured(const Measured& measured, const ShortestTimes& times) {
@@ -73,9 +79,41 @@ inline bool isSmoke(int argc, char** argv) {
   return std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--smoke"; });
 }
 
-// Answers the exit status. The benchmarks are run in turns, so many times, so that what else the
-// machine does meets all alike; with --smoke the small sizes alone, once and for a moment. `more`
-// reports what is not the time of one benchmark.
+// What is compared with each other, directly or through others.
+inline std::vector<std::set<std::string>> groupsOf(const std::vector<Measured>& figures) {
+  std::vector<std::set<std::string>> groups;
+  for (const Measured& figure : figures) {
+    if (figure.floor.empty()) continue;
+    std::set<std::string> group = {figure.ours, figure.floor};
+    const auto shares = [&](const std::set<std::string>& other) {
+      return other.contains(figure.ours) || other.contains(figure.floor);
+    };
+    for (auto& other : groups)
+      if (shares(other)) group.merge(other);
+    std::erase_if(groups, shares);
+    groups.push_back(std::move(group));
+  }
+  return groups;
+}
+
+// Group after group: the moods of a shared machine last for minutes, and would meet one of two that
+// are compared and not the other if all took turns.
+inline void runGroups(const std::vector<Measured>& figures, ShortestTimes& times) {
+  std::string grouped;
+  for (const auto& group : groupsOf(figures)) {
+    std::string names;
+    for (const std::string& name : group) names += (names.empty() ? "" : "|") + name;
+    benchmark::RunSpecifiedBenchmarks(&times, "^(" + names + ")(/|$)");
+    grouped += (grouped.empty() ? "" : "|") + names;
+  }
+  const auto isAlone = [](const Measured& figure) { return figure.floor.empty(); };
+  if (std::ranges::any_of(figures, isAlone))
+    benchmark::RunSpecifiedBenchmarks(&times, grouped.empty() ? "." : "-^(" + grouped + ")(/|$)");
+}
+
+// Answers the exit status. Benchmarks that are compared are run in turns, so many times, so that
+// what else the machine does meets both alike; with --smoke the small sizes alone, once and for a
+// moment. `more` reports what is not the time of one benchmark.
 inline int runAndReport(int argc, char** argv, int repetitions,
                         const std::vector<Measured>& figures,
                         const std::function<void(const ShortestTimes&)>& more = {}) {
@@ -86,6 +124,8 @@ inline int runAndReport(int argc, char** argv, int repetitions,
     words.insert(words.begin() + 1, {"--benchmark_repetitions=" + std::to_string(repetitions),
                                      "--benchmark_enable_random_interleaving=true"});
   }
+  const bool isFiltered = std::ranges::any_of(
+      words, [](std::string_view word) { return word.starts_with("--benchmark_filter"); });
   std::vector<char*> arguments;
   arguments.reserve(words.size());
   for (std::string& word : words) arguments.push_back(word.data());
@@ -93,7 +133,10 @@ inline int runAndReport(int argc, char** argv, int repetitions,
   benchmark::Initialize(&count, arguments.data());
   if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 1;
   ShortestTimes times;
-  benchmark::RunSpecifiedBenchmarks(&times);
+  if (isFiltered)
+    benchmark::RunSpecifiedBenchmarks(&times);
+  else
+    runGroups(figures, times);
   for (const Measured& figure : figures) reportMeasured(figure, times);
   if (more) more(times);
   return times.failed() ? 1 : 0;
