@@ -21,7 +21,6 @@ using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 using testing::StartsWith;
 
 constexpr Heartbeat::Clock::time_point kStart{};

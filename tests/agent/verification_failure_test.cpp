@@ -34,8 +34,8 @@ Function* real(const char* name) {
 
 }  // namespace
 
-extern "C" dirent* readdir(DIR* folder) {
-  if (!fails(::dirfd(folder))) return real<dirent*(DIR*)>("readdir")(folder);
+extern "C" dirent* readdir(DIR* dirp) {
+  if (!fails(::dirfd(dirp))) return real<dirent*(DIR*)>("readdir")(dirp);
   errno = EIO;
   return nullptr;
 }

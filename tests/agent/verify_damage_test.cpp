@@ -11,7 +11,6 @@
 namespace kddc::test {
 namespace {
 
-using testing::Contains;
 using testing::HasSubstr;
 
 struct VerifyDamage : WatchTest {

@@ -199,7 +199,7 @@ TEST_F(Verify, WhatIsMountedBelowAndKddcsOwnFilesAreNotExpected) {
   fs::create_directory(*this / "mounted");
   ASSERT_EQ(run({"scan", "-q", volume, "--catalogue", *this / "d/catalogue"}).exitCode, 0);
   ASSERT_EQ(::mount("none", (*this / "mounted").c_str(), "tmpfs", 0, nullptr), 0);
-  std::ofstream(*this / "mounted/file");
+  std::ofstream(*this / "mounted/file") << "text";
   const Outcome outcome = run({"verify", volume, "--catalogue", *this / "d/catalogue"});
   EXPECT_THAT(outcome.out, HasSubstr("mounted: only in the catalogue\n"));
   EXPECT_THAT(outcome.out, testing::Not(HasSubstr("only on the disk"))) << outcome;
@@ -271,7 +271,7 @@ TEST_F(Verify, WhereThereAreNoFileHandlesInodeNumbersWillDo) {
   if (const std::string why = LoopMount::whyNot("overlay"); !why.empty()) GTEST_SKIP() << why;
   const LoopMount overlay("overlay");
   std::ofstream(overlay / "file") << "text";
-  std::ofstream(overlay / "gone");
+  std::ofstream(overlay / "gone") << "text";
   EXPECT_EQ(run({"scan", "-q", overlay.path()}).exitCode, 0);
   EXPECT_EQ(run({"verify", overlay.path()}).exitCode, 0);
   std::ofstream(overlay / "file") << "more text";

@@ -12,7 +12,6 @@ namespace kddc::test {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 struct WatchVolumes : WatchTest {

@@ -14,7 +14,6 @@
 using kddc::test::add;
 using kddc::test::exceptionOf;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 

@@ -12,7 +12,6 @@
 
 namespace {
 
-using kddc::test::fidOf;
 using kddc::test::kPending;
 using kddc::test::LogCapture;
 using kddc::test::MapSizeSetting;

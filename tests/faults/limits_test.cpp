@@ -41,7 +41,7 @@ struct Limits : FaultTest {
       if (answer.exitCode != 0) return answer.err.starts_with("kddc: ");  // none to answer with
       const auto told = nlohmann::json::parse(answer.out);
       isLive_ = told["state"] == "live";
-      return isLive_ || told["stale_reason"] != "";
+      return isLive_ || !told["stale_reason"].get<std::string>().empty();
     };
     EXPECT_TRUE(comesTrue(isTold, std::chrono::seconds(20)));
     if (isLive_ && !program.hasEnded() && run({"flush", volume}).exitCode == 0) {

@@ -59,14 +59,14 @@ struct Path {
     const long bytes = syscall(SYS_readlinkat, AT_FDCWD, link, text, sizeof text);
     length = bytes > 0 ? static_cast<std::size_t>(bytes) : 0;
   }
-  operator std::string_view() const { return {text, length}; }
+  std::string_view view() const { return {text, length}; }
 };
 
 bool covers(std::string_view path) {
   return path.starts_with(static_cast<const char*>(control->folder));
 }
 std::string_view pathOf(const Path& path) {
-  return path;
+  return path.view();
 }
 std::string_view pathOf(std::string_view path) {
   return path;

@@ -73,7 +73,7 @@ Texts settings() {
   return {"# comment\n[DataClassification]\nSqlitePageSize = 4096 ; more\ndRawBufferDir: /var/b\n",
           "\xef\xbb\xbf[A]\r\nkey=-1\r\nkey=+2\r\n[B]\r\nkey=\r\n", "key = 9223372036854775808\n",
           "[a\n[" + std::string(50, 'x') + "]\n" + std::string(200, 'y') + "\nkey\n= 1\n",
-          std::string("a=#b;c :d\n\0=1\n", 15)};
+          std::string("a=#b;c :d\n\0=1\n", 14)};
 }
 
 Texts pointsInTime() {

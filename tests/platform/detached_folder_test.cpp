@@ -79,7 +79,7 @@ TEST_P(Detached, OpensFilesByTheirIdentifiers) {
 }
 
 TEST_P(Detached, TellsTheNamesThatSomethingIsMountedOn) {
-  std::ofstream(*mount / "file");
+  std::ofstream(*mount / "file") << "text";
   cover("a/b");
   cover("c");
   ASSERT_EQ(::mount("/dev/null", (*mount / "file").c_str(), nullptr, MS_BIND, nullptr), 0);
@@ -166,7 +166,7 @@ TEST_P(DetachedAnywhere, WithoutTheRightToItTheFolderIsOpenedAsEver) {
 }
 
 TEST_P(DetachedAnywhere, WhatIsNoFolderCannotBeOpened) {
-  std::ofstream(*mount / "file");
+  std::ofstream(*mount / "file") << "text";
   for (const auto& [name, error] : {std::pair("none", ENOENT), {"file", ENOTDIR}}) {
     try {
       DetachedFolder folder(*mount / name);

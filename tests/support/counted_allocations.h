@@ -3,6 +3,7 @@
 //
 // Counts every allocation of the program, from its beginning on, and lets one fail. It replaces
 // operator new, so only one file of a program may include it.
+// NOLINTBEGIN(misc-definitions-in-headers)
 #pragma once
 
 #include <atomic>
@@ -28,3 +29,4 @@ inline std::atomic<long> leftUntilFailure = -1;  // negative: none fails
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
+// NOLINTEND(misc-definitions-in-headers)
