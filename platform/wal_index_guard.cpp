@@ -30,9 +30,8 @@ const sqlite3_io_methods& realOf(const sqlite3_file* file) {
 // A kernel before 5.14 cannot tell and is believed, and so is memory that is only read.
 bool canBeWritten(volatile void* piece) {
   static const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-  const auto begin = reinterpret_cast<std::uintptr_t>(piece);
-  const std::uintptr_t offset = begin % page;
-  void* const from = reinterpret_cast<void*>(begin - offset);
+  const std::uintptr_t offset = reinterpret_cast<std::uintptr_t>(piece) % page;
+  char* const from = static_cast<char*>(const_cast<void*>(piece)) - offset;
   return madvise(from, offset + kPiece, MADV_POPULATE_WRITE) == 0 || errno != EFAULT;
 }
 
