@@ -20,6 +20,19 @@ using testing::ElementsAre;
 
 constexpr char kPlaceholder[] = "9223372036854775807";
 
+// What the connection runs from now on, with the values bound.
+void noteStatements(sqlite3* connection, std::vector<std::string>& seen) {
+  sqlite3_trace_v2(
+      connection, SQLITE_TRACE_STMT,
+      [](unsigned, void* out, void* statement, void*) {
+        char* text = sqlite3_expanded_sql(static_cast<sqlite3_stmt*>(statement));
+        static_cast<std::vector<std::string>*>(out)->emplace_back(text);
+        sqlite3_free(text);
+        return 0;
+      },
+      &seen);
+}
+
 TEST_F(RowOperations, AnInsertWritesAFileAndItsIdentifier) {
   StatFidName_s e = entry("a.txt", 'A', kRegular);
   e.st.st_mtime = kFarAhead;
@@ -43,15 +56,7 @@ TEST_F(RowOperations, AFilesSizeIsKnownOnlyAfterASecondStatement) {
   int type = 7;
   StatFidName_s e = entry("a", 'A', kRegular);
   std::vector<std::string> seen;
-  sqlite3_trace_v2(
-      db.filesDb->handle, SQLITE_TRACE_STMT,
-      [](unsigned, void* out, void* statement, void*) {
-        char* text = sqlite3_expanded_sql(static_cast<sqlite3_stmt*>(statement));
-        static_cast<std::vector<std::string>*>(out)->emplace_back(text);
-        sqlite3_free(text);
-        return 0;
-      },
-      &seen);
+  noteStatements(db.filesDb->handle, seen);
   EXPECT_EQ(db.InsertFile(&e, 0, &type, 5), 0);
   type = 7;
   e.st.st_mode = kDirectory;
@@ -64,15 +69,7 @@ TEST_F(RowOperations, AFilesSizeIsKnownOnlyAfterASecondStatement) {
 
 TEST_F(RowOperations, AFoldersSequenceNumberPassesThroughThePlaceholderToo) {
   std::vector<std::string> seen;
-  sqlite3_trace_v2(
-      db.fidDb->handle, SQLITE_TRACE_STMT,
-      [](unsigned, void* out, void* statement, void*) {
-        char* text = sqlite3_expanded_sql(static_cast<sqlite3_stmt*>(statement));
-        static_cast<std::vector<std::string>*>(out)->emplace_back(text);
-        sqlite3_free(text);
-        return 0;
-      },
-      &seen);
+  noteStatements(db.fidDb->handle, seen);
   const fsf_fid fid{};
   EXPECT_EQ(db.InsertFid(&fid, 3, 1), 0);
   EXPECT_EQ(db.InsertFid(&fid, 4, 0), 0);
