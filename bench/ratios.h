@@ -88,8 +88,8 @@ inline std::vector<std::set<std::string>> groupsOf(const std::vector<Measured>& 
     const auto shares = [&](const std::set<std::string>& other) {
       return other.contains(figure.ours) || other.contains(figure.floor);
     };
-    for (auto& other : groups)
-      if (shares(other)) group.merge(other);
+    for (const auto& other : groups)
+      if (shares(other)) group.insert(other.begin(), other.end());
     std::erase_if(groups, shares);
     groups.push_back(std::move(group));
   }
