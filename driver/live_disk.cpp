@@ -28,7 +28,7 @@ namespace {
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kEntryFlags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kWayFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-constexpr int kTries = 100;  // the second has always been enough
+constexpr int kTries = 100;  // real want of memory says the same, and may not end
 // From so many names that are not there on a list of the folder costs less; one of a larger folder
 // would cost more than it spares.
 constexpr int kWorthListing = 4;
